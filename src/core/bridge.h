@@ -2,6 +2,7 @@
 // four-character codes, and the table of debug-trace channels.
 #pragma once
 
+#include <exception>
 #include <string>
 
 // A one-character string.
@@ -23,3 +24,34 @@ std::string OSTypeToString(unsigned long code);
 // so it may be used from static initialisers and from any thread.
 void setdebugchannel(std::string file, int level, bool on);
 bool debugchannelon(std::string const& file, int level);
+
+// Scope guard: calls `selector` on `target` when the scope ends, also when
+// an exception leaves it. An exception from the call itself propagates when
+// the scope ends normally and is dropped while another one is unwinding (two
+// in flight would end the process). Used to pair willUpdateMode with
+// didUpdateMode.
+template <class T>
+class CallObjCOnDestruct {
+public:
+    CallObjCOnDestruct(T* target, void (T::*selector)())
+        : target_(target), selector_(selector), exceptionsAtEntry_(std::uncaught_exceptions()) {}
+    CallObjCOnDestruct(CallObjCOnDestruct const&) = delete;
+    CallObjCOnDestruct& operator=(CallObjCOnDestruct const&) = delete;
+    ~CallObjCOnDestruct() noexcept(false)
+    {
+        if (!target_) return;
+        if (std::uncaught_exceptions() > exceptionsAtEntry_) {
+            try {
+                (target_->*selector_)();
+            } catch (...) {
+            }
+        } else {
+            (target_->*selector_)();
+        }
+    }
+
+private:
+    T* target_;
+    void (T::*selector_)();
+    int exceptionsAtEntry_;
+};
