@@ -26,8 +26,13 @@ Track::Track(int id, MediaType type, std::shared_ptr<const Media> media, std::in
 
 void Track::setEditList(std::shared_ptr<const EditList> list)
 {
-    edits_.store(list ? std::move(list) : std::make_shared<const EditList>());
+    if (!list) list = std::make_shared<const EditList>();
+    {
+        std::lock_guard<std::mutex> g(editsLock_);
+        edits_.swap(list);
+    }
     changes_.fetch_add(1);
+    // The old list, if this held its last reference, is freed here, outside the lock.
 }
 
 void Track::replace(EditList list)

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -55,7 +56,11 @@ public:
     void setDisplayName(std::string name) { displayName_ = std::move(name); }
 
     // Snapshot of the edit list; safe from any thread.
-    std::shared_ptr<const EditList> editList() const { return edits_.load(); }
+    std::shared_ptr<const EditList> editList() const
+    {
+        std::lock_guard<std::mutex> g(editsLock_);
+        return edits_;
+    }
     // Increases with every change of the edit list; safe from any thread.
     std::uint64_t changeCount() const { return changes_.load(); }
     // Replaces the whole edit list (the loader and edit states use it).
@@ -90,7 +95,9 @@ private:
     std::int32_t timeScale_;
     bool enabled_ = true;
     std::string displayName_;
-    std::atomic<std::shared_ptr<const EditList>> edits_;
+    // The lock guards only the pointer swap and copy; a list never changes.
+    mutable std::mutex editsLock_;
+    std::shared_ptr<const EditList> edits_;
     std::atomic<std::uint64_t> changes_{0};
 
     void replace(EditList list);
