@@ -1,0 +1,316 @@
+#include "AudioRenderer.h"
+
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+
+namespace media {
+
+namespace {
+constexpr std::int64_t kPreroll = 4096;    // samples decoded before a seek target
+constexpr int kFeed = 4096;                // input samples per resampler call
+constexpr int kResamplerContext = 2048;    // input fed before a scaled segment's start
+} // namespace
+
+AudioDecoder::AudioDecoder(std::shared_ptr<const FileMedia> media)
+    : media_(std::move(media)), packet_(makePacket()), frame_(makeFrame())
+{
+    if (!media_ || media_->type != dm::MediaType::Sound) throw MediaError("Not a sound track.");
+    input_ = media_->file->openInput(false);
+    AVFormatContext* fmt = input_.format.get();
+    if (static_cast<int>(fmt->nb_streams) <= media_->streamIndex) check(avformat_find_stream_info(fmt, nullptr), "Reading streams");
+    if (static_cast<int>(fmt->nb_streams) <= media_->streamIndex) throw MediaError("The sound stream is missing.");
+    for (unsigned i = 0; i < fmt->nb_streams; ++i)
+        fmt->streams[i]->discard = static_cast<int>(i) == media_->streamIndex ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+
+    AVCodec const* dec = avcodec_find_decoder(media_->codecpar->codec_id);
+    if (!dec) throw MediaError(std::string("No decoder for the sound codec ") + avcodec_get_name(media_->codecpar->codec_id) + ".");
+    codec_.reset(avcodec_alloc_context3(dec));
+    if (!codec_) throw MediaError("Out of memory.");
+    check(avcodec_parameters_to_context(codec_.get(), media_->codecpar), "Setting up the sound decoder");
+    codec_->pkt_timebase = fmt->streams[media_->streamIndex]->time_base;
+    check(avcodec_open2(codec_.get(), dec, nullptr), "Opening the sound decoder");
+    channels_ = codec_->ch_layout.nb_channels > 0 ? codec_->ch_layout.nb_channels : media_->channels;
+    sampleRate_ = media_->sampleRate;
+    if (channels_ <= 0) throw MediaError("The sound track has no channels.");
+    window_.assign(static_cast<std::size_t>(channels_), {});
+}
+
+AudioDecoder::~AudioDecoder() = default;
+
+void AudioDecoder::seekTo(std::int64_t sample)
+{
+    std::int64_t target = std::max<std::int64_t>(0, sample);
+    std::int64_t pts = media_->ptsFromTicks(target);
+    int rc = av_seek_frame(input_.format.get(), media_->streamIndex, pts, AVSEEK_FLAG_BACKWARD);
+    if (rc < 0) av_seek_frame(input_.format.get(), media_->streamIndex, media_->startPts, AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_ANY);
+    avcodec_flush_buffers(codec_.get());
+    for (auto& c : window_) c.clear();
+    haveStart_ = false;
+    eof_ = false;
+}
+
+void AudioDecoder::append(AVFrame const* frame, std::int64_t position)
+{
+    int n = frame->nb_samples;
+    if (n <= 0) return;
+    std::int64_t end = windowStart_ + static_cast<std::int64_t>(window_[0].size());
+    std::size_t skip = 0;
+    if (!haveStart_) {
+        windowStart_ = position;
+        haveStart_ = true;
+    } else if (position != AV_NOPTS_VALUE) {
+        // Follow the stream's own time stamps across gaps and overlaps; small
+        // jitter (less than 2 ms) is rounding and is ignored.
+        std::int64_t tolerance = std::max(32, sampleRate_ / 500);
+        if (position > end + tolerance) {
+            for (auto& c : window_) c.resize(c.size() + static_cast<std::size_t>(position - end), 0.0f);
+        } else if (position < end - tolerance) {
+            skip = static_cast<std::size_t>(std::min<std::int64_t>(n, end - position));
+        }
+    }
+    std::vector<float*> dst(static_cast<std::size_t>(channels_));
+    std::size_t old = window_[0].size();
+    for (int c = 0; c < channels_; ++c) window_[c].resize(old + static_cast<std::size_t>(n));
+    if (frame->format == AV_SAMPLE_FMT_FLTP && frame->ch_layout.nb_channels == channels_) {
+        for (int c = 0; c < channels_; ++c)
+            std::memcpy(window_[c].data() + old, frame->extended_data[c], sizeof(float) * static_cast<std::size_t>(n));
+    } else {
+        if (!convert_) {
+            SwrContext* s = nullptr;
+            AVChannelLayout outLayout;
+            av_channel_layout_default(&outLayout, channels_);
+            AVChannelLayout inLayout = frame->ch_layout;
+            check(swr_alloc_set_opts2(&s, &outLayout, AV_SAMPLE_FMT_FLTP, frame->sample_rate, &inLayout,
+                                      static_cast<AVSampleFormat>(frame->format), frame->sample_rate, 0, nullptr),
+                  "Setting up sample conversion");
+            convert_.reset(s);
+            check(swr_init(s), "Setting up sample conversion");
+        }
+        for (int c = 0; c < channels_; ++c) dst[c] = window_[c].data() + old;
+        int got = check(swr_convert(convert_.get(), reinterpret_cast<std::uint8_t**>(dst.data()), n,
+                                    const_cast<std::uint8_t const**>(frame->extended_data), n),
+                        "Converting samples");
+        for (auto& c : window_) c.resize(old + static_cast<std::size_t>(got));
+    }
+    if (skip > 0)
+        for (auto& c : window_) c.erase(c.begin() + static_cast<std::ptrdiff_t>(old), c.begin() + static_cast<std::ptrdiff_t>(std::min(c.size(), old + skip)));
+}
+
+bool AudioDecoder::decodeMore()
+{
+    AVFormatContext* fmt = input_.format.get();
+    for (;;) {
+        int rc = avcodec_receive_frame(codec_.get(), frame_.get());
+        if (rc == 0) {
+            std::int64_t ts = frame_->best_effort_timestamp;
+            std::int64_t pos = ts == AV_NOPTS_VALUE ? AV_NOPTS_VALUE : media_->ticksFromPts(ts);
+            if (!haveStart_ && pos == AV_NOPTS_VALUE) pos = 0;
+            append(frame_.get(), pos);
+            av_frame_unref(frame_.get());
+            return true;
+        }
+        if (rc == AVERROR_EOF) {
+            eof_ = true;
+            return false;
+        }
+        if (rc != AVERROR(EAGAIN)) continue; // a damaged frame: go on with the next
+        if (eof_) return false;
+        rc = av_read_frame(fmt, packet_.get());
+        if (rc < 0) {
+            avcodec_send_packet(codec_.get(), nullptr);
+            eof_ = true; // demuxer done; drain the decoder
+            // The decoder still gives its last frames; receive them above.
+            for (;;) {
+                int r = avcodec_receive_frame(codec_.get(), frame_.get());
+                if (r != 0) return false;
+                std::int64_t ts = frame_->best_effort_timestamp;
+                append(frame_.get(), ts == AV_NOPTS_VALUE ? AV_NOPTS_VALUE : media_->ticksFromPts(ts));
+                av_frame_unref(frame_.get());
+                return true;
+            }
+        }
+        if (packet_->stream_index == media_->streamIndex) avcodec_send_packet(codec_.get(), packet_.get()); // damaged packets are skipped
+        av_packet_unref(packet_.get());
+    }
+}
+
+void AudioDecoder::trimFront(std::int64_t keepFrom)
+{
+    std::int64_t drop = keepFrom - windowStart_;
+    if (drop < 8LL * sampleRate_) return; // compact rarely: erasing is linear
+    drop = std::min<std::int64_t>(drop, static_cast<std::int64_t>(window_[0].size()));
+    for (auto& c : window_) c.erase(c.begin(), c.begin() + static_cast<std::ptrdiff_t>(drop));
+    windowStart_ += drop;
+}
+
+void AudioDecoder::read(std::int64_t first, int count, float* const* out, std::size_t offset)
+{
+    for (int c = 0; c < channels_; ++c) std::fill(out[c] + offset, out[c] + offset + count, 0.0f);
+    std::int64_t a = std::max<std::int64_t>(first, 0);
+    std::int64_t b = std::min<std::int64_t>(first + count, media_->length);
+    if (a >= b) return;
+
+    auto windowEnd = [&] { return windowStart_ + static_cast<std::int64_t>(window_[0].size()); };
+    bool farAhead = haveStart_ && a > windowEnd() + 4LL * sampleRate_;
+    if (!haveStart_ || a < windowStart_ || farAhead) {
+        std::int64_t preroll = kPreroll;
+        for (int attempt = 0;; ++attempt) {
+            seekTo(a - preroll);
+            while (!haveStart_ && decodeMore()) {
+            }
+            if (!haveStart_ || windowStart_ <= a || a - preroll <= 0 || attempt > 6) break;
+            preroll *= 8; // the seek landed after the target: go further back
+        }
+        if (haveStart_ && windowStart_ > a) {
+            // Seeking cannot reach the target: read from the start instead.
+            seekTo(0);
+            av_seek_frame(input_.format.get(), media_->streamIndex, INT64_MIN, AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_ANY);
+        }
+    }
+    while ((!haveStart_ || windowEnd() < b) && decodeMore()) {
+    }
+    if (!haveStart_) return;
+    std::int64_t from = std::max(a, windowStart_);
+    std::int64_t to = std::min(b, windowEnd());
+    if (to > from) {
+        for (int c = 0; c < channels_; ++c)
+            std::memcpy(out[c] + offset + (from - first), window_[c].data() + (from - windowStart_),
+                        sizeof(float) * static_cast<std::size_t>(to - from));
+    }
+    trimFront(from - sampleRate_);
+}
+
+struct AudioRenderer::Scaled {
+    dm::Segment seg;
+    std::int64_t segStart = 0;
+    std::int64_t nextOut = 0;  // timeline tick of the next output sample
+    std::int64_t nextIn = 0;   // media sample of the next input fed
+    std::int64_t skip = 0;     // output samples still to drop
+    Swr swr;
+    std::vector<std::vector<float>> pending; // produced, not yet used
+};
+
+AudioRenderer::AudioRenderer(std::shared_ptr<const FileMedia> media) : media_(media), decoder_(media) {}
+AudioRenderer::~AudioRenderer() = default;
+
+int AudioRenderer::channels() const { return decoder_.channels(); }
+int AudioRenderer::sampleRate() const { return decoder_.sampleRate(); }
+
+void AudioRenderer::render(dm::EditList const& list, std::int64_t start, PcmBuffer& out)
+{
+    std::vector<float*> ptrs;
+    for (auto& c : out.channels) ptrs.push_back(c.data());
+    render(list, start, static_cast<int>(out.frames()), ptrs.data(), 0);
+}
+
+void AudioRenderer::render(dm::EditList const& list, std::int64_t start, int count, float* const* out, std::size_t offset)
+{
+    int ch = channels();
+    std::int64_t end = start + count;
+    std::int64_t t = start;
+    auto const& segs = list.segments();
+    auto const& starts = list.starts();
+    // First segment that ends after `start`.
+    std::size_t i = static_cast<std::size_t>(std::upper_bound(starts.begin(), starts.end(), start) - starts.begin());
+    if (i > 0) --i;
+    while (t < end) {
+        if (i < segs.size() && t >= starts[i] + segs[i].duration) {
+            ++i;
+            continue;
+        }
+        if (i >= segs.size() || t < starts[i] || t < 0) {
+            // Before the list, or past its end: silence up to the next segment.
+            std::int64_t until = end;
+            if (i < segs.size() && t < starts[i]) until = std::min(end, starts[i]);
+            if (t < 0) until = std::min(until, std::int64_t{0});
+            for (int c = 0; c < ch; ++c) std::fill(out[c] + offset + (t - start), out[c] + offset + (until - start), 0.0f);
+            t = until;
+            continue;
+        }
+        dm::Segment const& s = segs[i];
+        std::int64_t segEnd = starts[i] + s.duration;
+        int n = static_cast<int>(std::min(end, segEnd) - t);
+        std::size_t at = offset + static_cast<std::size_t>(t - start);
+        if (s.isEmpty()) {
+            for (int c = 0; c < ch; ++c) std::fill(out[c] + at, out[c] + at + n, 0.0f);
+        } else if (s.mediaLength == s.duration) {
+            decoder_.read(s.mediaStart + (t - starts[i]), n, out, at);
+        } else {
+            renderScaled(s, starts[i], t, n, out, at);
+        }
+        t += n;
+        ++i;
+    }
+}
+
+void AudioRenderer::renderScaled(dm::Segment const& seg, std::int64_t segStart, std::int64_t from, int count,
+                                 float* const* out, std::size_t offset)
+{
+    int ch = channels();
+    bool continues = scaled_ && scaled_->seg == seg && scaled_->segStart == segStart && scaled_->nextOut == from;
+    if (!continues) {
+        auto st = std::make_unique<Scaled>();
+        st->seg = seg;
+        st->segStart = segStart;
+        st->nextOut = from;
+        // Exact media position of `from`: mediaStart + o * L / D.
+        std::int64_t L = seg.mediaLength, D = seg.duration;
+        __int128 num = (__int128)seg.mediaStart * D + (__int128)(from - segStart) * L; // position x D
+        std::int64_t floorPos = static_cast<std::int64_t>(num >= 0 ? num / D : -((-num + D - 1) / D));
+        st->nextIn = floorPos - kResamplerContext;
+        // Output sample j lies at input time nextIn + j * L / D.
+        st->skip = dm::roundDiv(num - (__int128)st->nextIn * D, L);
+
+        std::int64_t g = std::gcd(L, D);
+        std::int64_t inRate = L / g, outRate = D / g;
+        while (inRate > INT32_MAX || outRate > INT32_MAX) { // keep the ratio, lose a little precision
+            inRate = (inRate + 1) / 2;
+            outRate = (outRate + 1) / 2;
+        }
+        SwrContext* s = nullptr;
+        AVChannelLayout layout;
+        av_channel_layout_default(&layout, ch);
+        check(swr_alloc_set_opts2(&s, &layout, AV_SAMPLE_FMT_FLTP, static_cast<int>(outRate), &layout, AV_SAMPLE_FMT_FLTP,
+                                  static_cast<int>(inRate), 0, nullptr),
+              "Setting up the resampler");
+        st->swr.reset(s);
+        av_opt_set(s, "resampler", "soxr", 0);
+        av_opt_set_double(s, "precision", 28, 0);
+        check(swr_init(s), "Setting up the soxr resampler");
+        st->pending.assign(static_cast<std::size_t>(ch), {});
+        scaled_ = std::move(st);
+    }
+    Scaled& st = *scaled_;
+    std::vector<std::vector<float>> in(static_cast<std::size_t>(ch), std::vector<float>(kFeed));
+    std::vector<float*> inPtr(static_cast<std::size_t>(ch));
+    std::vector<float*> outPtr(static_cast<std::size_t>(ch));
+    for (int c = 0; c < ch; ++c) inPtr[c] = in[c].data();
+    auto available = [&] { return static_cast<std::int64_t>(st.pending[0].size()); };
+    while (available() - st.skip < count) {
+        decoder_.read(st.nextIn, kFeed, inPtr.data());
+        st.nextIn += kFeed;
+        int room = swr_get_out_samples(st.swr.get(), kFeed);
+        std::size_t old = st.pending[0].size();
+        for (int c = 0; c < ch; ++c) {
+            st.pending[c].resize(old + static_cast<std::size_t>(room));
+            outPtr[c] = st.pending[c].data() + old;
+        }
+        int got = check(swr_convert(st.swr.get(), reinterpret_cast<std::uint8_t**>(outPtr.data()), room,
+                                    const_cast<std::uint8_t const**>(reinterpret_cast<std::uint8_t**>(inPtr.data())), kFeed),
+                        "Resampling");
+        for (auto& c : st.pending) c.resize(old + static_cast<std::size_t>(got));
+        if (st.skip > 0) {
+            std::int64_t drop = std::min<std::int64_t>(st.skip, available());
+            for (auto& c : st.pending) c.erase(c.begin(), c.begin() + drop);
+            st.skip -= drop;
+        }
+    }
+    for (int c = 0; c < ch; ++c) {
+        std::memcpy(out[c] + offset, st.pending[c].data(), sizeof(float) * static_cast<std::size_t>(count));
+        st.pending[c].erase(st.pending[c].begin(), st.pending[c].begin() + count);
+    }
+    st.nextOut += count;
+}
+
+} // namespace media

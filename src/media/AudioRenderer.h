@@ -1,0 +1,87 @@
+// Rendering a sound track's edit list to PCM: planar float at the media's
+// sample rate and channel layout.
+#pragma once
+
+#include "FFmpeg.h"
+#include "MovieFile.h"
+#include "movie/EditList.h"
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace media {
+
+// Planar float samples: one vector per channel.
+struct PcmBuffer {
+    std::vector<std::vector<float>> channels;
+    PcmBuffer() = default;
+    PcmBuffer(int channelCount, std::size_t frames) : channels(static_cast<std::size_t>(channelCount), std::vector<float>(frames)) {}
+    std::size_t frames() const { return channels.empty() ? 0 : channels.front().size(); }
+    void resize(std::size_t frames)
+    {
+        for (auto& c : channels) c.resize(frames);
+    }
+};
+
+// Sample-accurate reads of one sound stream: decodes with seeking and keeps
+// a window of recent decoded samples, so sequential and nearby reads are
+// cheap. Not thread-safe: one decoder per thread.
+class AudioDecoder {
+public:
+    explicit AudioDecoder(std::shared_ptr<const FileMedia> media);
+    ~AudioDecoder();
+
+    int channels() const { return channels_; }
+    int sampleRate() const { return sampleRate_; }
+    // Copies `count` samples starting at media sample `first` into
+    // out[c][offset ...]; positions outside the media read as silence.
+    void read(std::int64_t first, int count, float* const* out, std::size_t offset = 0);
+
+private:
+    void seekTo(std::int64_t sample);
+    bool decodeMore(); // appends the next frame to the window; false at the end
+    void append(AVFrame const* frame, std::int64_t position);
+    void trimFront(std::int64_t keepFrom);
+
+    std::shared_ptr<const FileMedia> media_;
+    SourceFile::Input input_;
+    CodecContext codec_;
+    Swr convert_; // to planar float when the decoder gives another format
+    Packet packet_;
+    Frame frame_;
+    int channels_ = 0;
+    int sampleRate_ = 0;
+    bool eof_ = false;
+    bool haveStart_ = false; // the window's start position is known
+    std::int64_t windowStart_ = 0;
+    std::vector<std::vector<float>> window_; // decoded samples from windowStart_
+};
+
+// Renders edit lists of sound tracks that play one medium. Scaled segments
+// are resampled with the soxr engine (pitch follows speed); segment
+// boundaries are exact to the sample. Random access costs one seek; reading
+// on from where the last render ended costs nothing extra.
+class AudioRenderer {
+public:
+    explicit AudioRenderer(std::shared_ptr<const FileMedia> media);
+    ~AudioRenderer();
+
+    int channels() const;
+    int sampleRate() const;
+    // Renders `count` samples of `list` from timeline tick `start` (ticks are
+    // samples: a sound track's scale is its sample rate) into out[c][offset..].
+    void render(dm::EditList const& list, std::int64_t start, int count, float* const* out, std::size_t offset = 0);
+    void render(dm::EditList const& list, std::int64_t start, PcmBuffer& out);
+
+private:
+    struct Scaled;
+    void renderScaled(dm::Segment const& seg, std::int64_t segStart, std::int64_t from, int count, float* const* out,
+                      std::size_t offset);
+
+    std::shared_ptr<const FileMedia> media_;
+    AudioDecoder decoder_;
+    std::unique_ptr<Scaled> scaled_;
+};
+
+} // namespace media

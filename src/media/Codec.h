@@ -1,0 +1,66 @@
+// The send/receive loops of FFmpeg's codecs, wrapped once.
+#pragma once
+
+#include "FFmpeg.h"
+#include "MovieFile.h"
+
+#include <functional>
+#include <string>
+
+namespace media {
+
+// An encoder writing into one stream of an output file. Time stamps of the
+// frames sent are in the codec's time base; packets are rescaled to the
+// stream's and interleaved into the file.
+class Encoder {
+public:
+    // `configure` sets the codec context up before it is opened.
+    Encoder(AVFormatContext* out, char const* codecName, std::function<void(AVCodecContext*)> const& configure);
+    Encoder(AVFormatContext* out, AVCodecID id, std::function<void(AVCodecContext*)> const& configure);
+
+    AVCodecContext* context() const { return ctx_.get(); }
+    AVStream* stream() const { return stream_; }
+    // Encodes a frame; null drains the encoder.
+    void send(AVFrame const* frame);
+    std::int64_t bytesWritten() const { return bytes_; }
+
+private:
+    void open(AVCodec const* codec, std::function<void(AVCodecContext*)> const& configure);
+    AVFormatContext* out_;
+    CodecContext ctx_;
+    AVStream* stream_ = nullptr;
+    Packet packet_;
+    std::int64_t bytes_ = 0;
+};
+
+// Sequential decoding of one video stream, with seeking.
+class VideoDecoder {
+public:
+    explicit VideoDecoder(std::shared_ptr<const FileMedia> media);
+    // The next frame in presentation order; false at the end.
+    bool next(AVFrame* frame);
+    // Goes to the key frame at or before `pts` (stream time base).
+    void seek(std::int64_t pts);
+    AVCodecContext* context() const { return codec_.get(); }
+    AVRational timeBase() const { return media_->timeBase; }
+
+private:
+    std::shared_ptr<const FileMedia> media_;
+    SourceFile::Input input_;
+    CodecContext codec_;
+    Packet packet_;
+    bool draining_ = false;
+};
+
+// Converts frames to another size and pixel format.
+class Scaler {
+public:
+    // Returns a frame of `w` x `h` in `fmt`, converted from `src`.
+    AVFrame* convert(AVFrame const* src, int w, int h, AVPixelFormat fmt);
+
+private:
+    Sws sws_;
+    Frame out_ = makeFrame();
+};
+
+} // namespace media

@@ -1,0 +1,56 @@
+// The demo and test movie: a test pattern with a white flash every few
+// seconds and a click in the sound at each flash, the sound deliberately out
+// of sync; and the detector that measures flashes against clicks.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace media {
+
+struct TestMovieSpec {
+    double seconds = 60;
+    int width = 640, height = 360;
+    int fpsNum = 25, fpsDen = 1;
+    int sampleRate = 48000;
+    int channels = 2;
+    double flashInterval = 2.0;  // seconds between flashes
+    // The click that belongs to a flash at movie time T lies at unedited
+    // audio time audioOffset + audioRate x T.
+    double audioOffset = 0.35;
+    double audioRate = 1.0 / 1.004;
+    std::string videoCodec = "libx264"; // or "mpeg4"
+    std::string audioCodec = "aac";     // or "pcm_s16le"
+    int audioBitRate = 128000;
+    std::string format = "mov";
+    // Extra sound tracks: a copy of the sound, enabled or not.
+    int extraSoundTracks = 0;
+    bool extraSoundEnabled = false;
+    bool withSound = true;
+};
+
+// The movie time of every flash of a movie made from `spec` (exact frame
+// times) and the unedited audio time of its click.
+struct SyncMark {
+    double movieTime;
+    double audioTime;
+};
+std::vector<SyncMark> testMovieMarks(TestMovieSpec const& spec);
+
+// Writes the movie. Throws MediaError.
+void writeTestMovie(std::string const& path, TestMovieSpec const& spec);
+
+// Flashes (frames much brighter than their neighbours) and clicks (sudden
+// loud onsets) as players see them: movie times in seconds, from the file's
+// enabled video and sound streams.
+struct SyncMeasurement {
+    std::vector<double> flashes;
+    std::vector<double> clicks;
+    // For each flash, the click nearest to it minus the flash time.
+    std::vector<double> errors;
+    double worst() const;
+};
+SyncMeasurement measureSync(std::string const& path);
+
+} // namespace media
