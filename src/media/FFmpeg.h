@@ -89,8 +89,8 @@ struct IOContextDeleter {
 };
 using IOContext = std::unique_ptr<AVIOContext, IOContextDeleter>;
 
-// FFmpeg's own log: errors only, unless DUBMATCH_FFMPEG_LOG names another
-// level (quiet, error, warning, info, verbose, debug).
+// FFmpeg's own log: off (our errors say what failed), unless DUBMATCH_FFMPEG_LOG names another
+// level (error, warning, info, verbose, debug).
 void setupMediaLogging();
 
 Frame makeFrame();

@@ -24,10 +24,10 @@ int check(int code, std::string const& what)
 
 void setupMediaLogging()
 {
-    int level = AV_LOG_ERROR;
+    int level = AV_LOG_QUIET;
     if (char const* env = std::getenv("DUBMATCH_FFMPEG_LOG")) {
         std::string v = env;
-        if (v == "quiet") level = AV_LOG_QUIET;
+        if (v == "error") level = AV_LOG_ERROR;
         else if (v == "warning") level = AV_LOG_WARNING;
         else if (v == "info") level = AV_LOG_INFO;
         else if (v == "verbose") level = AV_LOG_VERBOSE;
