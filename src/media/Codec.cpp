@@ -40,6 +40,10 @@ void Encoder::send(AVFrame const* frame)
         rc = avcodec_receive_packet(ctx_.get(), packet_.get());
         if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return;
         check(rc, std::string("Encoding with ") + ctx_->codec->name);
+        // Without a duration the last picture would fall outside the
+        // container's edit list, and players would drop it.
+        if (packet_->duration == 0 && ctx_->codec_type == AVMEDIA_TYPE_VIDEO && ctx_->framerate.num > 0)
+            packet_->duration = av_rescale_q(1, av_inv_q(ctx_->framerate), ctx_->time_base);
         av_packet_rescale_ts(packet_.get(), ctx_->time_base, stream_->time_base);
         packet_->stream_index = stream_->index;
         bytes_ += packet_->size;

@@ -1,0 +1,82 @@
+#include "MediaTestSupport.h"
+
+#include <dirent.h>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <stdexcept>
+#include <unistd.h>
+
+namespace testsupport {
+
+namespace {
+// FFmpeg's and the encoders' chatter stays out of the test logs.
+struct QuietMedia {
+    QuietMedia() { media::setupMediaLogging(); }
+} quietMedia;
+} // namespace
+
+ScratchDir::ScratchDir()
+{
+    std::string pattern = (std::filesystem::temp_directory_path() / "dubmatch-test-XXXXXX").string();
+    std::vector<char> buf(pattern.begin(), pattern.end());
+    buf.push_back('\0');
+    if (!mkdtemp(buf.data())) throw std::runtime_error("cannot make a scratch folder");
+    path_ = buf.data();
+}
+
+ScratchDir::~ScratchDir()
+{
+    std::error_code ec;
+    std::filesystem::permissions(path_, std::filesystem::perms::owner_all, std::filesystem::perm_options::add, ec);
+    std::filesystem::remove_all(path_, ec);
+}
+
+media::TestMovieSpec smallSpec(double seconds, double offset, double rate)
+{
+    media::TestMovieSpec s;
+    s.seconds = seconds;
+    s.width = 320;
+    s.height = 240;
+    s.audioOffset = offset;
+    s.audioRate = rate;
+    return s;
+}
+
+std::string cachedMovie(std::string const& name, media::TestMovieSpec const& spec)
+{
+    static ScratchDir dir; // lives until the process ends
+    static std::map<std::string, std::string> made;
+    auto it = made.find(name);
+    if (it != made.end()) return it->second;
+    std::string path = dir.file(name);
+    media::writeTestMovie(path, spec);
+    made[name] = path;
+    return path;
+}
+
+std::string readFile(std::string const& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void writeFile(std::string const& path, std::string const& bytes)
+{
+    std::ofstream out(path, std::ios::binary);
+    out << bytes;
+}
+
+bool exists(std::string const& path) { return access(path.c_str(), F_OK) == 0; }
+
+std::vector<std::string> listDir(std::string const& path)
+{
+    std::vector<std::string> names;
+    for (auto const& e : std::filesystem::directory_iterator(path)) names.push_back(e.path().filename().string());
+    return names;
+}
+
+} // namespace testsupport

@@ -1,0 +1,230 @@
+#include "Codec.h"
+#include "MediaTestSupport.h"
+#include "MovieWriter.h"
+#include "OffsetList.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace media;
+using namespace testsupport;
+
+namespace {
+
+void syncToMarks(dm::Movie& movie, TestMovieSpec const& spec, OffsetList& list)
+{
+    (void)movie;
+    std::vector<Offset> pts;
+    for (auto const& m : testMovieMarks(spec)) pts.emplace_back(myQTTime(m.movieTime, 48000), myQTTime(m.audioTime, 48000));
+    list.replacePoints(pts);
+}
+
+int disabledSoundTracks(std::string const& path)
+{
+    int n = 0;
+    OpenedMovie om = openMovie(path);
+    for (auto const& t : om.movie->tracks())
+        if (t->mediaType() == dm::MediaType::Sound && !t->isEnabled()) ++n;
+    return n;
+}
+
+TEST(Writer, SaveInPlaceReplacesTheFileAndTheMovieKeepsWorking)
+{
+    ScratchDir dir;
+    auto spec = smallSpec(10, 0.25, 1.0);
+    std::string path = dir.file("talk.mov");
+    writeFile(path, readFile(cachedMovie("quarter-late.mov", spec)));
+    chmod(path.c_str(), 0640);
+
+    OpenedMovie om = openMovie(path);
+    OffsetList list(om.movie.get(), nullptr);
+    syncToMarks(*om.movie, spec, list);
+    saveInPlace(*om.movie, path);
+    EXPECT_EQ(listDir(dir.path()), std::vector<std::string>{"talk.mov"});
+    struct stat st {};
+    stat(path.c_str(), &st);
+    EXPECT_EQ(st.st_mode & 0777, 0640u);
+    EXPECT_LT(measureSync(path).worst(), 0.001);
+    EXPECT_EQ(disabledSoundTracks(path), 1);
+
+    // Edit again and save again: the movie still reads its original sound.
+    list.remove(list.getIterator(0));
+    while (!list.points().empty()) list.remove(list.getIterator(0));
+    saveInPlace(*om.movie, path);
+    EXPECT_EQ(disabledSoundTracks(path), 0);
+    EXPECT_NEAR(measureSync(path).worst(), 0.25, 0.001);
+    EXPECT_EQ(listDir(dir.path()), std::vector<std::string>{"talk.mov"});
+}
+
+TEST(Writer, AStopOrAFailureLeavesNothingBehind)
+{
+    ScratchDir dir;
+    auto spec = smallSpec(10, 0.25, 1.0);
+    std::string path = dir.file("talk.mov");
+    std::string original = readFile(cachedMovie("quarter-late.mov", spec));
+    writeFile(path, original);
+    OpenedMovie om = openMovie(path);
+    OffsetList list(om.movie.get(), nullptr);
+    syncToMarks(*om.movie, spec, list);
+
+    // Stopped half way, through the progress callback.
+    std::vector<Phase> phases;
+    auto stopHalfWay = [&](std::string const& op, Phase p, double f) {
+        EXPECT_FALSE(op.empty());
+        phases.push_back(p);
+        return f < 0.5;
+    };
+    EXPECT_THROW(saveInPlace(*om.movie, path, stopHalfWay), Cancelled);
+    EXPECT_EQ(phases.front(), Phase::Begin);
+    EXPECT_EQ(phases.back(), Phase::End);
+    EXPECT_EQ(readFile(path), original);
+    EXPECT_THROW(writeMovie(*om.movie, dir.file("copy.mov"), stopHalfWay), Cancelled);
+    EXPECT_THROW(exportMovie(*om.movie, dir.file("copy.mp4"), ExportType::MPEG4, myQTTime(), stopHalfWay), Cancelled);
+    EXPECT_EQ(listDir(dir.path()), std::vector<std::string>{"talk.mov"});
+
+    // A folder that does not exist.
+    EXPECT_THROW(writeMovie(*om.movie, dir.file("no/such/folder/x.mov")), MediaError);
+
+    // A full disk: the file size limit makes every write past 64 KB fail.
+    struct rlimit old {};
+    getrlimit(RLIMIT_FSIZE, &old);
+    auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    struct rlimit small = old;
+    small.rlim_cur = 64 * 1024;
+    setrlimit(RLIMIT_FSIZE, &small);
+    bool threw = false;
+    try {
+        saveInPlace(*om.movie, path);
+    } catch (MediaError const& e) {
+        threw = true;
+        EXPECT_FALSE(std::string(e.what()).empty());
+    }
+    setrlimit(RLIMIT_FSIZE, &old);
+    std::signal(SIGXFSZ, oldHandler);
+    EXPECT_TRUE(threw);
+    EXPECT_EQ(readFile(path), original);
+    EXPECT_EQ(listDir(dir.path()), std::vector<std::string>{"talk.mov"});
+
+    // A folder we may not write in (root may write anywhere).
+    if (geteuid() != 0) {
+        chmod(dir.path().c_str(), 0555);
+        EXPECT_THROW(saveInPlace(*om.movie, path), MediaError);
+        chmod(dir.path().c_str(), 0755);
+        EXPECT_EQ(readFile(path), original);
+    }
+}
+
+// Mean brightness of each frame of the first enabled video track.
+std::vector<double> frameBrightness(std::string const& path)
+{
+    OpenedMovie om = openMovie(path);
+    dm::TrackPtr video;
+    for (auto const& t : om.movie->tracksOfMediaType(dm::MediaType::Video))
+        if (t->isEnabled()) video = t;
+    if (!video) return {};
+    VideoDecoder dec(std::static_pointer_cast<const FileMedia>(video->media()));
+    Frame f = makeFrame();
+    Scaler gray;
+    std::vector<double> out;
+    while (dec.next(f.get())) {
+        AVFrame* g = gray.convert(f.get(), 32, 24, AV_PIX_FMT_GRAY8);
+        double sum = 0;
+        for (int y = 0; y < 24; ++y)
+            for (int x = 0; x < 32; ++x) sum += g->data[0][y * g->linesize[0] + x];
+        out.push_back(sum / (32 * 24));
+        av_frame_unref(f.get());
+    }
+    return out;
+}
+
+TEST(Writer, EveryExportTypeWritesWhatFFmpegReads)
+{
+    ScratchDir dir;
+    auto spec = smallSpec(8, 0.2, 1.0);
+    std::string source = cachedMovie("fifth-late.mov", spec);
+    OpenedMovie om = openMovie(source);
+    OffsetList list(om.movie.get(), nullptr);
+    syncToMarks(*om.movie, spec, list);
+
+    for (auto const& format : exportFormats()) {
+        SCOPED_TRACE(format.title);
+        std::string path = dir.file(std::string("export.") + format.extension);
+        int updates = 0;
+        WriteResult r = exportMovie(*om.movie, path, format.type, myQTTime(2.0, 600), [&](std::string const&, Phase p, double) {
+            updates += p == Phase::Update;
+            return true;
+        });
+        EXPECT_GT(r.bytes, 0);
+        OpenedMovie back = openMovie(path);
+        auto sounds = back.movie->tracksOfMediaType(dm::MediaType::Sound);
+        auto videos = back.movie->tracksOfMediaType(dm::MediaType::Video);
+        auto codecOf = [](dm::TrackPtr const& t) { return OpenedMovie::mediaOf(*t).codecpar->codec_id; };
+        switch (format.type) {
+        case ExportType::AIFF:
+            ASSERT_EQ(sounds.size(), 1u);
+            EXPECT_TRUE(videos.empty());
+            EXPECT_EQ(codecOf(sounds[0]), AV_CODEC_ID_PCM_S16BE);
+            break;
+        case ExportType::BMP: {
+            ASSERT_EQ(videos.size(), 1u);
+            EXPECT_EQ(codecOf(videos[0]), AV_CODEC_ID_BMP);
+            auto b = frameBrightness(path);
+            ASSERT_EQ(b.size(), 1u);
+            EXPECT_GT(b[0], 200); // 2.0 s is a flash
+            break;
+        }
+        case ExportType::DV: {
+            ASSERT_EQ(videos.size(), 1u);
+            EXPECT_EQ(codecOf(videos[0]), AV_CODEC_ID_DVVIDEO);
+            EXPECT_EQ(OpenedMovie::mediaOf(*videos[0]).width, 720);
+            EXPECT_EQ(OpenedMovie::mediaOf(*videos[0]).height, 576);
+            ASSERT_EQ(sounds.size(), 1u);
+            EXPECT_EQ(OpenedMovie::mediaOf(*sounds[0]).sampleRate, 48000);
+            EXPECT_LT(measureSync(path).worst(), 0.001);
+            break;
+        }
+        case ExportType::FLC: {
+            ASSERT_EQ(videos.size(), 1u);
+            EXPECT_EQ(codecOf(videos[0]), AV_CODEC_ID_FLIC);
+            auto b = frameBrightness(path);
+            auto src = frameBrightness(source);
+            ASSERT_EQ(b.size(), src.size());
+            for (std::size_t i = 0; i < b.size(); ++i) {
+                EXPECT_NEAR(b[i], src[i], 12) << "frame " << i;
+                EXPECT_EQ(b[i] > 200, src[i] > 200) << "flash at frame " << i;
+            }
+            break;
+        }
+        case ExportType::MPEG4:
+            ASSERT_EQ(sounds.size(), 1u); // the backup is not part of an export
+            EXPECT_EQ(codecOf(sounds[0]), AV_CODEC_ID_AAC);
+            EXPECT_EQ(codecOf(videos.at(0)), AV_CODEC_ID_H264);
+            EXPECT_LT(measureSync(path).worst(), 0.001);
+            break;
+        case ExportType::QuickTime:
+        case ExportType::QuickTimeWeb: {
+            EXPECT_EQ(sounds.size(), 2u);
+            EXPECT_LT(measureSync(path).worst(), 0.001);
+            std::string bytes = readFile(path);
+            bool indexFirst = bytes.find("moov") < bytes.find("mdat");
+            EXPECT_EQ(indexFirst, format.type == ExportType::QuickTimeWeb);
+            break;
+        }
+        }
+        if (format.type != ExportType::BMP) {
+            EXPECT_GT(updates, 0);
+        }
+    }
+    EXPECT_EQ(exportTypeNamed("dvc!"), ExportType::DV);
+    EXPECT_EQ(exportTypeNamed("FLC"), ExportType::FLC);
+    EXPECT_EQ(exportTypeNamed("mp4"), ExportType::MPEG4);
+    EXPECT_THROW(exportTypeNamed("gif"), MediaError);
+    EXPECT_EQ(static_cast<std::uint32_t>(ExportType::QuickTime), 0x4D6F6F56u);
+}
+
+} // namespace
