@@ -302,7 +302,7 @@ void Player::setViewSize(int width, int height)
 
 void Player::setFrameSink(FrameSink sink)
 {
-    std::lock_guard<std::mutex> g(lock_);
+    std::lock_guard<std::mutex> g(sinkLock_); // waits for a call in progress
     sink_ = std::move(sink);
 }
 
@@ -472,7 +472,6 @@ void Player::videoLoop()
         }
         Range r = range_;
         int vw = viewWidth_, vh = viewHeight_;
-        FrameSink sink = sink_;
         bool playing = playing_;
         g.unlock();
 
@@ -520,8 +519,7 @@ void Player::videoLoop()
                         held = vf; // may be the picture on screen at skipBefore
                     } else {
                         if (held && ticks > skipBefore) {
-                            held->seconds = static_cast<double>(skipBefore) / scale_;
-                            held->lap = decoderLap;
+                            held->lap = decoderLap; // shown from skipBefore on, keeps its own time
                             queue.push_back({held, skipBefore, decoderLap});
                             if (r.loops && skipBefore == r.start) loopHead = held;
                         } else if (r.loops && ticks == r.start) {
@@ -554,9 +552,10 @@ void Player::videoLoop()
             copy->lap = now.lap;
             due = copy;
         }
-        if (due && due != shown && sink) {
+        if (due && due != shown) {
             shown = due;
-            sink(due);
+            std::lock_guard<std::mutex> s(sinkLock_);
+            if (sink_) sink_(due);
         }
 
         g.lock();

@@ -84,6 +84,8 @@ public:
 
     // Frames are scaled to fit this size (keeping the picture's shape).
     void setViewSize(int width, int height);
+    // Called on the video thread. Once setFrameSink returns, the old sink
+    // is no longer running and will not be called again.
     void setFrameSink(FrameSink sink);
     // Called about every `period` with the current time; through `post`
     // (which runs a task on the caller's chosen thread) when given.
@@ -153,6 +155,7 @@ private:
     Position base_{0, 0};           // system clock: position at baseTime_
     std::chrono::steady_clock::time_point baseTime_{};
     SelectionFilter filter_;
+    std::mutex sinkLock_; // held while the sink runs
     FrameSink sink_;
     Tap tap_;
     int viewWidth_ = 0, viewHeight_ = 0;

@@ -1,0 +1,406 @@
+#include "MediaTestSupport.h"
+#include "Player.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <condition_variable>
+#include <cstdlib>
+#include <thread>
+#include <map>
+#include <cstring>
+
+using namespace media;
+using namespace testsupport;
+
+namespace {
+
+constexpr int kRate = 48000;
+constexpr int kBuffer = 1024;
+
+// A movie with a flash and a click every second, sound in sync, PCM sound
+// so that what the player hands over can be compared sample for sample.
+TestMovieSpec everySecond(double seconds, std::string codec = "pcm_s16le")
+{
+    auto s = smallSpec(seconds, 0.0, 1.0);
+    s.flashInterval = 1.0;
+    s.audioCodec = codec;
+    return s;
+}
+
+struct Playing {
+    OpenedMovie om;
+    ManualAudioOutput* device = nullptr;
+    std::unique_ptr<Player> player;
+};
+
+Playing manualPlayer(std::string const& path, bool video = false)
+{
+    Playing s{openMovie(path), nullptr, nullptr};
+    auto out = std::make_unique<ManualAudioOutput>();
+    s.device = out.get();
+    PlayerOptions o;
+    o.output = std::move(out);
+    o.bufferFrames = kBuffer;
+    o.video = video;
+    s.player = std::make_unique<Player>(s.om.movie, std::move(o));
+    return s;
+}
+
+// Channel 0 of `buffers` pulls.
+std::vector<float> pull(ManualAudioOutput& dev, int buffers)
+{
+    std::vector<float> all, buf;
+    for (int i = 0; i < buffers; ++i) {
+        dev.pullBuffer(buf);
+        for (std::size_t f = 0; f < buf.size(); f += static_cast<std::size_t>(dev.channels())) all.push_back(buf[f]);
+    }
+    return all;
+}
+
+// Channel 0 of the timeline [start, start + n) as `list` plays it.
+std::vector<float> reference(dm::Track const& track, dm::EditList const& list, std::int64_t start, int n)
+{
+    AudioRenderer r(std::static_pointer_cast<const FileMedia>(track.media()));
+    PcmBuffer pcm(r.channels(), static_cast<std::size_t>(n));
+    r.render(list, start, pcm);
+    return pcm.channels[0];
+}
+
+std::vector<std::int64_t> onsets(std::vector<float> const& x)
+{
+    std::vector<std::int64_t> out;
+    std::int64_t last = -100000;
+    for (std::size_t i = 0; i < x.size(); ++i)
+        if (std::fabs(x[i]) > 0.4f && static_cast<std::int64_t>(i) - last > kRate / 2) out.push_back(last = static_cast<std::int64_t>(i));
+    return out;
+}
+
+TEST(Player, LoopWrapsWithoutGapsOrSteps)
+{
+    Playing s = manualPlayer(cachedMovie("every-second.mov", everySecond(8)));
+    Player& p = *s.player;
+    // A 2 s loop from 1.5 s: two clicks per lap, the tone runs whole cycles.
+    p.setSelection(QTTimeRange{QTTime{72000, kRate, 0}, QTTime{96000, kRate, 0}});
+    p.setPlaysSelectionOnly(true);
+    p.setLoops(true);
+    p.setCurrentTime(myQTTime(72000LL, kRate));
+    p.play();
+    int buffers = 10 * 96000 / kBuffer + 2;
+    std::vector<float> got = pull(*s.device, buffers);
+
+    auto lap = reference(*p.soundTrack(), *p.soundTrack()->editList(), 72000, 96000);
+    float worst = 0, worstStep = 0;
+    for (std::size_t n = 0; n < got.size(); ++n) {
+        worst = std::max(worst, std::fabs(got[n] - lap[n % 96000]));
+        if (n > 0 && n % 96000 == 0) // across every wrap
+            for (std::size_t k = n - 8; k < n + 8; ++k) worstStep = std::max(worstStep, std::fabs(got[k + 1] - got[k]));
+    }
+    EXPECT_LT(worst, 1e-4f) << "the loop differs from the timeline it plays";
+    EXPECT_LT(worstStep, 0.002f) << "a step in the waveform at a wrap";
+    auto clicks = onsets(got);
+    ASSERT_EQ(clicks.size(), 20u);
+    for (std::size_t i = 0; i < clicks.size(); ++i) {
+        std::int64_t lapStart = static_cast<std::int64_t>(i / 2) * 96000;
+        std::int64_t expected = lapStart + (i % 2 == 0 ? 24000 : 72000); // 2.0 s and 3.0 s
+        EXPECT_EQ(clicks[i], expected) << "click " << i;
+    }
+    EXPECT_GE(p.currentTime().timeValue, 72000);
+    EXPECT_LT(p.currentTime().timeValue, 168000);
+}
+
+TEST(Player, EditsAreHeardWithinOneBuffer)
+{
+    Playing s = manualPlayer(cachedMovie("every-second.mov", everySecond(8)));
+    Player& p = *s.player;
+    dm::Track& sound = *p.soundTrack();
+    p.play();
+    std::vector<float> before = pull(*s.device, 40); // 0 .. 40960
+    // A nudge: 40 ms of silence at the start moves every click 40 ms later.
+    dm::MovieEditState saved = dm::NewMovieEditState(*s.om.movie);
+    sound.insertEmptySegmentAt(QTTimeRange{QTTime{0, kRate, 0}, QTTime{1920, kRate, 0}});
+    std::vector<float> after = pull(*s.device, 60); // 40960 .. 102400
+    auto shifted = reference(sound, *sound.editList(), 40960, static_cast<int>(after.size()));
+    float worst = 0;
+    for (std::size_t i = 0; i < after.size(); ++i) worst = std::max(worst, std::fabs(after[i] - shifted[i]));
+    EXPECT_LT(worst, 1e-4f) << "the buffer after the edit does not play the new list";
+    auto clicks = onsets(after);
+    ASSERT_EQ(clicks.size(), 2u);
+    EXPECT_EQ(40960 + clicks[0], 48000 + 1920);
+    EXPECT_EQ(40960 + clicks[1], 96000 + 1920);
+
+    // Restoring the saved state is heard in the very next buffer.
+    dm::UseMovieEditState(*s.om.movie, saved);
+    std::vector<float> restored = pull(*s.device, 50); // 102400 .. 153600
+    auto original = reference(sound, *sound.editList(), 102400, static_cast<int>(restored.size()));
+    worst = 0;
+    for (std::size_t i = 0; i < restored.size(); ++i) worst = std::max(worst, std::fabs(restored[i] - original[i]));
+    EXPECT_LT(worst, 1e-4f);
+    clicks = onsets(restored);
+    ASSERT_EQ(clicks.size(), 1u);
+    EXPECT_EQ(102400 + clicks[0], 144000);
+    EXPECT_EQ(onsets(before).size(), 0u);
+}
+
+TEST(Player, TransportAndSelectionHook)
+{
+    Playing s = manualPlayer(cachedMovie("every-second.mov", everySecond(8)));
+    Player& p = *s.player;
+    EXPECT_FALSE(p.isPlaying());
+    p.setCurrentTime(myQTTime(3.0, 600));
+    EXPECT_EQ(p.currentTime().timeValue, 3 * kRate);
+    p.play();
+    pull(*s.device, 10);
+    EXPECT_EQ(p.currentTime().timeValue, 3 * kRate + 10 * kBuffer);
+    p.pause();
+    std::vector<float> silent = pull(*s.device, 2);
+    EXPECT_TRUE(std::all_of(silent.begin(), silent.end(), [](float v) { return v == 0.0f; }));
+    EXPECT_EQ(p.currentTime().timeValue, 3 * kRate + 10 * kBuffer);
+    // Played to the end without a loop: it stops there.
+    p.setCurrentTime(myQTTime(7.9, 600));
+    p.play();
+    pull(*s.device, 10);
+    EXPECT_FALSE(p.isPlaying());
+    EXPECT_EQ(p.currentTime().timeValue, 8 * kRate);
+
+    QTTimeRange wanted{QTTime{1, 1, 0}, QTTime{2, 1, 0}};
+    p.setSelectionFilter([](QTTimeRange const&) { return false; });
+    EXPECT_FALSE(p.requestSelectionFromController(wanted));
+    EXPECT_EQ(s.om.movie->selection().duration.timeValue, 0);
+    p.setSelectionFilter([](QTTimeRange const&) { return true; });
+    EXPECT_TRUE(p.requestSelectionFromController(wanted));
+    EXPECT_EQ(s.om.movie->selection().duration.timeValue, 2);
+}
+
+// Collects the pictures the player hands to the view.
+struct FrameLog {
+    std::mutex lock;
+    std::condition_variable arrived;
+    std::vector<std::shared_ptr<const VideoFrame>> frames;
+    std::vector<double> clockAtDelivery;
+
+    void attach(Player& p)
+    {
+        p.setFrameSink([this, &p](std::shared_ptr<const VideoFrame> f) {
+            double now = p.currentTime().seconds();
+            std::lock_guard<std::mutex> g(lock);
+            frames.push_back(std::move(f));
+            clockAtDelivery.push_back(now);
+            arrived.notify_all();
+        });
+    }
+    // Waits for a picture of `seconds`.
+    std::shared_ptr<const VideoFrame> waitFor(double seconds)
+    {
+        std::unique_lock<std::mutex> g(lock);
+        std::shared_ptr<const VideoFrame> found;
+        arrived.wait_for(g, std::chrono::seconds(10), [&] {
+            for (auto const& f : frames)
+                if (std::fabs(f->seconds - seconds) < 1e-3) found = f;
+            return found != nullptr;
+        });
+        return found;
+    }
+};
+
+double brightness(VideoFrame const& f)
+{
+    double sum = 0;
+    for (std::uint8_t v : f.rgb) sum += v;
+    return sum / static_cast<double>(f.rgb.size());
+}
+
+TEST(Player, SeeksShowTheFrameOnScreenAndStepsByFrames)
+{
+    FrameLog log; // outlives the player that calls it
+    Playing s = manualPlayer(cachedMovie("every-second.mov", everySecond(8)), true);
+    Player& p = *s.player;
+    log.attach(p);
+    p.setViewSize(160, 120);
+    p.setCurrentTime(myQTTime(4.0, 600));
+    auto flash = log.waitFor(4.0);
+    ASSERT_TRUE(flash);
+    EXPECT_GT(brightness(*flash), 200);
+    EXPECT_EQ(flash->width, 160);
+    EXPECT_EQ(flash->height, 120);
+    p.setCurrentTime(myQTTime(4.07, 600)); // inside the frame of 4.04 s
+    ASSERT_TRUE(log.waitFor(4.04));
+    p.stepFrame(+1);
+    ASSERT_TRUE(log.waitFor(4.08));
+    p.stepFrame(-1);
+    p.stepFrame(-1);
+    auto back = log.waitFor(4.0);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(p.currentTime().timeValue, 4 * kRate);
+}
+
+TEST(Player, LoopedPicturesWrapWithTheSound)
+{
+    FrameLog log; // outlives the player that calls it
+    Playing s = manualPlayer(cachedMovie("every-second.mov", everySecond(8)), true);
+    Player& p = *s.player;
+    log.attach(p);
+    p.setSelection(QTTimeRange{QTTime{72000, kRate, 0}, QTTime{96000, kRate, 0}});
+    p.setPlaysSelectionOnly(true);
+    p.setLoops(true);
+    p.setCurrentTime(myQTTime(72000LL, kRate));
+    p.play();
+    std::vector<float> buf;
+    for (int i = 0; i < 3 * 96000 / kBuffer; ++i) {
+        s.device->pullBuffer(buf);
+        std::this_thread::sleep_for(std::chrono::milliseconds(3)); // the picture thread keeps up
+    }
+    p.pause();
+    std::lock_guard<std::mutex> g(log.lock);
+    // Each lap starts with the picture on screen at the loop's start.
+    std::map<std::uint64_t, double> firstOfLap;
+    for (auto const& f : log.frames)
+        if (!firstOfLap.count(f->lap)) firstOfLap[f->lap] = f->seconds;
+    ASSERT_GE(firstOfLap.size(), 3u);
+    for (auto const& [lap, seconds] : firstOfLap)
+        if (lap > 0) {
+            EXPECT_NEAR(seconds, 1.5, 0.041) << "lap " << lap;
+        }
+    for (auto const& f : log.frames) {
+        EXPECT_GE(f->seconds, 1.5 - 0.041);
+        EXPECT_LT(f->seconds, 3.5);
+    }
+}
+
+// The real device path: SDL's dummy driver plays in real time.
+TEST(Player, PictureAndSoundStayTogetherOnARealDevice)
+{
+    double seconds = 60;
+    if (char const* env = std::getenv("DUBMATCH_PLAYBACK_SECONDS")) seconds = std::atof(env);
+    setenv("SDL_AUDIODRIVER", "dummy", 1);
+    auto spec = everySecond(seconds + 2, "aac");
+    OpenedMovie om = openMovie(cachedMovie("long-every-second.mov", spec));
+    FrameLog log;
+    Player p(om.movie);
+    ASSERT_TRUE(p.hasAudioDevice()) << p.audioStatus();
+    log.attach(p);
+    p.setViewSize(160, 120);
+    std::atomic<int> ticks{0};
+    p.setIdleCallback([&](myQTTime) { ++ticks; });
+    p.play();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    p.pause();
+    std::lock_guard<std::mutex> g(log.lock);
+    double worst = 0;
+    std::size_t flashes = 0;
+    for (std::size_t i = 1; i < log.frames.size(); ++i) { // the first is the still before play
+        worst = std::max(worst, std::fabs(log.clockAtDelivery[i] - log.frames[i]->seconds));
+        flashes += brightness(*log.frames[i]) > 200;
+    }
+    std::cout << log.frames.size() << " pictures, worst lag " << worst * 1000 << " ms, " << ticks.load() << " idle ticks\n";
+    EXPECT_LT(worst, 0.020); // half a frame at 25 fps
+    EXPECT_GE(log.frames.size(), static_cast<std::size_t>(seconds * 25 * 0.95));
+    EXPECT_GE(flashes, static_cast<std::size_t>(seconds) - 1);
+    EXPECT_GT(ticks, static_cast<int>(seconds * 1000 / 20 * 0.8));
+}
+
+TEST(Player, DiskDriverCapturesWhatTheDevicePlays)
+{
+    ScratchDir dir;
+    std::string capture = dir.file("device.raw");
+    setenv("SDL_AUDIODRIVER", "disk", 1);
+    setenv("SDL_DISKAUDIOFILE", capture.c_str(), 1);
+    setenv("SDL_DISKAUDIODELAY", "0", 1);
+    std::vector<float> tapped;
+    std::mutex m;
+    {
+        OpenedMovie om = openMovie(cachedMovie("every-second.mov", everySecond(8)));
+        PlayerOptions o;
+        o.video = false;
+        Player p(om.movie, std::move(o));
+        ASSERT_TRUE(p.hasAudioDevice()) << p.audioStatus();
+        p.setAudioTap([&](float const* x, int frames, int channels) {
+            std::lock_guard<std::mutex> g(m);
+            tapped.insert(tapped.end(), x, x + static_cast<std::ptrdiff_t>(frames) * channels);
+        });
+        p.play();
+        for (int i = 0; i < 200 && p.isPlaying(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        EXPECT_FALSE(p.isPlaying()); // without pacing the 8 s play out at once
+    }
+    unsetenv("SDL_DISKAUDIOFILE");
+    unsetenv("SDL_DISKAUDIODELAY");
+    setenv("SDL_AUDIODRIVER", "dummy", 1);
+    std::string raw = readFile(capture);
+    std::vector<float> device(raw.size() / sizeof(float));
+    std::memcpy(device.data(), raw.data(), device.size() * sizeof(float));
+    std::lock_guard<std::mutex> g(m);
+    // While paused the device writes silence: line both up at the first sound.
+    auto firstSound = [](std::vector<float> const& v) {
+        return static_cast<std::size_t>(std::find_if(v.begin(), v.end(), [](float x) { return x != 0.0f; }) - v.begin());
+    };
+    std::size_t d0 = firstSound(device), t0 = firstSound(tapped);
+    ASSERT_EQ(d0 % 2, t0 % 2);
+    device.erase(device.begin(), device.begin() + static_cast<std::ptrdiff_t>(d0 - t0));
+    ASSERT_GE(device.size(), 8u * kRate * 2);
+    std::size_t n = std::min(device.size(), tapped.size());
+    ASSERT_GE(n, 8u * kRate * 2);
+    for (std::size_t i = 0; i < n; ++i) ASSERT_EQ(device[i], tapped[i]) << "sample " << i;
+    std::vector<float> left;
+    for (std::size_t i = 0; i < device.size(); i += 2) left.push_back(device[i]);
+    auto clicks = onsets(left);
+    ASSERT_EQ(clicks.size(), 7u);
+    for (std::size_t i = 0; i < clicks.size(); ++i) EXPECT_EQ(clicks[i], static_cast<std::int64_t>(i + 1) * kRate);
+}
+
+TEST(Player, WithoutADeviceTheSystemClockPlays)
+{
+    setenv("SDL_AUDIODRIVER", "no-such-driver", 1);
+    OpenedMovie om = openMovie(cachedMovie("every-second.mov", everySecond(8)));
+    PlayerOptions o;
+    o.video = false;
+    ::testing::internal::CaptureStderr();
+    Player p(om.movie, std::move(o));
+    std::string said = ::testing::internal::GetCapturedStderr();
+    setenv("SDL_AUDIODRIVER", "dummy", 1);
+    EXPECT_FALSE(p.hasAudioDevice());
+    EXPECT_NE(said.find("system clock"), std::string::npos) << said;
+    EXPECT_FALSE(p.audioStatus().empty());
+    p.play();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    double t = p.currentTime().seconds();
+    EXPECT_GT(t, 0.2);
+    EXPECT_LT(t, 1.0);
+    p.setRate(2.0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_GT(p.currentTime().seconds(), t + 0.3);
+}
+
+TEST(Player, IdleTicksRunOnTheCallersThread)
+{
+    Playing s = manualPlayer(cachedMovie("every-second.mov", everySecond(8)));
+    std::mutex m;
+    std::condition_variable cv;
+    std::deque<std::function<void()>> tasks;
+    int ticks = 0;
+    std::thread::id ranOn;
+    s.player->setIdleCallback([&](myQTTime) { ++ticks; ranOn = std::this_thread::get_id(); },
+                              [&](std::function<void()> task) {
+                                  std::lock_guard<std::mutex> g(m);
+                                  tasks.push_back(std::move(task));
+                                  cv.notify_all();
+                              });
+    auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+    while (std::chrono::steady_clock::now() < until) { // this thread is the "event loop"
+        std::unique_lock<std::mutex> g(m);
+        cv.wait_for(g, std::chrono::milliseconds(5), [&] { return !tasks.empty(); });
+        while (!tasks.empty()) {
+            auto t = std::move(tasks.front());
+            tasks.pop_front();
+            g.unlock();
+            t();
+            g.lock();
+        }
+    }
+    EXPECT_GE(ticks, 8);
+    EXPECT_LE(ticks, 20);
+    EXPECT_EQ(ranOn, std::this_thread::get_id());
+    s.player.reset(); // ticks still queued must not run into a gone player
+    for (auto& t : tasks) t();
+}
+
+} // namespace
