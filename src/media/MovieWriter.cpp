@@ -158,11 +158,10 @@ public:
 private:
     void call(Phase phase, double f)
     {
-        if (progress_ && !progress_(op_, phase, f)) {
-            if (phase != Phase::End) {
-                ended_ = true;
-                progress_(op_, Phase::End, f);
-            }
+        // At the end the work is done: a stop then changes nothing.
+        if (progress_ && !progress_(op_, phase, f) && phase != Phase::End) {
+            ended_ = true;
+            progress_(op_, Phase::End, f);
             throw Cancelled();
         }
     }
@@ -401,7 +400,7 @@ private:
 };
 
 struct Plan {
-    char const* container = "mov";
+    std::string container = "mov";
     bool fastStart = false;
     bool enabledOnly = false;   // leave disabled tracks out
     bool forceAac = false;      // encode sound as AAC
@@ -416,7 +415,7 @@ WriteResult writeFlat(dm::Movie const& movie, std::string const& path, Plan cons
     ProgressReporter report(progress, plan.operation);
     WriteResult result;
     AVFormatContext* raw = nullptr;
-    check(avformat_alloc_output_context2(&raw, nullptr, plan.container, path.c_str()), "Choosing the container");
+    check(avformat_alloc_output_context2(&raw, nullptr, plan.container.c_str(), path.c_str()), "Choosing the container");
     OutputContext out(raw);
 
     struct Copy {
@@ -492,7 +491,7 @@ WriteResult writeFlat(dm::Movie const& movie, std::string const& path, Plan cons
 
     check(avio_open(&out->pb, path.c_str(), AVIO_FLAG_WRITE), "Creating the new file");
     AVDictionary* opts = nullptr;
-    if (std::string(plan.container) == "mov" || std::string(plan.container) == "mp4") {
+    if (plan.container == "mov" || plan.container == "mp4") {
         if (plan.fastStart) av_dict_set(&opts, "movflags", "+faststart", 0);
         if (soundRate > 0) av_dict_set_int(&opts, "movie_timescale", soundRate, 0);
     }
@@ -676,22 +675,24 @@ WriteResult writeFlc(dm::Movie const& movie, std::string const& path, Progress c
 
 } // namespace
 
-WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress const& progress)
+WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress const& progress, std::string const& container)
 {
     PendingFile file(path, defaultMode());
     Plan plan;
+    plan.container = container;
     plan.operation = "Saving a self-contained movie";
     WriteResult r = writeFlat(movie, file.path(), plan, progress);
     file.commit();
     return r;
 }
 
-WriteResult saveInPlace(dm::Movie const& movie, std::string const& path, Progress const& progress)
+WriteResult saveInPlace(dm::Movie const& movie, std::string const& path, Progress const& progress, std::string const& container)
 {
     struct stat st {};
     if (::stat(path.c_str(), &st) != 0) throw MediaError("Cannot save over \"" + path + "\": " + std::strerror(errno) + ".");
     PendingFile file(path, st.st_mode & 07777);
     Plan plan;
+    plan.container = container;
     plan.operation = "Saving";
     WriteResult r = writeFlat(movie, file.path(), plan, progress);
     file.commit();

@@ -50,12 +50,15 @@ struct WriteResult {
 // track rendered through its edit list and encoded with its own codec (AAC
 // when there is no encoder for it). The file appears at `path` only when
 // complete; an existing file there is replaced in one step.
-WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress const& progress = {});
+// `container` is FFmpeg's muxer: "mov" (the default) or "mp4".
+WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress const& progress = {},
+                       std::string const& container = "mov");
 
 // Saves the movie over the file it came from: written beside it, flushed to
 // disk and renamed over it. On any failure or a stop the original is
 // untouched. The movie stays usable (it keeps reading the original data).
-WriteResult saveInPlace(dm::Movie const& movie, std::string const& path, Progress const& progress = {});
+WriteResult saveInPlace(dm::Movie const& movie, std::string const& path, Progress const& progress = {},
+                        std::string const& container = "mov");
 
 // Exports the movie. `currentTime` picks the frame of a BMP export.
 WriteResult exportMovie(dm::Movie const& movie, std::string const& path, ExportType type,

@@ -1,0 +1,269 @@
+#include "DMApplication.h"
+
+#include "DMDocumentController.h"
+#include "MovieDoc.h"
+#include "kit/UserDefaults.h"
+
+#include <QClipboard>
+#include <QKeyEvent>
+#include <QWheelEvent>
+
+#include <iostream>
+
+namespace {
+constexpr int kSyncMenuTag = 100;
+const QChar kUpArrow(0xF700), kDownArrow(0xF701), kLeftArrow(0xF702), kRightArrow(0xF703);
+
+QString glyphFor(int tag, int reverse)
+{
+    switch (tag) {
+    case 1:
+    case 3:
+    case 11: return QString::fromUtf8("\u21A9"); // Return
+    case 2: return QString::fromUtf8("\u238B");  // Escape
+    case 4: return QString::fromUtf8("\u232B");  // Delete left
+    case 5: return reverse != -1 ? QString::fromUtf8("\u2192") : QString::fromUtf8("\u2190");
+    case 6: return reverse != -1 ? QString::fromUtf8("\u2190") : QString::fromUtf8("\u2192");
+    default: return {};
+    }
+}
+} // namespace
+
+DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv), selectorMapPtr_(std::make_unique<KeyTable>())
+{
+    setApplicationName("Dubmatch");
+    setOrganizationName("Dubmatch");
+
+    auto* file = new QMenu("&File");
+    auto add = [this](QMenu* m, QString const& title, QString const& name, QKeySequence key, std::function<void()> f) {
+        QAction* a = m->addAction(title);
+        a->setObjectName(name);
+        if (!key.isEmpty()) a->setShortcut(key);
+        connect(a, &QAction::triggered, this, f);
+        return a;
+    };
+    auto controller = [] { return static_cast<DMDocumentController*>(kit::DocumentController::shared()); };
+    auto current = [] { return qobject_cast<MovieDoc*>(kit::DocumentController::shared() ? kit::DocumentController::shared()->currentDocument() : nullptr); };
+    add(file, "&Open\u2026", "openDocument", QKeySequence::Open, [controller] {
+        if (controller()) controller()->openDocument();
+    });
+    add(file, "Open &Demo Movie", "openDemo", {}, [controller] {
+        if (controller()) controller()->openDemo();
+    });
+    file->addSeparator();
+    add(file, "&Close", "performClose", QKeySequence::Close, [current] {
+        if (auto* d = current()) d->movieWindow()->close();
+    });
+    add(file, "&Save", "saveDocument", QKeySequence::Save, [current] {
+        if (auto* d = current()) d->saveDocument();
+    });
+    add(file, "Save &As\u2026", "saveDocumentAs", QKeySequence::SaveAs, [current] {
+        if (auto* d = current()) d->saveDocumentAs();
+    });
+    file->addSeparator();
+    add(file, "&Quit", "terminate", QKeySequence::Quit, [] { QApplication::closeAllWindows(); });
+
+    auto* edit = new QMenu("&Edit");
+    add(edit, "&Copy Sync Points", "copySyncPoints", QKeySequence::Copy, [current] {
+        auto* d = current();
+        if (!d || !d->offsets()) return;
+        // One "movie time = audio time" line per point, as dubmatch-cli reads them.
+        QString text;
+        for (auto const& p : d->offsets()->points())
+            text += QString::fromStdString(p.movieTime.asString(3, 3) + " = " + p.audioTime.asString(3, 3)) + "\n";
+        QApplication::clipboard()->setText(text);
+    });
+
+    syncMenu_ = new QMenu("S&ync");
+    syncMenu_->menuAction()->setData(kSyncMenuTag);
+    addSyncItem("Start Sync Point", "startSync", 1, "");
+    addSyncItem("Accept Sync Point", "acceptSync", 3, "");
+    addSyncItem("Edit Sync Point", "editSync", 11, "");
+    addSyncItem("Abandon Sync Point", "abandonSync", 2, QString(QChar(0x1b)));
+    addSyncItem("Delete Sync Points", "deleteSync", 4, QString(QChar(0x7f)));
+    syncMenu_->addSeparator();
+    addSyncItem("Advance Audio", "advanceAudio", 5, "");
+    addSyncItem("Retard Audio", "retardAudio", 6, "");
+    syncMenu_->addSeparator();
+    addSyncItem("Expand Loop", "expandSelection", 7, "+");
+    addSyncItem("Contract Loop", "contractSelection", 8, "-");
+    addSyncItem("Move Loop Earlier", "advanceSelection", 9, "[");
+    addSyncItem("Move Loop Later", "retardSelection", 10, "]");
+    menus_ = {file, edit, syncMenu_};
+    for (QMenu* m : menus_) connect(m, &QMenu::aboutToShow, this, &DMApplication::updateMenu);
+}
+
+DMApplication::~DMApplication()
+{
+    for (QMenu* m : menus_) delete m;
+}
+
+DMApplication* DMApplication::instance() { return qobject_cast<DMApplication*>(QCoreApplication::instance()); }
+
+QAction* DMApplication::addSyncItem(QString const& title, QString const& name, int tag, QString const& key)
+{
+    QAction* a = syncMenu_->addAction(title);
+    a->setObjectName(name);
+    a->setData(tag);
+    a->setProperty("title", title);
+    // The key the item answers to; kept apart from what the menu shows, so
+    // every rebuild of the key table finds it again.
+    a->setProperty("keyEquivalent", key);
+    connect(a, &QAction::triggered, this, [this, name] { sendAction(name); });
+    return a;
+}
+
+void DMApplication::populateMenuBar(QMenuBar* bar)
+{
+    for (QMenu* m : menus_) bar->addMenu(m);
+}
+
+QMenu* DMApplication::getSyncMenu() const
+{
+    for (QMenu* m : menus_)
+        if (m->menuAction()->data().toInt() == kSyncMenuTag) return m;
+    return nullptr;
+}
+
+QAction* DMApplication::actionNamed(QString const& name) const
+{
+    for (QMenu* m : menus_)
+        for (QAction* a : m->actions())
+            if (a->objectName() == name) return a;
+    return nullptr;
+}
+
+void DMApplication::muckWithMenu()
+{
+    selectorMapPtr_->clear();
+    QMenu* sync = getSyncMenu();
+    if (!sync) {
+        std::cerr << "Dubmatch: Major error! Sync menu not found" << std::endl;
+        return;
+    }
+    int reverse = kit::UserDefaults<int>("reverseArrows");
+    auto enter = [this](QString const& key, QAction* a) { selectorMapPtr_->emplace(NSStringWrapper(key), a); };
+    for (QAction* a : sync->actions()) {
+        if (a->isSeparator()) continue;
+        int tag = a->data().toInt();
+        QString key = a->property("keyEquivalent").toString();
+        switch (tag) {
+        case 0: break;
+        case 1:
+        case 3:
+        case 11:
+            enter(QString(QChar(0x03)), a);
+            enter(QString(QChar(0x0a)), a);
+            enter(QString(QChar(0x0d)), a);
+            break;
+        case 5:
+            if (reverse == 1) enter(QString(kRightArrow), a);
+            else if (reverse == -1) enter(QString(kLeftArrow), a);
+            break;
+        case 6:
+            if (reverse == 1) enter(QString(kLeftArrow), a);
+            else if (reverse == -1) enter(QString(kRightArrow), a);
+            break;
+        case 7:
+            if (!key.isEmpty()) enter(key, a);
+            if (key == "+") enter("=", a);
+            break;
+        default:
+            if (!key.isEmpty()) enter(key, a);
+            break;
+        }
+        // The bare key after a tab: no Ctrl, and no Qt shortcut answers it.
+        QString glyph = glyphFor(tag, reverse);
+        if (glyph.isEmpty()) glyph = key;
+        a->setText(a->property("title").toString() + (glyph.isEmpty() ? "" : "\t" + glyph));
+    }
+    updateMenu();
+}
+
+void DMApplication::updateMenu()
+{
+    auto* dc = kit::DocumentController::shared();
+    auto* doc = qobject_cast<MovieDoc*>(dc ? dc->currentDocument() : nullptr);
+    if (QMenu* sync = getSyncMenu())
+        for (QAction* a : sync->actions())
+            if (!a->isSeparator()) a->setEnabled(doc && doc->validateAction(a->objectName()));
+    for (char const* name : {"performClose", "saveDocument", "saveDocumentAs", "copySyncPoints"})
+        if (QAction* a = actionNamed(name)) a->setEnabled(doc != nullptr);
+}
+
+void DMApplication::reverseArrows()
+{
+    muckWithMenu();
+    emit reverseArrowsChanged();
+}
+
+bool DMApplication::sendAction(QString const& name)
+{
+    auto* dc = kit::DocumentController::shared();
+    auto* doc = qobject_cast<MovieDoc*>(dc ? dc->currentDocument() : nullptr);
+    return doc && doc->performAction(name);
+}
+
+QString DMApplication::characters(QKeyEvent const* e)
+{
+    switch (e->key()) {
+    case Qt::Key_Return: return QString(QChar(0x0d));
+    case Qt::Key_Enter: return QString(QChar(0x03));
+    case Qt::Key_Escape: return QString(QChar(0x1b));
+    case Qt::Key_Delete:
+    case Qt::Key_Backspace: return QString(QChar(0x7f));
+    case Qt::Key_Left: return QString(kLeftArrow);
+    case Qt::Key_Right: return QString(kRightArrow);
+    case Qt::Key_Up: return QString(kUpArrow);
+    case Qt::Key_Down: return QString(kDownArrow);
+    default: return e->text();
+    }
+}
+
+MovieDoc* DMApplication::documentFor(QObject* receiver)
+{
+    auto* w = qobject_cast<QWidget*>(receiver);
+    if (!w) return nullptr;
+    for (QWidget* win = w->window(); win; win = win->parentWidget() ? win->parentWidget()->window() : nullptr) {
+        QVariant v = win->property("dubmatchDocument");
+        if (v.isValid()) return qobject_cast<MovieDoc*>(v.value<QObject*>());
+        if (!win->parentWidget()) break;
+    }
+    return nullptr;
+}
+
+bool DMApplication::notify(QObject* receiver, QEvent* event)
+{
+    if (receiver && receiver->isWidgetType()) {
+        switch (event->type()) {
+        case QEvent::Wheel: {
+            MovieDoc* doc = documentFor(receiver);
+            if (doc && doc->syncInProgress()) {
+                doc->scrollWheel(static_cast<QWheelEvent*>(event)->angleDelta().y() / 120.0);
+                return true;
+            }
+            break;
+        }
+        case QEvent::MouseButtonPress: {
+            if (static_cast<QMouseEvent*>(event)->button() != Qt::MiddleButton) break;
+            if (MovieDoc* doc = documentFor(receiver)) {
+                doc->otherMouseDown();
+                return true;
+            }
+            break;
+        }
+        case QEvent::KeyPress: {
+            auto* key = static_cast<QKeyEvent*>(event);
+            if (key->modifiers() & Qt::ControlModifier) break;
+            auto range = selectorMapPtr_->equal_range(NSStringWrapper(characters(key)));
+            if (range.first == range.second) break;
+            updateMenu();
+            for (auto it = range.first; it != range.second; ++it)
+                if (it->second->isEnabled() && sendAction(it->second->objectName())) return true;
+            break;
+        }
+        default: break;
+        }
+    }
+    return QApplication::notify(receiver, event);
+}

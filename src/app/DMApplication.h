@@ -1,0 +1,58 @@
+// The application object: the menus, and the key table that lets single
+// keys without Ctrl drive the Sync menu. Key presses, wheel turns and the
+// middle mouse button are looked at before normal dispatch.
+#pragma once
+
+#include "kit/QtBridge.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QMenu>
+#include <QMenuBar>
+
+#include <map>
+#include <memory>
+
+class MovieDoc;
+
+class DMApplication : public QApplication {
+    Q_OBJECT
+public:
+    DMApplication(int& argc, char** argv);
+    ~DMApplication() override;
+    static DMApplication* instance();
+
+    // Adds the application's menus to a window's menu bar.
+    void populateMenuBar(QMenuBar* bar);
+    // The Sync menu: the menu whose menu item is tagged 100.
+    QMenu* getSyncMenu() const;
+    // Rebuilds the key table and the keys shown on the Sync menu.
+    void muckWithMenu();
+    // Re-validates the menus against the current document.
+    void updateMenu();
+    // The arrow-direction preference changed.
+    void reverseArrows();
+    QAction* actionNamed(QString const& name) const;
+    // Sends an action to the current document; true when it was handled.
+    bool sendAction(QString const& name);
+
+    using KeyTable = std::multimap<NSStringWrapper, QAction*>;
+    KeyTable const& keyTable() const { return *selectorMapPtr_; }
+    // The characters a key press stands for, with the special keys as the
+    // characters of the key table (Return "\r", Enter U+0003, arrows U+F700...).
+    static QString characters(QKeyEvent const* event);
+    // The movie document of a widget's window, if any.
+    static MovieDoc* documentFor(QObject* receiver);
+
+    bool notify(QObject* receiver, QEvent* event) override;
+
+signals:
+    // The arrow direction changed: tables redisplay their offsets.
+    void reverseArrowsChanged();
+
+private:
+    QAction* addSyncItem(QString const& title, QString const& name, int tag, QString const& key);
+    std::unique_ptr<KeyTable> selectorMapPtr_;
+    QList<QMenu*> menus_; // File, Edit, Sync: shared by every window's menu bar
+    QMenu* syncMenu_ = nullptr;
+};

@@ -1,0 +1,131 @@
+// The movie document: one open movie, its sync point list, the sync
+// workflow (start, nudge, accept, edit, delete, abandon) and its mode.
+#pragma once
+
+#include "ImportDocument.h"
+#include "MovieFile.h"
+#include "OffsetList.h"
+#include "Player.h"
+#include "Refusal.h"
+#include "kit/QtBridge.h"
+
+#include <QLabel>
+#include <QMainWindow>
+
+#include <memory>
+#include <optional>
+
+class MovieView;
+
+class MovieDoc : public ImportDocument, public SyncDocument {
+    Q_OBJECT
+public:
+    MovieDoc();
+    ~MovieDoc() override;
+
+    // The file types: QuickTime and MPEG-4 movies are written back in place;
+    // every other container opens as an imported document.
+    static QString typeForFile(QString const& path);
+    QStringList writableTypes() const override { return {"QuickTime Movie", "MPEG-4 Movie"}; }
+    QStringList fileExtensionsFromType(QString const& type) const override;
+
+    // Reading: refusals appear as alerts with their fixed texts (or, with
+    // `error`, are returned there instead).
+    bool readFromFile(QString const& path, QString const& type) override;
+    bool readFromFile(QString const& path, QString const& type, Refusal* error);
+    bool writeToFile(QString const& path, QString const& type, kit::SaveOperation op) override;
+    void makeWindowControllers() override;
+    QWidget* windowForSheet() const override { return mMovieWindow; }
+
+    // Movie window sizing.
+    QSize windowContentSizeForMovieSize(QSize movieSize) const;
+    void sizeWindowToMovie();
+
+    // The sync workflow (the Sync menu's actions).
+    void startSync();
+    void acceptSync();
+    void editSync();
+    void deleteSync();
+    void abandonSync();
+    void advanceSelection();
+    void retardSelection();
+    void expandSelection();
+    void contractSelection();
+    void advanceAudio();
+    void retardAudio();
+    // Wheel motion in notches (one notch is one unit, one millisecond).
+    void scrollWheel(double deltaY);
+    void otherMouseDown();
+    void togglePlay();
+
+    // Whether an action (by name, e.g. "startSync") is enabled now.
+    bool validateAction(QString const& action) const;
+    // Runs an enabled action; false when disabled or unknown.
+    bool performAction(QString const& action);
+
+    // The mode: "noPoints", "pointInProgress", "endNeedsSync",
+    // "checkRedDiamonds", "morePointsIfNeeded" or "unknown".
+    QString movieMode() const;
+    static QString instructionForMode(QString const& mode);
+    void willUpdateMode() override;
+    void didUpdateMode() override;
+
+    bool syncInProgress() const { return syncInProgress_; }
+    bool allowSelectionChange() const { return documentIsChangingSelection_; }
+    void setSyncNotInProgress();
+
+    // Selected rows of the sync point table (the table comes with its window).
+    IndexSet selectedRows() const { return selectedRows_; }
+    void setSelectedRows(IndexSet rows) { selectedRows_ = std::move(rows); }
+
+    // For tests and the time read-outs.
+    OffsetList* offsets() const { return offsets_.get(); }
+    media::Player* player() const { return player_.get(); }
+    dm::Movie* movie() const { return opened_ ? opened_->movie.get() : nullptr; }
+    myQTTime startTime() const { return startTime_; }
+    myQTTime endTime() const { return endTime_; }
+    myQTTime audioTime() const { return audioTime_; }
+    int syncRow() const { return syncRow_; }
+    QMainWindow* movieWindow() const { return mMovieWindow; }
+    MovieView* movieView() const { return mMovieView; }
+    myQTTime loopMiddle() const;
+
+signals:
+    void movieModeChanged(QString const& mode);
+    // The sync points or the point in progress changed (the table reloads).
+    void pointsChanged();
+
+private:
+    void setMovie(media::OpenedMovie movie);
+    void saveNewEditState();
+    void resetAudioTrack();
+    void offsetAudioTrack();
+    void trimAndSetSelection();
+    void setMovieSelection();
+    void clearMovieSelection();
+    void setSelection(QTTimeRange r);
+    void setAudioTimeFromMovieTime(myQTTime t);
+    void onIdle(myQTTime now);
+    void updateMenu();
+    int durationFields() const;
+    bool movieWindowIsKey() const;
+    bool infoWindowIsKeyWindow() const { return false; }
+    bool tableViewIsEditing() const { return false; }
+
+    std::optional<media::OpenedMovie> opened_;
+    std::unique_ptr<media::Player> player_;
+    std::unique_ptr<OffsetList> offsets_;
+    dm::MovieEditState state_;
+    dm::TrackPtr audioTrack_;
+    bool syncInProgress_ = false;
+    int syncRow_ = 0;
+    myQTTime startTime_, endTime_, audioTime_;
+    myQTTime previousPlayTime_{QTZeroTime};
+    bool alreadySavedAs_ = false;
+    bool documentIsChangingSelection_ = false;
+    bool nowSizing_ = false;
+    IndexSet selectedRows_;
+    QMainWindow* mMovieWindow = nullptr;
+    MovieView* mMovieView = nullptr;
+    QLabel* instruction_ = nullptr;
+};

@@ -1,0 +1,5 @@
+#include "QtBridge.h"
+
+#include <ostream>
+
+std::ostream& operator<<(std::ostream& os, QString const& s) { return os << s.toStdString(); }

@@ -1,0 +1,50 @@
+// dubmatch: the application.
+#include "DMApplication.h"
+#include "DMDocumentController.h"
+#include "FFmpeg.h"
+#include "MovieDoc.h"
+#include "kit/Alert.h"
+#include "kit/UserDefaults.h"
+
+#include <QFile>
+#include <QTimer>
+
+#include <iostream>
+
+int main(int argc, char** argv)
+{
+    media::setupMediaLogging();
+    DMApplication app(argc, argv);
+    QFile defaults(":/UserDefaults.plist");
+    if (!defaults.open(QIODevice::ReadOnly) || !kit::Defaults::standard().registerDefaultsFromPlist(defaults.readAll())) {
+        kit::AlertSpec a;
+        a.message = "Preferences could not load";
+        a.informative = "It appears that Dubmatch has been damaged. Please download a new copy.";
+        kit::runAlert(a);
+    }
+    DMDocumentController controller;
+    app.muckWithMenu();
+
+    QStringList args = app.arguments().mid(1);
+    if (args.contains("--help") || args.contains("-h")) {
+        std::cout << "Usage: dubmatch [--demo] [MOVIE...]\n"
+                     "Opens each movie in its own window; --demo opens the demo movie.\n"
+                     "In a movie window: play, press Return at a face, nudge the sound with the\n"
+                     "arrow keys until the lips match, press Return again. Save when done.\n";
+        return 0;
+    }
+    int opened = 0;
+    for (QString const& a : args) {
+        if (a == "--demo") opened += controller.openDemo() != nullptr;
+        else if (!a.startsWith("-")) opened += controller.openDocumentWithContentsOfFile(a, true) != nullptr;
+    }
+    if (opened == 0) {
+        // Nothing to show yet: ask for a movie, and quit when none is chosen.
+        QTimer::singleShot(0, &app, [&] {
+            controller.openDocument();
+            if (controller.documents().isEmpty()) app.quit();
+        });
+    }
+    app.setQuitOnLastWindowClosed(true);
+    return app.exec();
+}
