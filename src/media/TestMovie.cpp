@@ -27,20 +27,31 @@ std::vector<std::int64_t> flashFrames(TestMovieSpec const& s)
     return frames;
 }
 
+// Colour bars over the top two thirds, a grey ramp with a moving bar below;
+// a flash frame is white all over.
 void fillPicture(AVFrame* f, std::int64_t k, bool flash)
 {
+    // 75 % colour bars (BT.601): white, yellow, cyan, green, magenta, red, blue.
+    static const std::uint8_t bars[7][3] = {{180, 128, 128}, {162, 44, 142}, {131, 156, 44}, {112, 72, 58},
+                                            {84, 184, 198},  {65, 100, 212}, {35, 212, 114}};
     int w = f->width, h = f->height;
-    int bar = static_cast<int>((k * 8) % std::max(1, w));
+    int barsEnd = h * 2 / 3;
+    int moving = static_cast<int>((k * 8) % std::max(1, w));
+    auto barAt = [&](int x) { return std::min(6, x * 7 / std::max(1, w)); };
     for (int y = 0; y < h; ++y) {
         std::uint8_t* row = f->data[0] + static_cast<std::ptrdiff_t>(y) * f->linesize[0];
         for (int x = 0; x < w; ++x) {
             if (flash) row[x] = 235;
-            else if (std::abs(x - bar) < 8) row[x] = 180;
-            else row[x] = static_cast<std::uint8_t>(40 + (x * 60) / std::max(1, w) + (y * 40) / std::max(1, h));
+            else if (y < barsEnd) row[x] = bars[barAt(x)][0];
+            else if (std::abs(x - moving) < 8) row[x] = 210;
+            else row[x] = static_cast<std::uint8_t>(16 + (x * 200) / std::max(1, w));
         }
     }
     for (int p = 1; p <= 2; ++p)
-        for (int y = 0; y < h / 2; ++y) std::memset(f->data[p] + static_cast<std::ptrdiff_t>(y) * f->linesize[p], 128, static_cast<size_t>(w / 2));
+        for (int y = 0; y < h / 2; ++y) {
+            std::uint8_t* row = f->data[p] + static_cast<std::ptrdiff_t>(y) * f->linesize[p];
+            for (int x = 0; x < w / 2; ++x) row[x] = flash || 2 * y >= barsEnd ? 128 : bars[barAt(2 * x)][p];
+        }
 }
 
 } // namespace
