@@ -60,6 +60,16 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
     add(file, "Save &As\u2026", "saveDocumentAs", QKeySequence::SaveAs, [current] {
         if (auto* d = current()) d->saveDocumentAs();
     });
+    add(file, "Save a &Copy\u2026", "saveDocumentTo", {}, [current] {
+        if (auto* d = current()) d->saveDocumentTo();
+    });
+    add(file, "&Export\u2026", "doExport", QKeySequence(Qt::CTRL | Qt::Key_E), [current] {
+        if (auto* d = current()) d->doExport();
+    });
+    file->addSeparator();
+    add(file, "&Print\u2026", "print", QKeySequence::Print, [current] {
+        if (auto* d = current()) d->printShowingPrintPanel(true);
+    });
     file->addSeparator();
     add(file, "&Quit", "terminate", QKeySequence::Quit, [] { QApplication::closeAllWindows(); });
 
@@ -89,7 +99,11 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
     addSyncItem("Contract Loop", "contractSelection", 8, "-");
     addSyncItem("Move Loop Earlier", "advanceSelection", 9, "[");
     addSyncItem("Move Loop Later", "retardSelection", 10, "]");
-    menus_ = {file, edit, syncMenu_};
+    auto* window = new QMenu("&Window");
+    add(window, "&Sync Points", "showInfo", QKeySequence(Qt::CTRL | Qt::Key_I), [current] {
+        if (auto* d = current()) d->showInfo();
+    });
+    menus_ = {file, edit, syncMenu_, window};
     for (QMenu* m : menus_) connect(m, &QMenu::aboutToShow, this, &DMApplication::updateMenu);
 }
 
@@ -187,8 +201,10 @@ void DMApplication::updateMenu()
     if (QMenu* sync = getSyncMenu())
         for (QAction* a : sync->actions())
             if (!a->isSeparator()) a->setEnabled(doc && doc->validateAction(a->objectName()));
-    for (char const* name : {"performClose", "saveDocument", "saveDocumentAs", "copySyncPoints"})
-        if (QAction* a = actionNamed(name)) a->setEnabled(doc != nullptr);
+    for (char const* name : {"performClose", "saveDocument", "saveDocumentAs", "saveDocumentTo", "copySyncPoints"})
+        if (QAction* a = actionNamed(name)) a->setEnabled(doc != nullptr && !doc->isBusy());
+    for (char const* name : {"doExport", "print", "showInfo"})
+        if (QAction* a = actionNamed(name)) a->setEnabled(doc != nullptr && doc->validateAction(name));
 }
 
 void DMApplication::reverseArrows()

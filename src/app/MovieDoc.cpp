@@ -2,19 +2,30 @@
 
 #include "DMApplication.h"
 #include "MovieView.h"
+#include "SyncPointWindow.h"
 #include "MovieWriter.h"
 #include "bridge.h"
 #include "kit/Alert.h"
 #include "kit/UserDefaults.h"
 
 #include <QApplication>
+#include <QComboBox>
+#include <QEventLoop>
+#include <QHBoxLayout>
+#include <QPainter>
+#include <QPrintDialog>
+#include <QPrinter>
+#include <QTimer>
 #include <QDragEnterEvent>
 #include <QFileInfo>
 #include <QMimeData>
 #include <QProgressDialog>
 #include <QVBoxLayout>
 
+#include <atomic>
 #include <cmath>
+#include <mutex>
+#include <thread>
 #include <iostream>
 
 namespace {
@@ -49,7 +60,11 @@ myQTTime scaled(myQTTime const& t, double factor)
 
 } // namespace
 
-MovieDoc::MovieDoc() { setFileType("UnsavedDocument"); }
+MovieDoc::MovieDoc()
+{
+    setFileType("UnsavedDocument");
+    connect(this, &MovieDoc::pointsChanged, this, &MovieDoc::reloadTable);
+}
 
 MovieDoc::~MovieDoc()
 {
@@ -122,31 +137,18 @@ bool MovieDoc::writeToFile(QString const& path, QString const& type, kit::SaveOp
     player_->pause();
     player_->setCurrentTime(myQTTime(0LL, player_->sampleRate()));
 
-    QProgressDialog progress(mMovieWindow);
-    progress.setWindowModality(Qt::WindowModal);
-    progress.setRange(0, 100);
-    progress.setMinimumDuration(300);
-    progress.setAutoClose(false);
-    progress.setAutoReset(false);
-    auto callback = [&](std::string const& op, media::Phase phase, double f) {
-        if (phase == media::Phase::Begin) progress.setLabelText(QString::fromStdString(op) + "\u2026");
-        progress.setValue(static_cast<int>(f * 100));
-        QCoreApplication::processEvents(); // Cancel can act while the movie writes
-        bool go = !progress.wasCanceled();
-        if (phase == media::Phase::End) progress.hide();
-        return go;
-    };
-    bool ok = false;
-    try {
-        std::string container = type == "MPEG-4 Movie" ? "mp4" : "mov";
-        if (op == kit::SaveOperation::Save) media::saveInPlace(*opened_->movie, path.toStdString(), callback, container);
-        else media::writeMovie(*opened_->movie, path.toStdString(), callback, container);
-        ok = true;
-    } catch (media::Cancelled const&) {
-    } catch (std::exception const& e) {
+    std::string container = type == "MPEG-4 Movie" ? "mp4" : "mov";
+    std::string target = path.toStdString();
+    dm::Movie& movie = *opened_->movie;
+    auto outcome = runWithProgress([&](media::Progress const& progress) {
+        if (op == kit::SaveOperation::Save) media::saveInPlace(movie, target, progress, container);
+        else media::writeMovie(movie, target, progress, container);
+    });
+    bool ok = outcome && outcome->empty();
+    if (outcome && !outcome->empty()) {
         kit::AlertSpec spec;
         spec.message = "The movie could not be saved.";
-        spec.informative = e.what();
+        spec.informative = QString::fromStdString(*outcome);
         spec.sheetParent = mMovieWindow;
         kit::runAlert(spec);
     }
@@ -192,11 +194,14 @@ void MovieDoc::makeWindowControllers()
     }
     mMovieView->setPlayer(player_.get(), natural, seconds);
     connect(mMovieView, &MovieView::playToggled, this, &MovieDoc::togglePlay);
+    window->installEventFilter(this);
+    if (auto* app = DMApplication::instance()) connect(app, &DMApplication::reverseArrowsChanged, this, &MovieDoc::reloadTable);
     instruction_->setText(instructionForMode(movieMode()));
     // The window fits the movie's natural size; very large pictures are shown smaller.
     QSize content = windowContentSizeForMovieSize(natural.boundedTo(QSize(1280, 720)).isEmpty() ? natural : natural.scaled(natural.boundedTo(QSize(1280, 720)), Qt::KeepAspectRatio));
     window->resize(content.width(), content.height() + window->menuBar()->sizeHint().height());
     if (player_) onIdle(player_->currentTime());
+    if (kit::UserDefaults<bool>("openInspector")) createInfoWindow(false);
 }
 
 QSize MovieDoc::windowContentSizeForMovieSize(QSize movieSize) const
@@ -386,7 +391,8 @@ void MovieDoc::editSync()
 {
     willUpdateMode();
     CallObjCOnDestruct<SyncDocument> guard(this, &SyncDocument::didUpdateMode);
-    int r = *selectedRows_.begin();
+    IndexSet selected = selectedRows();
+    int r = *selected.begin();
     Offset p = offsets_->points().at(static_cast<std::size_t>(r));
     offsets_->remove(offsets_->getIterator(r));
     float half = static_cast<float>(loopLength) * 0.5f;
@@ -406,13 +412,14 @@ void MovieDoc::editSync()
 
 void MovieDoc::deleteSync()
 {
-    std::vector<int> rows(selectedRows_.begin(), selectedRows_.end());
+    IndexSet selected = selectedRows();
+    std::vector<int> rows(selected.begin(), selected.end());
     std::sort(rows.begin(), rows.end());
     for (auto it = rows.rbegin(); it != rows.rend(); ++it) {
         offsets_->remove(offsets_->getIterator(*it));
         updateChangeCount(kit::ChangeType::Undone);
     }
-    selectedRows_.clear();
+    setSelectedRows({});
     emit pointsChanged();
 }
 
@@ -511,10 +518,11 @@ bool MovieDoc::movieWindowIsKey() const { return mMovieWindow && QApplication::a
 
 bool MovieDoc::validateAction(QString const& action) const
 {
-    if (action == "doExport") return opened_.has_value();
+    if (busy_) return false; // a save or export is running
+    if (action == "doExport" || action == "showInfo" || action == "print") return opened_.has_value();
     if (!offsets_) return false;
     bool editing = tableViewIsEditing();
-    int rows = static_cast<int>(selectedRows_.size());
+    int rows = static_cast<int>(selectedRows().size());
     if (action == "startSync") return !syncInProgress_ && (movieWindowIsKey() || (!editing && rows != 1));
     if (action == "editSync") return !syncInProgress_ && !editing && infoWindowIsKeyWindow() && rows == 1;
     if (action == "deleteSync") return !syncInProgress_ && !editing && infoWindowIsKeyWindow() && rows >= 1;
@@ -566,4 +574,399 @@ void MovieDoc::onIdle(myQTTime now)
         mMovieView->showTime(now, durationFields());
         mMovieView->update();
     }
+    setTimeDisplay();
+}
+
+// ---- The sync point window ----
+
+OffsetListWindowController* MovieDoc::findInfoWindowController() const
+{
+    for (auto* wc : windowControllers())
+        if (NSStringWrapper(wc->windowNibName()) == NSStringWrapper("OffsetList")) return static_cast<OffsetListWindowController*>(wc);
+    return nullptr;
+}
+
+DMTableView* MovieDoc::getTableView() const
+{
+    auto* wc = findInfoWindowController();
+    return wc ? wc->tableView() : nullptr;
+}
+
+QWidget* MovieDoc::getInfoWindow() const
+{
+    auto* wc = findInfoWindowController();
+    return wc ? wc->window() : nullptr;
+}
+
+bool MovieDoc::tableViewIsEditing() const
+{
+    DMTableView* t = getTableView();
+    return t && t->isEditing();
+}
+
+bool MovieDoc::infoWindowIsKeyWindow() const
+{
+    QWidget* w = getInfoWindow();
+    return w && QApplication::activeWindow() == w;
+}
+
+IndexSet MovieDoc::selectedRows() const
+{
+    IndexSet rows;
+    if (DMTableView* t = getTableView())
+        for (QModelIndex const& i : t->selectionModel()->selectedRows()) rows.insert(i.row());
+    return rows;
+}
+
+void MovieDoc::setSelectedRows(IndexSet rows)
+{
+    DMTableView* t = getTableView();
+    if (!t) return;
+    QItemSelection sel;
+    for (int r : rows) sel.select(t->model()->index(r, 0), t->model()->index(r, t->model()->columnCount() - 1));
+    t->selectionModel()->select(sel, QItemSelectionModel::ClearAndSelect | QItemSelectionModel::Rows);
+}
+
+void MovieDoc::createInfoWindow(bool show)
+{
+    dontOrder_ = true;
+    auto* wc = findInfoWindowController();
+    if (!wc) {
+        wc = new OffsetListWindowController(this);
+        wc->setShouldCloseDocument(false);
+        addWindowController(wc);
+        wc->window()->installEventFilter(this);
+        setDurationDisplay();
+        previousPlayTime_ = myQTTime(-1LL, 1); // the read-out fills at the next idle tick
+        if (player_) onIdle(player_->currentTime());
+    }
+    if (show) wc->showWindow();
+    dontOrder_ = false;
+}
+
+void MovieDoc::showWindows()
+{
+    dontOrder_ = true;
+    QWidget* previous = nullptr;
+    for (auto* wc : windowControllers()) {
+        if (!wc->window()) continue;
+        if (!previous) wc->showWindow();
+        else {
+            wc->window()->show();
+            wc->window()->stackUnder(previous);
+        }
+        previous = wc->window();
+    }
+    if (mMovieWindow) {
+        mMovieWindow->raise();
+        mMovieWindow->activateWindow();
+    }
+    dontOrder_ = false;
+}
+
+bool MovieDoc::eventFilter(QObject* watched, QEvent* event)
+{
+    if (event->type() == QEvent::WindowActivate) windowBecameKey(qobject_cast<QWidget*>(watched));
+    return ImportDocument::eventFilter(watched, event);
+}
+
+void MovieDoc::windowBecameKey(QWidget* key)
+{
+    // The document's other windows follow the key window, directly behind it.
+    if (dontOrder_ || !key) return;
+    dontOrder_ = true;
+    QWidget* above = key;
+    for (auto* wc : windowControllers()) {
+        QWidget* w = wc->window();
+        if (!w || w == key || !w->isVisible()) continue;
+        w->stackUnder(above);
+        above = w;
+    }
+    dontOrder_ = false;
+    updateMenu();
+}
+
+void MovieDoc::reloadTable()
+{
+    if (auto* wc = findInfoWindowController()) {
+        IndexSet keep = selectedRows();
+        QSignalBlocker block(wc->tableView()->selectionModel());
+        wc->model()->reloadData();
+        setSelectedRows(keep);
+        wc->window()->setWindowTitle(OffsetListWindowController::windowTitleForDocumentDisplayName(displayName()));
+    }
+}
+
+void MovieDoc::setDurationDisplay()
+{
+    auto* wc = findInfoWindowController();
+    if (!wc || !opened_) return;
+    wc->durationDisplay()->setText(QString::fromStdString(opened_->movie->duration().asString(0, 3)));
+}
+
+void MovieDoc::setTimeDisplay()
+{
+    auto* wc = findInfoWindowController();
+    if (!wc || !player_) return;
+    myQTTime now = player_->currentTime();
+    QString text = QString::fromStdString(now.asString(durationFields(), 3));
+    if (wc->timeDisplay()->text() != text) wc->timeDisplay()->setText(text);
+}
+
+int MovieDoc::numberOfRows() const
+{
+    if (!offsets_) return 0;
+    return static_cast<int>(offsets_->points().size()) + (syncInProgress_ ? 1 : 0);
+}
+
+Offset MovieDoc::GetOffset(int row) const
+{
+    if (syncInProgress_ && row == syncRow_) return Offset(loopMiddle(), offsets_->MovieTimeToAudioTime(audioTime_), false);
+    int entry = syncInProgress_ && row > syncRow_ ? row - 1 : row;
+    return offsets_->points().at(static_cast<std::size_t>(entry));
+}
+
+QVariant MovieDoc::objectValue(QString const& column, int row) const
+{
+    if (row < 0 || row >= numberOfRows()) return {};
+    Offset p = GetOffset(row);
+    if (column == "time") return QString::fromStdString(p.movieTime.asString(durationFields(), 3));
+    if (column == "offset") {
+        myQTTime o = p.offset();
+        return static_cast<double>(o.timeValue) / o.timeScale * 1000 * static_cast<int>(kit::UserDefaults<int>("reverseArrows"));
+    }
+    if (column == "flag") {
+        if (p.flag) return markerImage("RedDiamond");
+        if (syncInProgress_ && row == syncRow_) return markerImage("BlueStar");
+        return {};
+    }
+    return QString("Internal error");
+}
+
+void MovieDoc::setObjectValue(QVariant const& value, QString const& column, int row)
+{
+    if (!offsets_ || row < 0 || row >= numberOfRows()) return;
+    bool inProgress = syncInProgress_ && row == syncRow_;
+    int entry = syncInProgress_ && row > syncRow_ ? row - 1 : row;
+    try {
+        if (column == "time") {
+            myQTTime t;
+            try {
+                t = myQTTime(value.toString().toStdString(), 600);
+            } catch (myQTTime::BadDuration const&) {
+                kit::beep();
+                reloadTable();
+                return;
+            }
+            if (inProgress) {
+                myQTTime d = t;
+                d -= loopMiddle();
+                startTime_ += d;
+                endTime_ += d;
+                audioTime_ += d;
+                trimAndSetSelection();
+            } else {
+                offsets_->changeTimePreservingOffset(offsets_->getIterator(entry), t);
+            }
+        } else if (column == "offset") {
+            double o = value.toDouble() * static_cast<int>(kit::UserDefaults<int>("reverseArrows")) / 1000.0;
+            if (inProgress) {
+                myQTTime sum = startTime_;
+                sum += endTime_;
+                audioTime_ = sum;
+                audioTime_.timeValue = std::llrint(static_cast<double>(sum.timeValue / 2) - o * sum.timeScale);
+                audioTime_.setTimeScaleAtLeast(10000);
+                resetAudioTrack();
+                offsetAudioTrack();
+            } else {
+                offsets_->changeAudioOffset(offsets_->getIterator(entry), o);
+            }
+        }
+    } catch (OffsetList::BadBackup const&) {
+        kit::beep();
+    }
+    reloadTable();
+}
+
+void MovieDoc::tableViewSelectionDidChange()
+{
+    if (syncInProgress_ || !offsets_) return;
+    IndexSet rows = selectedRows();
+    if (rows.empty()) {
+        clearMovieSelection();
+    } else if (rows.size() == 1) {
+        Offset p = GetOffset(*rows.begin());
+        float half = static_cast<float>(loopLength) * 0.5f;
+        startTime_ = p.movieTime;
+        startTime_.timeValue = std::llrint(static_cast<double>(p.movieTime.timeValue) - half * static_cast<double>(p.movieTime.timeScale));
+        endTime_ = p.movieTime;
+        endTime_.timeValue = std::llrint(static_cast<double>(p.movieTime.timeValue) + half * static_cast<double>(p.movieTime.timeScale));
+        audioTime_ = p.audioTime;
+        audioTime_.setTimeScaleAtLeast(10000);
+        setMovieSelection();
+    }
+    updateMenu();
+}
+
+// ---- Saving, exporting, printing ----
+
+void MovieDoc::runModalSavePanel(kit::SaveOperation op, std::function<void(bool)> done)
+{
+    if (op != kit::SaveOperation::SaveAs || alreadySavedAs_) {
+        ImportDocument::runModalSavePanel(op, std::move(done));
+        return;
+    }
+    kit::SavePanelSpec spec;
+    spec.title = "Save As";
+    QStringList exts = fileExtensionsFromType(writableTypes().front());
+    QString ext = exts.isEmpty() ? "mov" : exts.front();
+    QFileInfo info(fileName());
+    spec.directory = info.absolutePath();
+    spec.proposedName = info.completeBaseName() + "-synced." + ext;
+    if (!exts.isEmpty()) spec.requiredExtension = ext;
+    spec.sheetParent = mMovieWindow;
+    QString path = kit::runSavePanel(spec);
+    if (path.isEmpty()) {
+        done(false);
+        return;
+    }
+    done(saveToFile(path, kit::SaveOperation::SaveAs));
+}
+
+std::optional<std::string> MovieDoc::runWithProgress(std::function<void(media::Progress const&)> work)
+{
+    struct Shared {
+        std::mutex lock;
+        std::string operation;
+        double fraction = 0;
+        std::atomic<bool> stop{false};
+        std::atomic<bool> done{false};
+        std::optional<std::string> outcome;
+    };
+    auto shared = std::make_shared<Shared>();
+    busy_ = true;
+    updateMenu();
+    QProgressDialog panel(mMovieWindow);
+    progressPanel_ = &panel;
+    panel.setWindowModality(Qt::WindowModal);
+    panel.setRange(0, 100);
+    panel.setMinimumDuration(0);
+    panel.setAutoClose(false);
+    panel.setAutoReset(false);
+    panel.setLabelText("Preparing\u2026");
+    QObject::connect(&panel, &QProgressDialog::canceled, [shared] { shared->stop = true; });
+
+    media::Progress progress = [shared](std::string const& op, media::Phase, double f) {
+        std::lock_guard<std::mutex> g(shared->lock);
+        shared->operation = op;
+        shared->fraction = f;
+        return !shared->stop.load();
+    };
+    QEventLoop loop;
+    std::thread worker([&, shared] {
+        std::optional<std::string> outcome;
+        try {
+            work(progress);
+            outcome = std::string();
+        } catch (media::Cancelled const&) {
+        } catch (std::exception const& e) {
+            outcome = std::string(e.what());
+        }
+        {
+            std::lock_guard<std::mutex> g(shared->lock);
+            shared->outcome = outcome;
+        }
+        shared->done = true;
+        QMetaObject::invokeMethod(&loop, "quit", Qt::QueuedConnection);
+    });
+    QTimer ticker;
+    QObject::connect(&ticker, &QTimer::timeout, [&] {
+        if (panel.wasCanceled()) shared->stop = true;
+        std::lock_guard<std::mutex> g(shared->lock);
+        if (!shared->operation.empty()) panel.setLabelText(QString::fromStdString(shared->operation) + "\u2026");
+        panel.setValue(static_cast<int>(shared->fraction * 100));
+    });
+    ticker.start(50);
+    if (!shared->done) loop.exec(); // the window stays alive; Cancel acts at once
+    worker.join();
+    ticker.stop();
+    progressPanel_ = nullptr;
+    panel.hide();
+    busy_ = false;
+    updateMenu();
+    std::lock_guard<std::mutex> g(shared->lock);
+    return shared->outcome;
+}
+
+void MovieDoc::doExport()
+{
+    if (!opened_) return;
+    static std::vector<media::ExportType> const exportTypes = [] {
+        std::vector<media::ExportType> t;
+        for (auto const& f : media::exportFormats()) t.push_back(f.type);
+        return t;
+    }();
+    auto* accessory = new QWidget;
+    auto* row = new QHBoxLayout(accessory);
+    row->setContentsMargins(0, 0, 0, 0);
+    row->addWidget(new QLabel("Format:", accessory));
+    auto* chooser = new QComboBox(accessory);
+    chooser->setObjectName("exportType");
+    for (auto const& f : media::exportFormats()) chooser->addItem(f.title);
+    chooser->setCurrentIndex(static_cast<int>(exportTypes.size()) - 2); // QuickTime Movie
+    row->addWidget(chooser, 1);
+
+    kit::SavePanelSpec spec;
+    spec.title = "Export";
+    QFileInfo info(fileName());
+    spec.directory = info.absolutePath();
+    spec.proposedName = info.fileName();
+    spec.accessory = accessory;
+    spec.sheetParent = mMovieWindow;
+    QString path = kit::runSavePanel(spec);
+    int index = chooser->currentIndex();
+    delete accessory;
+    if (path.isEmpty()) return;
+
+    std::optional<media::ExportType> type;
+    if (index >= 0 && index < static_cast<int>(exportTypes.size())) type = exportTypes[static_cast<std::size_t>(index)];
+    media::ExportType chosen = type.value_or(media::ExportType::QuickTime);
+    // Never export over the movie that is open.
+    if (QFileInfo(path).absoluteFilePath() == QFileInfo(fileName()).absoluteFilePath()) {
+        QString ext = media::exportFormats()[static_cast<std::size_t>(std::max(index, 0))].extension;
+        path = info.absolutePath() + "/" + info.completeBaseName() + " export." + ext;
+    }
+    myQTTime now = player_->currentTime();
+    dm::Movie& movie = *opened_->movie;
+    std::string target = path.toStdString();
+    auto outcome = runWithProgress([&](media::Progress const& progress) { media::exportMovie(movie, target, chosen, now, progress); });
+    if (outcome && !outcome->empty()) {
+        kit::AlertSpec a;
+        a.title = "Error";
+        a.message = "Error exporting movie.";
+        a.informative = QString::fromStdString(*outcome);
+        a.sheetParent = mMovieWindow;
+        kit::runAlert(a);
+    }
+}
+
+bool MovieDoc::printShowingPrintPanel(bool showPanel, QPrinter* given)
+{
+    if (!mMovieView) return false;
+    QPrinter fallback(QPrinter::HighResolution);
+    QPrinter* printer = given ? given : &fallback;
+    if (showPanel) {
+        QPrintDialog dialog(printer, mMovieWindow);
+        if (dialog.exec() != QDialog::Accepted) return false;
+    }
+    QImage picture = mMovieView->currentPicture();
+    if (picture.isNull()) picture = mMovieView->grab().toImage();
+    QPainter painter;
+    if (!painter.begin(printer)) return false;
+    QRect page = painter.viewport();
+    QSize size = picture.size().scaled(page.size(), Qt::KeepAspectRatio);
+    painter.setViewport(page.x() + (page.width() - size.width()) / 2, page.y(), size.width(), size.height());
+    painter.setWindow(picture.rect());
+    painter.drawImage(0, 0, picture);
+    return painter.end();
 }

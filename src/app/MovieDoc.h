@@ -4,6 +4,7 @@
 
 #include "ImportDocument.h"
 #include "MovieFile.h"
+#include "MovieWriter.h"
 #include "OffsetList.h"
 #include "Player.h"
 #include "Refusal.h"
@@ -16,6 +17,9 @@
 #include <optional>
 
 class MovieView;
+class OffsetListWindowController;
+class DMTableView;
+class QProgressDialog;
 
 class MovieDoc : public ImportDocument, public SyncDocument {
     Q_OBJECT
@@ -36,6 +40,34 @@ public:
     bool writeToFile(QString const& path, QString const& type, kit::SaveOperation op) override;
     void makeWindowControllers() override;
     QWidget* windowForSheet() const override { return mMovieWindow; }
+    void showWindows() override;
+    // The first Save As proposes "<name>-synced.<ext>" in the document's own
+    // panel; later ones use the ordinary panel.
+    void runModalSavePanel(kit::SaveOperation op, std::function<void(bool)> done) override;
+
+    // The sync point table's data source.
+    int numberOfRows() const;
+    Offset GetOffset(int row) const;
+    QVariant objectValue(QString const& column, int row) const;
+    void setObjectValue(QVariant const& value, QString const& column, int row);
+    void tableViewSelectionDidChange();
+    OffsetListWindowController* findInfoWindowController() const;
+    DMTableView* getTableView() const;
+    QWidget* getInfoWindow() const;
+    void createInfoWindow(bool show);
+    void showInfo() { createInfoWindow(true); }
+    void reloadTable();
+    void setTimeDisplay();
+    void setDurationDisplay();
+
+    // Export: a save panel with a chooser of the seven formats.
+    void doExport();
+    // Prints the picture now shown (to the printer chosen in the dialog, or
+    // to `printer` as it is set up when no dialog is asked for).
+    bool printShowingPrintPanel(bool showPanel, class QPrinter* printer = nullptr);
+    // The progress sheet of a running save or export (null otherwise).
+    QProgressDialog* progressPanel() const { return progressPanel_; }
+    bool isBusy() const { return busy_; }
 
     // Movie window sizing.
     QSize windowContentSizeForMovieSize(QSize movieSize) const;
@@ -75,8 +107,9 @@ public:
     void setSyncNotInProgress();
 
     // Selected rows of the sync point table (the table comes with its window).
-    IndexSet selectedRows() const { return selectedRows_; }
-    void setSelectedRows(IndexSet rows) { selectedRows_ = std::move(rows); }
+    // The selected rows of the sync point table (none without the window).
+    IndexSet selectedRows() const;
+    void setSelectedRows(IndexSet rows);
 
     // For tests and the time read-outs.
     OffsetList* offsets() const { return offsets_.get(); }
@@ -109,8 +142,14 @@ private:
     void updateMenu();
     int durationFields() const;
     bool movieWindowIsKey() const;
-    bool infoWindowIsKeyWindow() const { return false; }
-    bool tableViewIsEditing() const { return false; }
+    bool infoWindowIsKeyWindow() const;
+    bool tableViewIsEditing() const;
+    // Runs a long movie operation on a worker thread behind the progress
+    // sheet; the document's state stays frozen meanwhile. Returns the
+    // operation's error message ("" when it worked), or nullopt if cancelled.
+    std::optional<std::string> runWithProgress(std::function<void(media::Progress const&)> work);
+    void windowBecameKey(QWidget* window);
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
     std::optional<media::OpenedMovie> opened_;
     std::unique_ptr<media::Player> player_;
@@ -124,7 +163,9 @@ private:
     bool alreadySavedAs_ = false;
     bool documentIsChangingSelection_ = false;
     bool nowSizing_ = false;
-    IndexSet selectedRows_;
+    bool dontOrder_ = false;
+    bool busy_ = false;
+    QProgressDialog* progressPanel_ = nullptr;
     QMainWindow* mMovieWindow = nullptr;
     MovieView* mMovieView = nullptr;
     QLabel* instruction_ = nullptr;

@@ -343,6 +343,13 @@ TEST_F(App, ScreenshotOfASync)
     MovieDoc* doc = open(cachedMovie("app-shot.mov", smallSpec(12, 0.35, 1.0 / 1.004)));
     ASSERT_TRUE(doc);
     doc->movieWindow()->resize(640, 560);
+    // Two points already made; the third in progress between them.
+    for (double t : {4.0, 11.0}) {
+        doc->player()->setCurrentTime(myQTTime(static_cast<long long>(t * kRate), kRate));
+        doc->startSync();
+        for (int i = 0; i < 35; ++i) doc->retardAudio();
+        doc->acceptSync();
+    }
     doc->player()->setCurrentTime(myQTTime(static_cast<long long>(7) * kRate, kRate));
     key(doc, Qt::Key_Return);
     key(doc, Qt::Key_Right);
@@ -353,6 +360,8 @@ TEST_F(App, ScreenshotOfASync)
     QDir().mkpath(DUBMATCH_SCREENSHOT_DIR);
     QString file = QString(DUBMATCH_SCREENSHOT_DIR) + "/movie-window-sync.png";
     EXPECT_TRUE(doc->movieWindow()->grab().save(file));
+    ASSERT_TRUE(doc->getInfoWindow());
+    EXPECT_TRUE(doc->getInfoWindow()->grab().save(QString(DUBMATCH_SCREENSHOT_DIR) + "/sync-points-window.png"));
     auto* label = doc->movieWindow()->findChild<QLabel*>("instruction");
     ASSERT_TRUE(label);
     EXPECT_EQ(label->text(), MovieDoc::instructionForMode("pointInProgress"));

@@ -61,7 +61,17 @@ int runAlert(AlertSpec const& spec)
     return index < 0 ? static_cast<int>(buttons.indexOf("Cancel")) : index;
 }
 
-void beep() { QApplication::beep(); }
+namespace {
+std::function<void()> beepResponder;
+}
+
+void setBeepResponder(std::function<void()> r) { beepResponder = std::move(r); }
+
+void beep()
+{
+    if (beepResponder) beepResponder();
+    else QApplication::beep();
+}
 
 QString runSavePanel(SavePanelSpec const& spec)
 {

@@ -25,8 +25,9 @@ int runAlert(AlertSpec const& spec);
 using AlertResponder = std::function<int(AlertSpec const&)>;
 void setAlertResponder(AlertResponder responder);
 
-// The system beep.
+// The system beep; tests may count beeps instead.
 void beep();
+void setBeepResponder(std::function<void()> responder);
 
 struct SavePanelSpec {
     QString title;

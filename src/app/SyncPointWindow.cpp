@@ -1,0 +1,142 @@
+#include "SyncPointWindow.h"
+
+#include "MovieDoc.h"
+
+#include <QGridLayout>
+#include <QHeaderView>
+#include <QPainter>
+#include <QPainterPath>
+#include <QVBoxLayout>
+
+QPixmap markerImage(QString const& name)
+{
+    static QPixmap diamond, star;
+    auto make = [](QColor fill, QPainterPath const& shape) {
+        QPixmap pm(16, 16);
+        pm.fill(Qt::transparent);
+        QPainter p(&pm);
+        p.setRenderHint(QPainter::Antialiasing);
+        p.setPen(QPen(fill.darker(160), 1));
+        p.setBrush(fill);
+        p.drawPath(shape);
+        return pm;
+    };
+    if (name == "RedDiamond") {
+        if (diamond.isNull()) {
+            QPainterPath path;
+            path.moveTo(8, 1);
+            path.lineTo(15, 8);
+            path.lineTo(8, 15);
+            path.lineTo(1, 8);
+            path.closeSubpath();
+            diamond = make(QColor(210, 30, 30), path);
+        }
+        return diamond;
+    }
+    if (name == "BlueStar") {
+        if (star.isNull()) {
+            QPainterPath path;
+            for (int i = 0; i < 10; ++i) {
+                double r = i % 2 ? 3.0 : 7.2, a = -M_PI / 2 + i * M_PI / 5;
+                QPointF pt(8 + r * std::cos(a), 8.5 + r * std::sin(a));
+                if (i == 0) path.moveTo(pt);
+                else path.lineTo(pt);
+            }
+            path.closeSubpath();
+            star = make(QColor(40, 100, 220), path);
+        }
+        return star;
+    }
+    return {};
+}
+
+QString OffsetTableModel::identifier(int column)
+{
+    switch (column) {
+    case kTime: return "time";
+    case kOffset: return "offset";
+    case kFlag: return "flag";
+    default: return {};
+    }
+}
+
+int OffsetTableModel::rowCount(QModelIndex const& parent) const { return parent.isValid() ? 0 : doc_->numberOfRows(); }
+
+QVariant OffsetTableModel::data(QModelIndex const& index, int role) const
+{
+    QVariant v = doc_->objectValue(identifier(index.column()), index.row());
+    if (index.column() == kFlag) return role == Qt::DecorationRole ? v : QVariant();
+    if (role == Qt::DisplayRole && index.column() == kOffset) return QString::number(v.toDouble(), 'f', 1);
+    if (role == Qt::DisplayRole || role == Qt::EditRole) return v;
+    if (role == Qt::TextAlignmentRole) return int(Qt::AlignRight | Qt::AlignVCenter);
+    return {};
+}
+
+bool OffsetTableModel::setData(QModelIndex const& index, QVariant const& value, int role)
+{
+    if (role != Qt::EditRole) return false;
+    doc_->setObjectValue(value, identifier(index.column()), index.row());
+    return true;
+}
+
+Qt::ItemFlags OffsetTableModel::flags(QModelIndex const& index) const
+{
+    Qt::ItemFlags f = Qt::ItemIsSelectable | Qt::ItemIsEnabled;
+    if (index.column() != kFlag) f |= Qt::ItemIsEditable;
+    return f;
+}
+
+QVariant OffsetTableModel::headerData(int section, Qt::Orientation o, int role) const
+{
+    if (o != Qt::Horizontal || role != Qt::DisplayRole) return {};
+    switch (section) {
+    case kTime: return "Time";
+    case kOffset: return "Offset (ms)";
+    default: return "";
+    }
+}
+
+void OffsetTableModel::reloadData()
+{
+    beginResetModel();
+    endResetModel();
+}
+
+void DMTableView::closeEditor(QWidget* editor, QAbstractItemDelegate::EndEditHint hint)
+{
+    // Return commits the edit and stays on the row; Tab still moves on.
+    if (hint == QAbstractItemDelegate::SubmitModelCache) hint = QAbstractItemDelegate::NoHint;
+    QTableView::closeEditor(editor, hint);
+}
+
+OffsetListWindowController::OffsetListWindowController(MovieDoc* doc) : kit::WindowController("OffsetList", new QWidget)
+{
+    QWidget* w = window();
+    w->setProperty("dubmatchDocument", QVariant::fromValue(static_cast<QObject*>(doc)));
+    w->setWindowTitle(windowTitleForDocumentDisplayName(doc->displayName()));
+    auto* layout = new QVBoxLayout(w);
+    table_ = new DMTableView(w);
+    model_ = new OffsetTableModel(doc, w);
+    table_->setModel(model_);
+    table_->setSelectionBehavior(QAbstractItemView::SelectRows);
+    table_->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    table_->setEditTriggers(QAbstractItemView::DoubleClicked | QAbstractItemView::EditKeyPressed);
+    table_->verticalHeader()->hide();
+    table_->horizontalHeader()->setSectionResizeMode(OffsetTableModel::kTime, QHeaderView::Stretch);
+    table_->horizontalHeader()->setSectionResizeMode(OffsetTableModel::kOffset, QHeaderView::Stretch);
+    table_->horizontalHeader()->setSectionResizeMode(OffsetTableModel::kFlag, QHeaderView::Fixed);
+    table_->horizontalHeader()->resizeSection(OffsetTableModel::kFlag, 28);
+    layout->addWidget(table_, 1);
+    auto* grid = new QGridLayout;
+    duration_ = new QLabel(w);
+    time_ = new QLabel(w);
+    for (QLabel* l : {duration_, time_}) l->setFont(QFont("monospace"));
+    grid->addWidget(new QLabel("Duration:", w), 0, 0);
+    grid->addWidget(duration_, 0, 1);
+    grid->addWidget(new QLabel("Current time:", w), 1, 0);
+    grid->addWidget(time_, 1, 1);
+    grid->setColumnStretch(1, 1);
+    layout->addLayout(grid);
+    w->resize(300, 360);
+    connect(table_->selectionModel(), &QItemSelectionModel::selectionChanged, doc, [doc] { doc->tableViewSelectionDidChange(); });
+}

@@ -1,0 +1,315 @@
+// The sync point window, Save As, export with progress and Cancel, printing.
+#include "Codec.h"
+#include "DMApplication.h"
+#include "DMDocumentController.h"
+#include "MediaTestSupport.h"
+#include "MovieDoc.h"
+#include "MovieView.h"
+#include "SyncPointWindow.h"
+#include "kit/Alert.h"
+#include "kit/UserDefaults.h"
+
+#include <QComboBox>
+#include <QLineEdit>
+#include <QPrinter>
+#include <QProgressDialog>
+#include <QTest>
+#include <QTimer>
+
+#include <gtest/gtest.h>
+
+using namespace testsupport;
+
+namespace {
+
+constexpr int kRate = 48000;
+
+DMDocumentController& controller() { return *static_cast<DMDocumentController*>(kit::DocumentController::shared()); }
+
+myQTTime at(double s) { return myQTTime(static_cast<long long>(std::llround(s * kRate)), kRate); }
+
+class Table : public ::testing::Test {
+protected:
+    void TearDown() override
+    {
+        kit::setSavePanelResponder(nullptr);
+        kit::setAlertResponder(nullptr);
+        kit::setBeepResponder(nullptr);
+        for (auto* d : controller().documents()) {
+            d->updateChangeCount(kit::ChangeType::Cleared);
+            d->close();
+        }
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        kit::Defaults::standard().removeValue("reverseArrows");
+    }
+    MovieDoc* open(std::string const& path)
+    {
+        return qobject_cast<MovieDoc*>(controller().openDocumentWithContentsOfFile(QString::fromStdString(path), true));
+    }
+    QVariant cell(MovieDoc* doc, int row, int column, int role = Qt::DisplayRole)
+    {
+        auto* m = doc->findInfoWindowController()->model();
+        return m->data(m->index(row, column), role);
+    }
+    void type(MovieDoc* doc, int row, int column, QString const& text)
+    {
+        auto* m = doc->findInfoWindowController()->model();
+        m->setData(m->index(row, column), text, Qt::EditRole);
+    }
+};
+
+std::string movie12() { return cachedMovie("table-12s.mov", smallSpec(12, 0.0, 1.0)); }
+
+TEST_F(Table, RowsAndMarkersDuringASync)
+{
+    MovieDoc* doc = open(movie12());
+    ASSERT_TRUE(doc);
+    ASSERT_TRUE(doc->getTableView()) << "openInspector makes the window with every movie";
+    EXPECT_EQ(doc->getInfoWindow()->windowTitle(), "table-12s.mov Sync Points");
+    doc->createInfoWindow(true);
+    doc->createInfoWindow(true);
+    int infoControllers = 0;
+    for (auto* wc : doc->windowControllers()) infoControllers += wc->windowNibName() == "OffsetList";
+    EXPECT_EQ(infoControllers, 1);
+
+    // The middle point strays by 0.4 s: it alone is flagged.
+    doc->offsets()->replacePoints({Offset(at(2), at(2)), Offset(at(5), at(5.4)), Offset(at(8), at(8))});
+    doc->reloadTable();
+    ASSERT_TRUE(doc->offsets()->points()[1].flag);
+    doc->player()->setCurrentTime(at(5.5));
+    doc->startSync(); // loop 1.5 .. 5.5, middle 3.5
+    EXPECT_EQ(doc->syncRow(), 1);
+    EXPECT_EQ(doc->numberOfRows(), 4);
+    EXPECT_EQ(cell(doc, 0, OffsetTableModel::kTime).toString(), "02.000");
+    EXPECT_EQ(cell(doc, 1, OffsetTableModel::kTime).toString(), "03.500");
+    EXPECT_EQ(cell(doc, 2, OffsetTableModel::kTime).toString(), "05.000");
+    EXPECT_EQ(cell(doc, 3, OffsetTableModel::kTime).toString(), "08.000");
+    auto marker = [&](int row) { return cell(doc, row, OffsetTableModel::kFlag, Qt::DecorationRole).value<QPixmap>().cacheKey(); };
+    EXPECT_EQ(marker(1), markerImage("BlueStar").cacheKey());
+    EXPECT_EQ(marker(2), markerImage("RedDiamond").cacheKey());
+    EXPECT_EQ(cell(doc, 0, OffsetTableModel::kFlag, Qt::DecorationRole), QVariant());
+    EXPECT_EQ(cell(doc, 3, OffsetTableModel::kFlag, Qt::DecorationRole), QVariant());
+
+    // Typing a time into the point in progress moves the loop, not the list.
+    type(doc, 1, OffsetTableModel::kTime, "4");
+    EXPECT_EQ(doc->loopMiddle().timeValue, 4 * kRate);
+    EXPECT_EQ(doc->offsets()->points().size(), 3u);
+    // Typing an offset into it sets the preview: the sound 30 ms later.
+    type(doc, 1, OffsetTableModel::kOffset, "30");
+    EXPECT_NEAR(doc->loopMiddle().seconds() - doc->audioTime().seconds(), 0.030, 1e-6);
+    doc->abandonSync();
+    EXPECT_EQ(doc->numberOfRows(), 3);
+}
+
+TEST_F(Table, TypingTimesAndOffsets)
+{
+    MovieDoc* doc = open(movie12());
+    ASSERT_TRUE(doc);
+    doc->offsets()->replacePoints({Offset(at(2), at(2.04)), Offset(at(9), at(9.04))});
+    doc->reloadTable();
+    EXPECT_NEAR(cell(doc, 0, OffsetTableModel::kOffset, Qt::EditRole).toDouble(), -40, 1e-6);
+
+    // With "reverseArrows" -1 the sign turns: -40 ms shows 40, and typing 40 keeps it.
+    kit::Defaults::standard().setValue("reverseArrows", -1);
+    EXPECT_NEAR(cell(doc, 0, OffsetTableModel::kOffset, Qt::EditRole).toDouble(), 40, 1e-6);
+    type(doc, 0, OffsetTableModel::kOffset, "40");
+    EXPECT_NEAR(doc->offsets()->points()[0].audioTime.seconds(), 2.04, 1e-4);
+    kit::Defaults::standard().removeValue("reverseArrows");
+    type(doc, 0, OffsetTableModel::kOffset, "25");
+    EXPECT_NEAR(doc->offsets()->points()[0].offset().seconds(), 0.025, 1e-4);
+
+    // A new time keeps the offset and re-sorts the list.
+    type(doc, 0, OffsetTableModel::kTime, "10.5");
+    ASSERT_EQ(doc->offsets()->points().size(), 2u);
+    EXPECT_EQ(doc->offsets()->points()[1].movieTime.timeValue, 6300); // 10.5 s at 600
+    EXPECT_NEAR(doc->offsets()->points()[1].offset().seconds(), 0.025, 1e-4);
+
+    // Bad time text beeps and changes nothing.
+    int beeps = 0;
+    kit::setBeepResponder([&] { ++beeps; });
+    auto before = doc->offsets()->points();
+    type(doc, 0, OffsetTableModel::kTime, "1:60");
+    type(doc, 1, OffsetTableModel::kTime, "soon");
+    EXPECT_EQ(beeps, 2);
+    ASSERT_EQ(doc->offsets()->points().size(), before.size());
+    for (std::size_t i = 0; i < before.size(); ++i) EXPECT_TRUE(doc->offsets()->points()[i].movieTime == before[i].movieTime);
+    EXPECT_EQ(doc->changeCount(), 0); // table edits record no change
+}
+
+TEST_F(Table, SelectingOnePointLoopsAroundIt)
+{
+    MovieDoc* doc = open(movie12());
+    ASSERT_TRUE(doc);
+    doc->offsets()->replacePoints({Offset(at(3), at(3.1)), Offset(at(9), at(9.1))});
+    doc->reloadTable();
+    doc->setSelectedRows({1});
+    EXPECT_TRUE(doc->movie()->loops());
+    EXPECT_EQ(doc->startTime().timeValue, 7 * kRate);
+    EXPECT_EQ(doc->endTime().timeValue, 11 * kRate);
+    doc->setSelectedRows({0, 1}); // two rows: the loop stays
+    EXPECT_TRUE(doc->movie()->loops());
+    EXPECT_EQ(doc->startTime().timeValue, 7 * kRate);
+    doc->setSelectedRows({});
+    EXPECT_FALSE(doc->movie()->loops());
+
+    // Edit and Delete need the sync point window to be the key window.
+    doc->setSelectedRows({0});
+    QApplication::setActiveWindow(doc->getInfoWindow());
+    EXPECT_TRUE(doc->validateAction("editSync"));
+    EXPECT_TRUE(doc->validateAction("deleteSync"));
+    EXPECT_FALSE(doc->validateAction("startSync")); // one row selected, table key
+    QApplication::setActiveWindow(doc->movieWindow());
+    EXPECT_FALSE(doc->validateAction("editSync"));
+    EXPECT_TRUE(doc->validateAction("startSync"));
+
+    // Return ends an edit and stays on its row; it starts no sync point.
+    QApplication::setActiveWindow(doc->getInfoWindow());
+    DMTableView* table = doc->getTableView();
+    QModelIndex index = table->model()->index(0, OffsetTableModel::kOffset);
+    table->setCurrentIndex(index);
+    table->edit(index);
+    auto* editor = table->findChild<QLineEdit*>();
+    ASSERT_TRUE(editor);
+    editor->setText("50");
+    QKeyEvent ret(QEvent::KeyPress, Qt::Key_Return, Qt::NoModifier, "\r");
+    QApplication::sendEvent(editor, &ret);
+    QCoreApplication::processEvents(); // the delegate commits and closes the editor queued
+    EXPECT_FALSE(table->isEditing());
+    EXPECT_EQ(table->currentIndex().row(), 0);
+    EXPECT_FALSE(doc->syncInProgress());
+    EXPECT_NEAR(doc->offsets()->points()[0].offset().seconds(), 0.050, 1e-4);
+}
+
+TEST_F(Table, FirstSaveAsProposesSynced)
+{
+    ScratchDir dir;
+    std::string talk = dir.file("Talk.dv");
+    writeFile(talk, readFile(movie12())); // a QuickTime movie under a name Dubmatch does not write
+    MovieDoc* doc = open(talk);
+    ASSERT_TRUE(doc);
+    EXPECT_TRUE(doc->isImported());
+    kit::SavePanelSpec asked;
+    kit::setSavePanelResponder([&](kit::SavePanelSpec const& s) {
+        asked = s;
+        return QString();
+    });
+    bool reported = true;
+    doc->runModalSavePanel(kit::SaveOperation::SaveAs, [&](bool saved) { reported = saved; });
+    EXPECT_FALSE(reported);
+    EXPECT_EQ(asked.title, "Save As");
+    EXPECT_EQ(asked.proposedName, "Talk-synced.mov");
+    EXPECT_EQ(asked.requiredExtension, "mov");
+    EXPECT_EQ(listDir(dir.path()), std::vector<std::string>{"Talk.dv"});
+
+    // Saved for real, then reopened: in sync, with its backup.
+    doc->player()->setCurrentTime(at(6));
+    doc->startSync();
+    doc->acceptSync();
+    kit::setSavePanelResponder([&](kit::SavePanelSpec const& s) {
+        asked = s;
+        return QString::fromStdString(dir.file("Talk-synced.mov"));
+    });
+    doc->saveDocument(); // an imported document saves through Save As
+    EXPECT_EQ(doc->fileName().toStdString(), dir.file("Talk-synced.mov"));
+    EXPECT_FALSE(doc->isDocumentEdited());
+    EXPECT_LT(media::measureSync(dir.file("Talk-synced.mov")).worst(), 0.001);
+    // A later Save As is the ordinary one.
+    doc->runModalSavePanel(kit::SaveOperation::SaveAs, [](bool) {});
+    EXPECT_EQ(asked.proposedName, "Talk-synced.mov");
+}
+
+TEST_F(Table, ExportsEveryFormatAndCancelLeavesNothing)
+{
+    ScratchDir dir;
+    MovieDoc* doc = open(movie12());
+    ASSERT_TRUE(doc);
+    doc->player()->setCurrentTime(at(4));
+    auto const& formats = media::exportFormats();
+    for (std::size_t i = 0; i < formats.size(); ++i) {
+        SCOPED_TRACE(formats[i].title);
+        std::string out = dir.file(std::string("out.") + formats[i].extension);
+        kit::setSavePanelResponder([&](kit::SavePanelSpec const& s) {
+            auto* chooser = s.accessory->findChild<QComboBox*>("exportType");
+            EXPECT_EQ(chooser->count(), 7);
+            EXPECT_EQ(chooser->itemText(static_cast<int>(i)), formats[i].title);
+            chooser->setCurrentIndex(static_cast<int>(i));
+            return QString::fromStdString(out);
+        });
+        doc->doExport();
+        ASSERT_TRUE(exists(out));
+        media::OpenedMovie back = media::openMovie(out);
+        auto videos = back.movie->tracksOfMediaType(dm::MediaType::Video);
+        if (formats[i].type == media::ExportType::BMP || formats[i].type == media::ExportType::FLC) {
+            ASSERT_EQ(videos.size(), 1u);
+            EXPECT_EQ(media::OpenedMovie::mediaOf(*videos[0]).width, 320);
+            EXPECT_EQ(media::OpenedMovie::mediaOf(*videos[0]).height, 240);
+        }
+        if (formats[i].type == media::ExportType::AIFF) EXPECT_TRUE(videos.empty());
+        else EXPECT_FALSE(videos.empty());
+    }
+
+    // Cancel on the progress sheet of a long export: no file.
+    MovieDoc* longDoc = open(cachedMovie("table-long.mov", smallSpec(60, 0, 1)));
+    ASSERT_TRUE(longDoc);
+    std::string out = dir.file("cancelled.dv");
+    kit::setSavePanelResponder([&](kit::SavePanelSpec const& s) {
+        s.accessory->findChild<QComboBox*>("exportType")->setCurrentIndex(2); // DV: slow enough
+        return QString::fromStdString(out);
+    });
+    bool cancelled = false;
+    QTimer poll;
+    QObject::connect(&poll, &QTimer::timeout, [&] {
+        if (longDoc->progressPanel() && !cancelled) {
+            EXPECT_TRUE(longDoc->isBusy());
+            EXPECT_FALSE(longDoc->validateAction("startSync")); // frozen while it writes
+            longDoc->progressPanel()->cancel();
+            cancelled = true;
+        }
+    });
+    poll.start(20);
+    std::vector<kit::AlertSpec> alerts;
+    kit::setAlertResponder([&](kit::AlertSpec const& a) {
+        alerts.push_back(a);
+        return 0;
+    });
+    longDoc->doExport();
+    EXPECT_TRUE(cancelled);
+    EXPECT_TRUE(alerts.empty());
+    EXPECT_FALSE(exists(out));
+    for (auto const& name : listDir(dir.path())) EXPECT_EQ(name.find("cancelled"), std::string::npos) << name;
+    EXPECT_FALSE(longDoc->isBusy());
+}
+
+TEST_F(Table, ExportFailureSaysSo)
+{
+    MovieDoc* doc = open(movie12());
+    ASSERT_TRUE(doc);
+    kit::setSavePanelResponder([](kit::SavePanelSpec const&) { return QString("/no/such/folder/out.mov"); });
+    std::vector<kit::AlertSpec> alerts;
+    kit::setAlertResponder([&](kit::AlertSpec const& a) {
+        alerts.push_back(a);
+        return 0;
+    });
+    doc->doExport();
+    ASSERT_EQ(alerts.size(), 1u);
+    EXPECT_EQ(alerts[0].title, "Error");
+    EXPECT_EQ(alerts[0].message, "Error exporting movie.");
+}
+
+TEST_F(Table, PrintsThePicture)
+{
+    ScratchDir dir;
+    MovieDoc* doc = open(movie12());
+    ASSERT_TRUE(doc);
+    doc->player()->setCurrentTime(at(3));
+    for (int i = 0; i < 200 && doc->movieView()->currentPicture().isNull(); ++i) QTest::qWait(10);
+    QPrinter printer;
+    printer.setOutputFormat(QPrinter::PdfFormat);
+    printer.setOutputFileName(QString::fromStdString(dir.file("picture.pdf")));
+    EXPECT_TRUE(doc->printShowingPrintPanel(false, &printer));
+    std::string pdf = readFile(dir.file("picture.pdf"));
+    EXPECT_EQ(pdf.substr(0, 5), "%PDF-");
+    EXPECT_GT(pdf.size(), 2000u);
+}
+
+} // namespace
