@@ -1,5 +1,6 @@
 #include "DMApplication.h"
 
+#include "DMAppDelegate.h"
 #include "DMDocumentController.h"
 #include "MovieDoc.h"
 #include "kit/UserDefaults.h"
@@ -84,6 +85,11 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
         QApplication::clipboard()->setText(text);
     });
 
+    edit->addSeparator();
+    add(edit, "&Preferences\u2026", "showPreferences", QKeySequence::Preferences, [this] {
+        if (delegate_) delegate_->showPreferences();
+    });
+
     syncMenu_ = new QMenu("S&ync");
     syncMenu_->menuAction()->setData(kSyncMenuTag);
     addSyncItem("Start Sync Point", "startSync", 1, "");
@@ -103,7 +109,11 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
     add(window, "&Sync Points", "showInfo", QKeySequence(Qt::CTRL | Qt::Key_I), [current] {
         if (auto* d = current()) d->showInfo();
     });
-    menus_ = {file, edit, syncMenu_, window};
+    auto* help = new QMenu("&Help");
+    add(help, "Dubmatch &Read Me", "showReadMe", QKeySequence::HelpContents, [this] {
+        if (delegate_) delegate_->showReadMe();
+    });
+    menus_ = {file, edit, syncMenu_, window, help};
     for (QMenu* m : menus_) connect(m, &QMenu::aboutToShow, this, &DMApplication::updateMenu);
 }
 

@@ -14,6 +14,7 @@
 #include <memory>
 
 class MovieDoc;
+class DMAppDelegate;
 
 class DMApplication : public QApplication {
     Q_OBJECT
@@ -21,6 +22,8 @@ public:
     DMApplication(int& argc, char** argv);
     ~DMApplication() override;
     static DMApplication* instance();
+    void setDelegate(DMAppDelegate* d) { delegate_ = d; }
+    DMAppDelegate* delegate() const { return delegate_; }
 
     // Adds the application's menus to a window's menu bar.
     void populateMenuBar(QMenuBar* bar);
@@ -55,4 +58,5 @@ private:
     std::unique_ptr<KeyTable> selectorMapPtr_;
     QList<QMenu*> menus_; // File, Edit, Sync: shared by every window's menu bar
     QMenu* syncMenu_ = nullptr;
+    DMAppDelegate* delegate_ = nullptr;
 };

@@ -3,6 +3,7 @@
 #include "DMApplication.h"
 #include "MovieView.h"
 #include "SyncPointWindow.h"
+#include "ValueTransformers.h"
 #include "MovieWriter.h"
 #include "bridge.h"
 #include "kit/Alert.h"
@@ -20,6 +21,7 @@
 #include <QFileInfo>
 #include <QMimeData>
 #include <QProgressDialog>
+#include <QPushButton>
 #include <QVBoxLayout>
 
 #include <atomic>
@@ -172,6 +174,34 @@ void MovieDoc::makeWindowControllers()
     instruction_->setWordWrap(true);
     instruction_->setContentsMargins(8, 4, 8, 6);
     layout->addWidget(mMovieView, 1);
+    // The Sync controls follow the mode through the named transformers.
+    auto* controls = new QWidget(central);
+    controls_ = controls;
+    auto* row = new QHBoxLayout(controls);
+    row->setContentsMargins(8, 4, 8, 0);
+    struct Binding {
+        QString title, action, transformer;
+        bool hidden; // bound to "hidden", else to "enabled"
+    };
+    for (Binding const& b : {Binding{"Start Sync Point", "startSync", "~movieModeIsPointInProgress", false},
+                             Binding{"Accept", "acceptSync", "~movieModeIsPointInProgress", true},
+                             Binding{"Abandon", "abandonSync", "~movieModeIsPointInProgress", true}}) {
+        auto* button = new QPushButton(b.title, controls);
+        button->setObjectName(b.action);
+        button->setFocusPolicy(Qt::NoFocus);
+        row->addWidget(button);
+        connect(button, &QPushButton::clicked, this, [this, action = b.action] { performAction(action); });
+        auto apply = [button, b](QString const& mode) {
+            auto t = ValueTransformer::valueTransformerForName(b.transformer);
+            bool value = t && t->transformedValue(mode).toBool();
+            if (b.hidden) button->setHidden(value);
+            else button->setEnabled(value);
+        };
+        apply(movieMode());
+        connect(this, &MovieDoc::movieModeChanged, button, apply);
+    }
+    row->addStretch(1);
+    layout->addWidget(controls);
     layout->addWidget(instruction_);
     window->setCentralWidget(central);
     if (auto* app = DMApplication::instance()) app->populateMenuBar(window->menuBar());
@@ -209,6 +239,7 @@ QSize MovieDoc::windowContentSizeForMovieSize(QSize movieSize) const
     QSize s = movieSize;
     if (mMovieView && mMovieView->isControllerVisible()) s.setHeight(s.height() + mMovieView->controllerBarHeight());
     if (instruction_) s.setHeight(s.height() + instruction_->sizeHint().height());
+    if (controls_) s.setHeight(s.height() + controls_->sizeHint().height());
     if (s.width() == 0 && mMovieWindow) s.setWidth(mMovieWindow->width());
     return s;
 }

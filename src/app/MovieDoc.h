@@ -169,4 +169,5 @@ private:
     QMainWindow* mMovieWindow = nullptr;
     MovieView* mMovieView = nullptr;
     QLabel* instruction_ = nullptr;
+    QWidget* controls_ = nullptr;
 };

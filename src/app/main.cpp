@@ -1,12 +1,9 @@
 // dubmatch: the application.
+#include "DMAppDelegate.h"
 #include "DMApplication.h"
 #include "DMDocumentController.h"
 #include "FFmpeg.h"
 #include "MovieDoc.h"
-#include "kit/Alert.h"
-#include "kit/UserDefaults.h"
-
-#include <QFile>
 #include <QTimer>
 
 #include <iostream>
@@ -15,15 +12,10 @@ int main(int argc, char** argv)
 {
     media::setupMediaLogging();
     DMApplication app(argc, argv);
-    QFile defaults(":/UserDefaults.plist");
-    if (!defaults.open(QIODevice::ReadOnly) || !kit::Defaults::standard().registerDefaultsFromPlist(defaults.readAll())) {
-        kit::AlertSpec a;
-        a.message = "Preferences could not load";
-        a.informative = "It appears that Dubmatch has been damaged. Please download a new copy.";
-        kit::runAlert(a);
-    }
+    DMAppDelegate delegate; // factory defaults and transformers before anything reads them
+    app.setDelegate(&delegate);
     DMDocumentController controller;
-    app.muckWithMenu();
+    delegate.applicationDidFinishLaunching();
 
     QStringList args = app.arguments().mid(1);
     if (args.contains("--help") || args.contains("-h")) {

@@ -1,6 +1,7 @@
 // The application's tests run inside a real DMApplication on Qt's offscreen
 // platform, with the sound on SDL's dummy driver. Alerts and panels are
 // answered by the tests' responders.
+#include "DMAppDelegate.h"
 #include "DMApplication.h"
 #include "DMDocumentController.h"
 #include "FFmpeg.h"
@@ -20,12 +21,13 @@ int main(int argc, char** argv)
     media::setupMediaLogging();
     ::testing::InitGoogleTest(&argc, argv);
     DMApplication app(argc, argv);
-    QFile defaults(":/UserDefaults.plist");
-    if (!defaults.open(QIODevice::ReadOnly) || !kit::Defaults::standard().registerDefaultsFromPlist(defaults.readAll())) {
+    if (!DMAppDelegate::setupDefaults()) {
         std::fprintf(stderr, "the factory defaults did not load\n");
         return 1;
     }
+    DMAppDelegate delegate;
+    app.setDelegate(&delegate);
     DMDocumentController controller;
-    app.muckWithMenu();
+    delegate.applicationDidFinishLaunching();
     return RUN_ALL_TESTS();
 }

@@ -1,0 +1,76 @@
+#include "PreferencesWindow.h"
+
+#include "DMApplication.h"
+#include "ValueTransformers.h"
+#include "kit/UserDefaults.h"
+
+#include <QEvent>
+#include <QFormLayout>
+#include <QLabel>
+
+namespace {
+// A check box bound to a sign-valued default through a named transformer.
+void bindSign(QCheckBox* box, QString const& key, QString const& transformer, std::function<void()> changed)
+{
+    QObject::connect(box, &QCheckBox::toggled, box, [key, transformer, changed](bool on) {
+        auto t = ValueTransformer::valueTransformerForName(transformer);
+        kit::Defaults::standard().setValue(key, t->transformedValue(on).toInt());
+        if (changed) changed();
+    });
+}
+} // namespace
+
+PreferencesWindow::PreferencesWindow(QWidget* parent) : QWidget(parent, Qt::Window)
+{
+    setWindowTitle("Dubmatch Preferences");
+    setObjectName("Prefs");
+    auto* form = new QFormLayout(this);
+    loop_ = new QDoubleSpinBox(this);
+    loop_->setRange(0.5, 30);
+    loop_->setSingleStep(0.5);
+    loop_->setSuffix(" s");
+    step_ = new QDoubleSpinBox(this);
+    step_->setRange(0.1, 500);
+    step_->setSingleStep(1);
+    step_->setSuffix(" ms");
+    arrows_ = new QCheckBox("The right arrow moves the sound later", this);
+    wheel_ = new QCheckBox("Turning the wheel up moves the sound earlier", this);
+    inspector_ = new QCheckBox("Open the sync point window with every movie", this);
+    updates_ = new QCheckBox("Check for updates when Dubmatch starts", this);
+    form->addRow("Loop length:", loop_);
+    form->addRow("Nudge step:", step_);
+    form->addRow("Arrow keys:", arrows_);
+    form->addRow("Mouse wheel:", wheel_);
+    form->addRow("Windows:", inspector_);
+    form->addRow("Updates:", updates_);
+    refresh();
+
+    connect(loop_, &QDoubleSpinBox::valueChanged, this, [](double v) { kit::Defaults::standard().setValue("loopLength", v); });
+    connect(step_, &QDoubleSpinBox::valueChanged, this, [](double v) { kit::Defaults::standard().setValue("audioStep", v); });
+    // The arrow keys swap at once, and open tables show the new sign.
+    bindSign(arrows_, "reverseArrows", "BooleanToSignTransformer", [] {
+        if (auto* app = DMApplication::instance()) app->reverseArrows();
+    });
+    bindSign(wheel_, "reverseWheel", "BooleanToSignTransformer", {});
+    connect(inspector_, &QCheckBox::toggled, this, [](bool on) { kit::Defaults::standard().setValue("openInspector", on); });
+    connect(updates_, &QCheckBox::toggled, this, [](bool on) { kit::Defaults::standard().setValue("PXUpdateCheckerCheckAtStartup", on); });
+}
+
+void PreferencesWindow::refresh()
+{
+    auto& d = kit::Defaults::standard();
+    auto sign = ValueTransformer::valueTransformerForName("BooleanToSignTransformer");
+    QSignalBlocker b1(loop_), b2(step_), b3(arrows_), b4(wheel_), b5(inspector_), b6(updates_);
+    loop_->setValue(d.value("loopLength").toDouble());
+    step_->setValue(d.value("audioStep").toDouble());
+    arrows_->setChecked(sign->reverseTransformedValue(d.value("reverseArrows")).toBool());
+    wheel_->setChecked(sign->reverseTransformedValue(d.value("reverseWheel")).toBool());
+    inspector_->setChecked(d.value("openInspector").toBool());
+    updates_->setChecked(d.value("PXUpdateCheckerCheckAtStartup").toBool());
+}
+
+void PreferencesWindow::changeEvent(QEvent* e)
+{
+    if (e->type() == QEvent::ActivationChange && !isActiveWindow()) kit::Defaults::standard().synchronize();
+    QWidget::changeEvent(e);
+}
