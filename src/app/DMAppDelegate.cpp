@@ -9,7 +9,9 @@
 #include "kit/Alert.h"
 #include "kit/UserDefaults.h"
 
-#include <plist/plist.h>
+#include "PXFeedbackProvider.h"
+#include "PXUpdateChecker.h"
+#include "Resources.h"
 
 #include <QEventLoop>
 #include <QFile>
@@ -46,6 +48,8 @@ DMAppDelegate::DMAppDelegate() { initialize(); }
 
 DMAppDelegate::~DMAppDelegate()
 {
+    delete updateChecker_;
+    delete feedback_;
     delete readMe_;
     delete preferencesWindow_.data();
 }
@@ -63,7 +67,12 @@ MovieDoc* DMAppDelegate::openDocumentWithContentsOfFile(QString const& path, boo
 
 void DMAppDelegate::showPreferences()
 {
-    if (!preferencesWindow_) preferencesWindow_ = new PreferencesWindow;
+    if (!preferencesWindow_) {
+        auto* prefs = new PreferencesWindow;
+        preferencesWindow_ = prefs;
+        updateChecker()->setPrefsButton(prefs->updatesBox());
+        connect(prefs->updatesBox(), &QCheckBox::clicked, this, [this](bool on) { updateChecker()->takeBoolFromObject(on); });
+    }
     if (!preferencesWindow_) {
         damagedAlert("Preferences could not load");
         return;
@@ -109,19 +118,18 @@ void DMAppDelegate::showReadMe()
 
 QString DMAppDelegate::bundleName()
 {
-    QFile file(":/Info.plist");
-    if (!file.open(QIODevice::ReadOnly)) return "Dubmatch";
-    QByteArray data = file.readAll();
-    plist_t root = nullptr;
-    plist_from_memory(data.constData(), static_cast<std::uint32_t>(data.size()), &root);
-    if (!root) return "Dubmatch";
-    QString name = "Dubmatch";
-    if (plist_t node = plist_dict_get_item(root, "CFBundleName"); node && plist_get_node_type(node) == PLIST_STRING) {
-        char* s = nullptr;
-        plist_get_string_val(node, &s);
-        if (s) name = QString::fromUtf8(s);
-        std::free(s);
-    }
-    plist_free(root);
-    return name;
+    QString name = resources::infoString("CFBundleName");
+    return name.isEmpty() ? QString("Dubmatch") : name;
+}
+
+PXUpdateChecker* DMAppDelegate::updateChecker()
+{
+    if (!updateChecker_) updateChecker_ = new PXUpdateChecker;
+    return updateChecker_;
+}
+
+PXFeedbackProvider* DMAppDelegate::feedbackProvider()
+{
+    if (!feedback_) feedback_ = new PXFeedbackProvider;
+    return feedback_;
 }

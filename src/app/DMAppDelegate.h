@@ -9,6 +9,8 @@
 
 class MovieDoc;
 class ReadMeWindowController;
+class PXUpdateChecker;
+class PXFeedbackProvider;
 
 class DMAppDelegate : public QObject {
     Q_OBJECT
@@ -32,7 +34,12 @@ public:
     // The application's name from Info.plist ("CFBundleName").
     static QString bundleName();
 
+    PXUpdateChecker* updateChecker();
+    PXFeedbackProvider* feedbackProvider();
+
 private:
     QPointer<QWidget> preferencesWindow_;
     ReadMeWindowController* readMe_ = nullptr;
+    PXUpdateChecker* updateChecker_ = nullptr;
+    PXFeedbackProvider* feedback_ = nullptr;
 };

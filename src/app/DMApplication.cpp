@@ -2,6 +2,8 @@
 
 #include "DMAppDelegate.h"
 #include "DMDocumentController.h"
+#include "PXFeedbackProvider.h"
+#include "PXUpdateChecker.h"
 #include "MovieDoc.h"
 #include "kit/UserDefaults.h"
 
@@ -112,6 +114,16 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
     auto* help = new QMenu("&Help");
     add(help, "Dubmatch &Read Me", "showReadMe", QKeySequence::HelpContents, [this] {
         if (delegate_) delegate_->showReadMe();
+    });
+    help->addSeparator();
+    add(help, "Check for &Updates\u2026", "checkForUpdates", {}, [this] {
+        if (delegate_) delegate_->updateChecker()->checkForUpdates();
+    });
+    add(help, "Send &Feedback\u2026", "sendFeedback", {}, [this] {
+        if (delegate_) delegate_->feedbackProvider()->sendFeedback();
+    });
+    add(help, "Feedback &Web Page", "openFeedbackPage", {}, [this] {
+        if (delegate_) delegate_->feedbackProvider()->openURL();
     });
     menus_ = {file, edit, syncMenu_, window, help};
     for (QMenu* m : menus_) connect(m, &QMenu::aboutToShow, this, &DMApplication::updateMenu);

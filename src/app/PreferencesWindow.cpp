@@ -53,7 +53,7 @@ PreferencesWindow::PreferencesWindow(QWidget* parent) : QWidget(parent, Qt::Wind
     });
     bindSign(wheel_, "reverseWheel", "BooleanToSignTransformer", {});
     connect(inspector_, &QCheckBox::toggled, this, [](bool on) { kit::Defaults::standard().setValue("openInspector", on); });
-    connect(updates_, &QCheckBox::toggled, this, [](bool on) { kit::Defaults::standard().setValue("PXUpdateCheckerCheckAtStartup", on); });
+    // The update checker stores this one itself (and resets its last check).
 }
 
 void PreferencesWindow::refresh()

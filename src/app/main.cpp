@@ -4,18 +4,22 @@
 #include "DMDocumentController.h"
 #include "FFmpeg.h"
 #include "MovieDoc.h"
+#include "PXUpdateChecker.h"
+#include "VersionCheck.h"
 #include <QTimer>
 
 #include <iostream>
 
 int main(int argc, char** argv)
 {
+    if (!versionCheck(argc, argv)) return 1;
     media::setupMediaLogging();
     DMApplication app(argc, argv);
     DMAppDelegate delegate; // factory defaults and transformers before anything reads them
     app.setDelegate(&delegate);
     DMDocumentController controller;
     delegate.applicationDidFinishLaunching();
+    delegate.updateChecker()->awakeFromNib(); // may ask once, then checks in the background
 
     QStringList args = app.arguments().mid(1);
     if (args.contains("--help") || args.contains("-h")) {
