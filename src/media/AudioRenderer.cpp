@@ -1,5 +1,7 @@
 #include "AudioRenderer.h"
 
+#include "Codec.h"
+
 #include <algorithm>
 #include <cstring>
 #include <numeric>
@@ -16,20 +18,9 @@ AudioDecoder::AudioDecoder(std::shared_ptr<const FileMedia> media)
     : media_(std::move(media)), packet_(makePacket()), frame_(makeFrame())
 {
     if (!media_ || media_->type != dm::MediaType::Sound) throw MediaError("Not a sound track.");
-    input_ = media_->file->openInput(false);
-    AVFormatContext* fmt = input_.format.get();
-    if (static_cast<int>(fmt->nb_streams) <= media_->streamIndex) check(avformat_find_stream_info(fmt, nullptr), "Reading streams");
-    if (static_cast<int>(fmt->nb_streams) <= media_->streamIndex) throw MediaError("The sound stream is missing.");
-    for (unsigned i = 0; i < fmt->nb_streams; ++i)
-        fmt->streams[i]->discard = static_cast<int>(i) == media_->streamIndex ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
-
-    AVCodec const* dec = avcodec_find_decoder(media_->codecpar->codec_id);
-    if (!dec) throw MediaError(std::string("No decoder for the sound codec ") + avcodec_get_name(media_->codecpar->codec_id) + ".");
-    codec_.reset(avcodec_alloc_context3(dec));
-    if (!codec_) throw MediaError("Out of memory.");
-    check(avcodec_parameters_to_context(codec_.get(), media_->codecpar), "Setting up the sound decoder");
-    codec_->pkt_timebase = fmt->streams[media_->streamIndex]->time_base;
-    check(avcodec_open2(codec_.get(), dec, nullptr), "Opening the sound decoder");
+    StreamDecoder d = openStreamDecoder(*media_, "sound");
+    input_ = std::move(d.input);
+    codec_ = std::move(d.codec);
     channels_ = codec_->ch_layout.nb_channels > 0 ? codec_->ch_layout.nb_channels : media_->channels;
     sampleRate_ = media_->sampleRate;
     if (channels_ <= 0) throw MediaError("The sound track has no channels.");

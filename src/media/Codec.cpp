@@ -51,23 +51,32 @@ void Encoder::send(AVFrame const* frame)
     }
 }
 
+StreamDecoder openStreamDecoder(FileMedia const& media, char const* kind)
+{
+    StreamDecoder d;
+    d.input = media.file->openInput(false);
+    AVFormatContext* fmt = d.input.format.get();
+    if (static_cast<int>(fmt->nb_streams) <= media.streamIndex) check(avformat_find_stream_info(fmt, nullptr), "Reading streams");
+    if (static_cast<int>(fmt->nb_streams) <= media.streamIndex) throw MediaError(std::string("The ") + kind + " stream is missing.");
+    for (unsigned i = 0; i < fmt->nb_streams; ++i)
+        fmt->streams[i]->discard = static_cast<int>(i) == media.streamIndex ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+    AVCodec const* dec = avcodec_find_decoder(media.codecpar->codec_id);
+    if (!dec) throw MediaError(std::string("No decoder for the ") + kind + " codec " + avcodec_get_name(media.codecpar->codec_id) + ".");
+    d.codec.reset(avcodec_alloc_context3(dec));
+    if (!d.codec) throw MediaError("Out of memory.");
+    check(avcodec_parameters_to_context(d.codec.get(), media.codecpar), std::string("Setting up the ") + kind + " decoder");
+    d.codec->pkt_timebase = fmt->streams[media.streamIndex]->time_base;
+    if (media.type == dm::MediaType::Video) d.codec->thread_count = 0; // frame threads for pictures
+    check(avcodec_open2(d.codec.get(), dec, nullptr), std::string("Opening the ") + kind + " decoder");
+    return d;
+}
+
 VideoDecoder::VideoDecoder(std::shared_ptr<const FileMedia> media) : media_(std::move(media)), packet_(makePacket())
 {
     if (!media_ || media_->type != dm::MediaType::Video) throw MediaError("Not a video track.");
-    input_ = media_->file->openInput(false);
-    AVFormatContext* fmt = input_.format.get();
-    if (static_cast<int>(fmt->nb_streams) <= media_->streamIndex) check(avformat_find_stream_info(fmt, nullptr), "Reading streams");
-    if (static_cast<int>(fmt->nb_streams) <= media_->streamIndex) throw MediaError("The video stream is missing.");
-    for (unsigned i = 0; i < fmt->nb_streams; ++i)
-        fmt->streams[i]->discard = static_cast<int>(i) == media_->streamIndex ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
-    AVCodec const* dec = avcodec_find_decoder(media_->codecpar->codec_id);
-    if (!dec) throw MediaError(std::string("No decoder for the video codec ") + avcodec_get_name(media_->codecpar->codec_id) + ".");
-    codec_.reset(avcodec_alloc_context3(dec));
-    if (!codec_) throw MediaError("Out of memory.");
-    check(avcodec_parameters_to_context(codec_.get(), media_->codecpar), "Setting up the video decoder");
-    codec_->pkt_timebase = media_->timeBase;
-    codec_->thread_count = 0;
-    check(avcodec_open2(codec_.get(), dec, nullptr), "Opening the video decoder");
+    StreamDecoder d = openStreamDecoder(*media_, "video");
+    input_ = std::move(d.input);
+    codec_ = std::move(d.codec);
 }
 
 bool VideoDecoder::next(AVFrame* frame)
@@ -94,6 +103,38 @@ void VideoDecoder::seek(std::int64_t pts)
     av_seek_frame(input_.format.get(), media_->streamIndex, pts, AVSEEK_FLAG_BACKWARD);
     avcodec_flush_buffers(codec_.get());
     draining_ = false;
+}
+
+FrameOnScreen::FrameOnScreen(std::shared_ptr<const FileMedia> media)
+    : media_(media), decoder_(std::move(media)), pending_(makeFrame()), shown_(makeFrame())
+{
+}
+
+void FrameOnScreen::seek(double seconds)
+{
+    decoder_.seek(media_->startPts + static_cast<std::int64_t>(seconds / av_q2d(media_->timeBase)));
+    havePending_ = haveShown_ = done_ = false;
+}
+
+AVFrame* FrameOnScreen::at(double seconds)
+{
+    double tb = av_q2d(media_->timeBase);
+    while (!done_) {
+        if (!havePending_) {
+            if (!decoder_.next(pending_.get())) {
+                done_ = true;
+                break;
+            }
+            havePending_ = true;
+        }
+        double t = static_cast<double>(pending_->best_effort_timestamp - media_->startPts) * tb;
+        if (haveShown_ && t > seconds + 1e-9) break;
+        av_frame_unref(shown_.get());
+        av_frame_move_ref(shown_.get(), pending_.get());
+        haveShown_ = true;
+        havePending_ = false;
+    }
+    return haveShown_ ? shown_.get() : nullptr;
 }
 
 AVFrame* Scaler::convert(AVFrame const* src, int w, int h, AVPixelFormat fmt)

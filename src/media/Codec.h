@@ -33,6 +33,14 @@ private:
     std::int64_t bytes_ = 0;
 };
 
+// A demuxer over a medium's file that reads only its stream, and an open
+// decoder for that stream. `kind` names the stream in messages ("sound").
+struct StreamDecoder {
+    SourceFile::Input input;
+    CodecContext codec;
+};
+StreamDecoder openStreamDecoder(FileMedia const& media, char const* kind);
+
 // Sequential decoding of one video stream, with seeking.
 class VideoDecoder {
 public:
@@ -50,6 +58,24 @@ private:
     CodecContext codec_;
     Packet packet_;
     bool draining_ = false;
+};
+
+// Walks a video stream forward and keeps the picture on screen at a given
+// time: the last frame whose time is not after it.
+class FrameOnScreen {
+public:
+    explicit FrameOnScreen(std::shared_ptr<const FileMedia> media);
+    // Goes to the key frame before `seconds` (media time from the start).
+    void seek(double seconds);
+    // The picture on screen at `seconds` (not earlier than the last asked
+    // for); null when the stream has none.
+    AVFrame* at(double seconds);
+
+private:
+    std::shared_ptr<const FileMedia> media_;
+    VideoDecoder decoder_;
+    Frame pending_, shown_;
+    bool havePending_ = false, haveShown_ = false, done_ = false;
 };
 
 // Converts frames to another size and pixel format.

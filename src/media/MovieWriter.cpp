@@ -335,8 +335,7 @@ public:
         std::int64_t bitRate;
     };
     ReencodedVideo(AVFormatContext* out, dm::Track const& track, Target t, double seconds)
-        : decoder_(std::static_pointer_cast<const FileMedia>(track.media())), target_(t), frame_(makeFrame()),
-          shown_(makeFrame())
+        : source_(std::static_pointer_cast<const FileMedia>(track.media())), target_(t)
     {
         encoder_ = std::make_unique<Encoder>(out, t.codec, [&](AVCodecContext* c) {
             c->width = t.width;
@@ -349,8 +348,7 @@ public:
             if (std::string(c->codec->name) == "libx264") av_opt_set(c->priv_data, "preset", "veryfast", 0);
         });
         total_ = static_cast<std::int64_t>(std::floor(seconds * av_q2d(t.fps)));
-        tb_ = av_q2d(fileMedia(track).timeBase);
-        start_ = static_cast<double>(fileMedia(track).startPts) * tb_;
+        lead_ = static_cast<double>(track.editList()->materialStart()) / track.timeScale();
     }
     AVStream* stream() const { return encoder_->stream(); }
     double fractionDone() const { return total_ > 0 ? static_cast<double>(n_) / static_cast<double>(total_) : 1.0; }
@@ -365,38 +363,22 @@ public:
             return;
         }
         double t = static_cast<double>(n_) / av_q2d(target_.fps);
-        // Advance the source while its next frame starts at or before t.
-        while (!sourceDone_) {
-            if (!havePending_) {
-                if (!decoder_.next(frame_.get())) {
-                    sourceDone_ = true;
-                    break;
-                }
-                havePending_ = true;
-            }
-            double ft = static_cast<double>(frame_->best_effort_timestamp) * tb_ - start_;
-            if (haveShown_ && ft > t + 1e-9) break;
-            av_frame_unref(shown_.get());
-            av_frame_move_ref(shown_.get(), frame_.get());
-            haveShown_ = true;
-            havePending_ = false;
-        }
-        if (!haveShown_) throw MediaError("The video track has no pictures.");
-        AVFrame* scaled = scaler_.convert(shown_.get(), target_.width, target_.height, target_.pixfmt);
+        AVFrame* shown = source_.at(t - lead_);
+        if (!shown) throw MediaError("The video track has no pictures.");
+        AVFrame* scaled = scaler_.convert(shown, target_.width, target_.height, target_.pixfmt);
         scaled->pts = n_;
         encoder_->send(scaled);
         ++n_;
     }
 
 private:
-    VideoDecoder decoder_;
+    FrameOnScreen source_;
     Target target_;
     std::unique_ptr<Encoder> encoder_;
     Scaler scaler_;
-    Frame frame_, shown_;
-    bool havePending_ = false, haveShown_ = false, sourceDone_ = false, finished_ = false;
+    bool finished_ = false;
     std::int64_t n_ = 0, total_ = 0;
-    double tb_ = 0, start_ = 0;
+    double lead_ = 0; // empty time before the track's first picture
 };
 
 struct Plan {
@@ -576,23 +558,13 @@ WriteResult writeBmp(dm::Movie const& movie, std::string const& path, myQTTime c
             break;
         }
     if (!video) throw MediaError("The movie has no picture to export.");
-    auto const& m = fileMedia(*video);
-    VideoDecoder dec(std::static_pointer_cast<const FileMedia>(video->media()));
-    double target = when.seconds();
-    std::int64_t pts = m.startPts + static_cast<std::int64_t>(target / av_q2d(m.timeBase));
-    dec.seek(pts);
-    Frame f = makeFrame(), best = makeFrame();
-    bool have = false;
-    while (dec.next(f.get())) {
-        double ft = static_cast<double>(f->best_effort_timestamp - m.startPts) * av_q2d(m.timeBase);
-        if (have && ft > target + 1e-9) break;
-        av_frame_unref(best.get());
-        av_frame_move_ref(best.get(), f.get());
-        have = true;
-    }
-    if (!have) throw MediaError("No picture could be decoded at that time.");
+    FrameOnScreen source(std::static_pointer_cast<const FileMedia>(video->media()));
+    double target = when.seconds() - static_cast<double>(video->editList()->materialStart()) / video->timeScale();
+    source.seek(target);
+    AVFrame* best = source.at(target);
+    if (!best) throw MediaError("No picture could be decoded at that time.");
     Scaler scaler;
-    AVFrame* rgb = scaler.convert(best.get(), best->width, best->height, AV_PIX_FMT_BGR24);
+    AVFrame* rgb = scaler.convert(best, best->width, best->height, AV_PIX_FMT_BGR24);
     AVCodec const* codec = avcodec_find_encoder(AV_CODEC_ID_BMP);
     if (!codec) throw MediaError("No BMP encoder.");
     CodecContext c(avcodec_alloc_context3(codec));
@@ -640,29 +612,13 @@ WriteResult writeFlc(dm::Movie const& movie, std::string const& path, Progress c
     double seconds = movie.duration().seconds();
     std::int64_t frames = std::min<std::int64_t>(65535, static_cast<std::int64_t>(std::floor(seconds / step)));
     FlcWriter flc(path, w, h, msPerFrame);
-    VideoDecoder dec(std::static_pointer_cast<const FileMedia>(video->media()));
-    Frame f = makeFrame(), shown = makeFrame();
-    bool pending = false, haveShown = false, done = false;
+    FrameOnScreen source(std::static_pointer_cast<const FileMedia>(video->media()));
+    double lead = static_cast<double>(video->editList()->materialStart()) / video->timeScale();
     Scaler scaler;
     for (std::int64_t n = 0; n < frames; ++n) {
-        double t = static_cast<double>(n) * step;
-        while (!done) {
-            if (!pending) {
-                if (!dec.next(f.get())) {
-                    done = true;
-                    break;
-                }
-                pending = true;
-            }
-            double ft = static_cast<double>(f->best_effort_timestamp - m.startPts) * av_q2d(m.timeBase);
-            if (haveShown && ft > t + 1e-9) break;
-            av_frame_unref(shown.get());
-            av_frame_move_ref(shown.get(), f.get());
-            haveShown = true;
-            pending = false;
-        }
-        if (!haveShown) throw MediaError("The video track has no pictures.");
-        AVFrame* rgb = scaler.convert(shown.get(), w, h, AV_PIX_FMT_RGB24);
+        AVFrame* shown = source.at(static_cast<double>(n) * step - lead);
+        if (!shown) throw MediaError("The video track has no pictures.");
+        AVFrame* rgb = scaler.convert(shown, w, h, AV_PIX_FMT_RGB24);
         flc.addFrame(rgb->data[0], rgb->linesize[0]);
         report.update(static_cast<double>(n + 1) / static_cast<double>(frames));
     }

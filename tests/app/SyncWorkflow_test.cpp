@@ -5,6 +5,7 @@
 #include "MediaTestSupport.h"
 #include "MovieDoc.h"
 #include "MovieView.h"
+#include "AppTestSupport.h"
 #include "kit/Alert.h"
 #include "kit/UserDefaults.h"
 
@@ -22,19 +23,6 @@ constexpr int kRate = 48000;
 
 DMDocumentController& controller() { return *static_cast<DMDocumentController*>(kit::DocumentController::shared()); }
 
-// Records alerts and answers them with a chosen button.
-struct AlertLog {
-    std::vector<kit::AlertSpec> shown;
-    int answer = 0;
-    AlertLog()
-    {
-        kit::setAlertResponder([this](kit::AlertSpec const& s) {
-            shown.push_back(s);
-            return answer;
-        });
-    }
-    ~AlertLog() { kit::setAlertResponder(nullptr); }
-};
 
 class App : public ::testing::Test {
 protected:
@@ -259,7 +247,7 @@ TEST_F(App, RefusedMoviesOpenNoDocument)
         {cachedMovie("app-two.mov", two), "There is more than one sound track in the movie.", "Dubmatch currently only handles one sound track."},
     };
     for (auto const& c : cases) {
-        AlertLog alerts;
+        AlertRecorder alerts;
         EXPECT_EQ(controller().openDocumentWithContentsOfFile(QString::fromStdString(c.path), true), nullptr);
         ASSERT_EQ(alerts.shown.size(), 1u);
         EXPECT_EQ(alerts.shown[0].message.toStdString(), c.message);
@@ -270,7 +258,7 @@ TEST_F(App, RefusedMoviesOpenNoDocument)
 
     ScratchDir dir;
     writeFile(dir.file("notes.mov"), "not a movie");
-    AlertLog alerts;
+    AlertRecorder alerts;
     EXPECT_EQ(controller().openDocumentWithContentsOfFile(QString::fromStdString(dir.file("notes.mov")), true), nullptr);
     ASSERT_EQ(alerts.shown.size(), 1u);
     EXPECT_TRUE(controller().documents().isEmpty());
@@ -290,7 +278,7 @@ TEST_F(App, ClosingAnEditedImportedDocumentAsks)
     ASSERT_TRUE(doc->isDocumentEdited());
     EXPECT_TRUE(doc->movieWindow()->isWindowModified());
     {
-        AlertLog alerts;
+        AlertRecorder alerts;
         alerts.answer = 1; // Cancel
         doc->movieWindow()->close();
         ASSERT_EQ(alerts.shown.size(), 1u);
@@ -298,7 +286,7 @@ TEST_F(App, ClosingAnEditedImportedDocumentAsks)
         EXPECT_EQ(alerts.shown[0].buttons.last(), QString::fromUtf8("Don\u2019t Save"));
         EXPECT_EQ(controller().documents().size(), 1);
     }
-    AlertLog alerts;
+    AlertRecorder alerts;
     alerts.answer = 2; // Don't Save
     doc->movieWindow()->close();
     EXPECT_EQ(alerts.shown.size(), 1u);
@@ -328,7 +316,7 @@ TEST_F(App, SaveWritesInPlace)
     }
     kit::Defaults::standard().removeValue("audioStep");
     myQTTime playHead = doc->player()->currentTime();
-    AlertLog alerts;
+    AlertRecorder alerts;
     doc->saveDocument();
     for (auto const& a : alerts.shown) ADD_FAILURE() << a.message.toStdString() << ": " << a.informative.toStdString();
     EXPECT_FALSE(doc->isDocumentEdited());

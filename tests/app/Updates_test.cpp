@@ -8,6 +8,7 @@
 extern "C" {
 #include <libavformat/avformat.h>
 }
+#include "AppTestSupport.h"
 #include "kit/Alert.h"
 #include "kit/UserDefaults.h"
 
@@ -94,18 +95,6 @@ std::string dict(std::map<std::string, std::string> const& entries)
 
 constexpr char const* kBundle = "org.dubmatch.Dubmatch";
 
-struct Alerts {
-    std::vector<kit::AlertSpec> shown;
-    int answer = 0;
-    Alerts()
-    {
-        kit::setAlertResponder([this](kit::AlertSpec const& a) {
-            shown.push_back(a);
-            return answer;
-        });
-    }
-    ~Alerts() { kit::setAlertResponder(nullptr); }
-};
 
 class Updates : public ::testing::Test {
 protected:
@@ -164,7 +153,7 @@ TEST_F(Updates, OutcomesByHowTheCheckStarted)
     for (auto const& r : rows) {
         for (bool menu : {true, false}) {
             SCOPED_TRACE(std::string(r.path) + (menu ? " from the menu" : " at start-up"));
-            Alerts alerts;
+            AlertRecorder alerts;
             alerts.answer = 1; // Don't Download
             PXUpdateChecker checker(config(r.path));
             if (menu) checker.checkForUpdates();
@@ -188,7 +177,7 @@ TEST_F(Updates, OutcomesByHowTheCheckStarted)
 
 TEST_F(Updates, TextsPairsAndDownload)
 {
-    Alerts alerts;
+    AlertRecorder alerts;
     alerts.answer = 0; // Download
     {
         PXUpdateChecker checker(config("/newer.plist"));
@@ -236,7 +225,7 @@ TEST_F(Updates, TextsPairsAndDownload)
 
 TEST_F(Updates, MacPadAddress)
 {
-    Alerts alerts;
+    AlertRecorder alerts;
     auto c = config("/none");
     c.macPadUrl = "first line\n" + http.url("/pad/"); // ends in "/": identifier and ".plist" appended
     PXUpdateChecker pad(c);
@@ -255,7 +244,7 @@ TEST_F(Updates, FirstRunAndTheTenDayRule)
 {
     auto& d = kit::Defaults::standard();
     {
-        Alerts alerts;
+        AlertRecorder alerts;
         alerts.answer = 1; // No
         PXUpdateChecker checker(config("/same.plist"));
         checker.awakeFromNib();
@@ -269,7 +258,7 @@ TEST_F(Updates, FirstRunAndTheTenDayRule)
     }
     d.removeValue("PXUpdateCheckerCheckAtStartup");
     {
-        Alerts alerts;
+        AlertRecorder alerts;
         alerts.answer = 0; // Yes: with no last check, one starts at once
         PXUpdateChecker checker(config("/same.plist"));
         double before = PXUpdateChecker::referenceDateNow();
@@ -279,7 +268,7 @@ TEST_F(Updates, FirstRunAndTheTenDayRule)
         EXPECT_EQ(http.requests("/same.plist"), 1);
         EXPECT_GE(d.value("PXUpdateCheckerLastCheckDate").toDouble(), before);
     }
-    Alerts alerts;
+    AlertRecorder alerts;
     PXUpdateChecker checker(config("/same.plist"));
     d.setValue("PXUpdateCheckerLastCheckDate", PXUpdateChecker::referenceDateNow() - 864000 + 2); // not quite ten days
     checker.awakeFromNib();
@@ -304,7 +293,7 @@ TEST_F(Updates, FirstRunAndTheTenDayRule)
 
 TEST_F(Updates, ADeadServerNeverFreezesTheWindow)
 {
-    Alerts alerts;
+    AlertRecorder alerts;
     PXUpdateChecker checker(config("/hang"));
     QElapsedTimer clock;
     clock.start();
@@ -335,7 +324,7 @@ TEST(Feedback, SendsByMailAndClearsTheWindow)
     ASSERT_TRUE(feedback.feedbackWindow()->isVisible());
     feedback.subjectField()->setCurrentIndex(2);
     feedback.messageText()->setPlainText("The loop stops.\n.A line with a point\nThanks");
-    Alerts alerts;
+    AlertRecorder alerts;
     feedback.sendFeedbackButtonAction();
     EXPECT_TRUE(alerts.shown.empty());
     auto messages = sink.messages();
@@ -368,7 +357,7 @@ TEST(Feedback, AFailedSendKeepsEverything)
         feedback.sendFeedback();
         feedback.subjectField()->setCurrentIndex(1);
         feedback.messageText()->setPlainText("Please keep this text.");
-        Alerts alerts;
+        AlertRecorder alerts;
         feedback.sendFeedbackButtonAction();
         ASSERT_EQ(alerts.shown.size(), 1u);
         EXPECT_EQ(alerts.shown[0].title, "Couldn't send message");
