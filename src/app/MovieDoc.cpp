@@ -263,6 +263,16 @@ myQTTime MovieDoc::loopMiddle() const
     return sum;
 }
 
+void MovieDoc::loopAround(myQTTime const& p)
+{
+    // Half the loop length, in single precision, each side of the point.
+    float half = static_cast<float>(loopLength) * 0.5f;
+    startTime_ = p;
+    startTime_.timeValue = std::llrint(static_cast<double>(p.timeValue) - half * static_cast<double>(p.timeScale));
+    endTime_ = p;
+    endTime_.timeValue = std::llrint(static_cast<double>(p.timeValue) + half * static_cast<double>(p.timeScale));
+}
+
 void MovieDoc::setAudioTimeFromMovieTime(myQTTime t)
 {
     audioTime_ = t;
@@ -426,11 +436,7 @@ void MovieDoc::editSync()
     int r = *selected.begin();
     Offset p = offsets_->points().at(static_cast<std::size_t>(r));
     offsets_->remove(offsets_->getIterator(r));
-    float half = static_cast<float>(loopLength) * 0.5f;
-    startTime_ = p.movieTime;
-    startTime_.timeValue = std::llrint(static_cast<double>(p.movieTime.timeValue) - half * static_cast<double>(p.movieTime.timeScale));
-    endTime_ = p.movieTime;
-    endTime_.timeValue = std::llrint(static_cast<double>(p.movieTime.timeValue) + half * static_cast<double>(p.movieTime.timeScale));
+    loopAround(p.movieTime);
     setAudioTimeFromMovieTime(offsets_->AudioTimeToMovieTime(p.audioTime));
     saveNewEditState();
     setMovieSelection();
@@ -827,11 +833,7 @@ void MovieDoc::tableViewSelectionDidChange()
         clearMovieSelection();
     } else if (rows.size() == 1) {
         Offset p = GetOffset(*rows.begin());
-        float half = static_cast<float>(loopLength) * 0.5f;
-        startTime_ = p.movieTime;
-        startTime_.timeValue = std::llrint(static_cast<double>(p.movieTime.timeValue) - half * static_cast<double>(p.movieTime.timeScale));
-        endTime_ = p.movieTime;
-        endTime_.timeValue = std::llrint(static_cast<double>(p.movieTime.timeValue) + half * static_cast<double>(p.movieTime.timeScale));
+        loopAround(p.movieTime);
         audioTime_ = p.audioTime;
         audioTime_.setTimeScaleAtLeast(10000);
         setMovieSelection();

@@ -138,6 +138,8 @@ private:
     void clearMovieSelection();
     void setSelection(QTTimeRange r);
     void setAudioTimeFromMovieTime(myQTTime t);
+    // startTime and endTime: "loopLength" seconds centred on a point.
+    void loopAround(myQTTime const& p);
     void onIdle(myQTTime now);
     void updateMenu();
     int durationFields() const;
