@@ -66,7 +66,8 @@ void PreferencesWindow::refresh()
     arrows_->setChecked(sign->reverseTransformedValue(d.value("reverseArrows")).toBool());
     wheel_->setChecked(sign->reverseTransformedValue(d.value("reverseWheel")).toBool());
     inspector_->setChecked(d.value("openInspector").toBool());
-    updates_->setChecked(d.value("PXUpdateCheckerCheckAtStartup").toBool());
+    QVariant updates = d.value("PXUpdateCheckerCheckAtStartup"); // on until the user answers
+    updates_->setChecked(!updates.isValid() || updates.toBool());
 }
 
 void PreferencesWindow::changeEvent(QEvent* e)

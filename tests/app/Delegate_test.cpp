@@ -9,6 +9,7 @@
 #include "kit/UserDefaults.h"
 
 #include <QDialog>
+#include <QDir>
 #include <QScrollBar>
 #include <QTest>
 #include <QTimer>
@@ -80,6 +81,8 @@ TEST(Delegate, PreferencesWriteSignsAndSwapTheArrowsAtOnce)
     delegate->showPreferences();
     auto* prefs = static_cast<PreferencesWindow*>(delegate->preferencesWindow());
     ASSERT_TRUE(prefs);
+    QDir().mkpath(DUBMATCH_SCREENSHOT_DIR);
+    EXPECT_TRUE(prefs->grab().save(QString(DUBMATCH_SCREENSHOT_DIR) + "/preferences.png"));
     EXPECT_TRUE(prefs->arrowsBox()->isChecked()); // factory "reverseArrows" 1
     QAction* advance = DMApplication::instance()->actionNamed("advanceAudio");
     EXPECT_TRUE(advance->text().endsWith(QString::fromUtf8("\u2192")));
@@ -116,6 +119,8 @@ TEST(Delegate, ReadMeNormallyAndModally)
     EXPECT_EQ(rm->window()->windowModality(), Qt::NonModal);
     EXPECT_TRUE(rm->textView()->toPlainText().contains("Syncing a movie, step by step"));
     EXPECT_EQ(rm->noteField()->text(), "The manual of Dubmatch.");
+    QDir().mkpath(DUBMATCH_SCREENSHOT_DIR);
+    EXPECT_TRUE(rm->window()->grab().save(QString(DUBMATCH_SCREENSHOT_DIR) + "/read-me.png"));
     rm->window()->close();
 
     // From inside a modal dialog, the Read Me runs modally until it closes.
