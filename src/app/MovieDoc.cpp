@@ -689,6 +689,11 @@ void MovieDoc::showWindows()
         if (!wc->window()) continue;
         if (!previous) wc->showWindow();
         else {
+            // The first time, beside the window before it rather than on top.
+            if (!wc->window()->property("placed").toBool()) {
+                wc->window()->move(previous->frameGeometry().topRight() + QPoint(8, 0));
+                wc->window()->setProperty("placed", true);
+            }
             wc->window()->show();
             wc->window()->stackUnder(previous);
         }

@@ -19,7 +19,6 @@ int main(int argc, char** argv)
     app.setDelegate(&delegate);
     DMDocumentController controller;
     delegate.applicationDidFinishLaunching();
-    delegate.updateChecker()->awakeFromNib(); // may ask once, then checks in the background
 
     QStringList args = app.arguments().mid(1);
     if (args.contains("--help") || args.contains("-h")) {
@@ -41,6 +40,9 @@ int main(int argc, char** argv)
             if (controller.documents().isEmpty()) app.quit();
         });
     }
+    // Once the windows are up: the update checker may ask its one question,
+    // then checks in the background.
+    QTimer::singleShot(1000, &app, [&] { delegate.updateChecker()->awakeFromNib(); });
     app.setQuitOnLastWindowClosed(true);
     return app.exec();
 }

@@ -79,6 +79,7 @@ void PXUpdateChecker::awakeFromNib()
         a.title = text("CHECK_FOR_UPDATES_TITLE");
         a.message = text("CHECK_FOR_UPDATES_TEXT").arg(config_.displayName);
         a.buttons = {text("Yes"), text("No")};
+        a.icon = QMessageBox::Question;
         on = kit::runAlert(a) == 0;
         kit::Defaults::standard().setValue(kCheckAtStartup, on);
     } else {
