@@ -681,6 +681,16 @@ void MovieDoc::createInfoWindow(bool show)
     dontOrder_ = false;
 }
 
+void MovieDoc::canClose(std::function<void(bool)> done)
+{
+    if (busy_) {
+        kit::beep();
+        done(false);
+        return;
+    }
+    ImportDocument::canClose(std::move(done));
+}
+
 void MovieDoc::showWindows()
 {
     dontOrder_ = true;

@@ -41,6 +41,8 @@ public:
     void makeWindowControllers() override;
     QWidget* windowForSheet() const override { return mMovieWindow; }
     void showWindows() override;
+    // A document that is writing cannot close until the write ends.
+    void canClose(std::function<void(bool)> done) override;
     // The first Save As proposes "<name>-synced.<ext>" in the document's own
     // panel; later ones use the ordinary panel.
     void runModalSavePanel(kit::SaveOperation op, std::function<void(bool)> done) override;

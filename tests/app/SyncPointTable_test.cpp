@@ -262,6 +262,9 @@ TEST_F(Table, ExportsEveryFormatAndCancelLeavesNothing)
         if (longDoc->progressPanel() && !cancelled) {
             EXPECT_TRUE(longDoc->isBusy());
             EXPECT_FALSE(longDoc->validateAction("startSync")); // frozen while it writes
+            bool mayClose = true;
+            longDoc->canClose([&](bool ok) { mayClose = ok; });
+            EXPECT_FALSE(mayClose);
             longDoc->progressPanel()->cancel();
             cancelled = true;
         }
