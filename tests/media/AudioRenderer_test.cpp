@@ -82,10 +82,7 @@ TEST(AudioRenderer, RandomAccessMatchesSequentialRendering)
 {
     Loaded l = load(cachedMovie("aac-drift.mov", smallSpec(16, 0.3, 1.0 / 1.004)));
     OffsetList list(l.om.movie.get(), nullptr);
-    std::vector<Offset> pts;
-    for (auto const& m : testMovieMarks(smallSpec(16, 0.3, 1.0 / 1.004)))
-        pts.emplace_back(myQTTime(m.movieTime, 48000), myQTTime(m.audioTime, 48000));
-    list.replacePoints(pts);
+    list.replacePoints(markPoints(smallSpec(16, 0.3, 1.0 / 1.004)));
     auto edits = l.sound->editList();
 
     AudioRenderer seq(l.media);

@@ -44,6 +44,13 @@ media::TestMovieSpec smallSpec(double seconds, double offset, double rate)
     return s;
 }
 
+std::vector<Offset> markPoints(media::TestMovieSpec const& spec, long scale)
+{
+    std::vector<Offset> pts;
+    for (auto const& m : media::testMovieMarks(spec)) pts.emplace_back(myQTTime(m.movieTime, scale), myQTTime(m.audioTime, scale));
+    return pts;
+}
+
 std::string cachedMovie(std::string const& name, media::TestMovieSpec const& spec)
 {
     static ScratchDir dir; // lives until the process ends

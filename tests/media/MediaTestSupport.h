@@ -3,6 +3,7 @@
 #pragma once
 
 #include "MovieFile.h"
+#include "OffsetList.h"
 #include "TestMovie.h"
 
 #include <string>
@@ -23,6 +24,8 @@ private:
 
 // A small, quick test movie: 320x240, a flash every 2 s.
 media::TestMovieSpec smallSpec(double seconds, double offset, double rate);
+// The sync points that fix a movie of `spec`: every flash against its click.
+std::vector<Offset> markPoints(media::TestMovieSpec const& spec, long scale = 48000);
 // Writes a movie of `spec` once per process; returns its path.
 std::string cachedMovie(std::string const& name, media::TestMovieSpec const& spec);
 

@@ -19,13 +19,6 @@ struct Case {
 
 class SyncEndToEnd : public ::testing::TestWithParam<Case> {};
 
-std::vector<Offset> pointsFor(TestMovieSpec const& spec, long scale)
-{
-    std::vector<Offset> pts;
-    for (auto const& m : testMovieMarks(spec)) pts.emplace_back(myQTTime(m.movieTime, scale), myQTTime(m.audioTime, scale));
-    return pts;
-}
-
 // After syncing with the known points, every click of the saved movie lies
 // within 1 ms of its flash, and the backup is there, disabled and named.
 TEST_P(SyncEndToEnd, ClicksMeetFlashesInTheSavedMovie)
@@ -38,7 +31,7 @@ TEST_P(SyncEndToEnd, ClicksMeetFlashesInTheSavedMovie)
 
     OpenedMovie om = openMovie(source);
     OffsetList list(om.movie.get(), nullptr);
-    list.replacePoints(pointsFor(spec, 48000));
+    list.replacePoints(markPoints(spec));
     EXPECT_NEAR(list.slope(), c.rate, 1e-5);
     EXPECT_NEAR(list.intercept(), c.offset, 1e-4);
     std::string out = dir.file("synced.mov");

@@ -16,14 +16,6 @@ using namespace testsupport;
 
 namespace {
 
-void syncToMarks(dm::Movie& movie, TestMovieSpec const& spec, OffsetList& list)
-{
-    (void)movie;
-    std::vector<Offset> pts;
-    for (auto const& m : testMovieMarks(spec)) pts.emplace_back(myQTTime(m.movieTime, 48000), myQTTime(m.audioTime, 48000));
-    list.replacePoints(pts);
-}
-
 int disabledSoundTracks(std::string const& path)
 {
     int n = 0;
@@ -43,7 +35,7 @@ TEST(Writer, SaveInPlaceReplacesTheFileAndTheMovieKeepsWorking)
 
     OpenedMovie om = openMovie(path);
     OffsetList list(om.movie.get(), nullptr);
-    syncToMarks(*om.movie, spec, list);
+    list.replacePoints(markPoints(spec));
     saveInPlace(*om.movie, path);
     EXPECT_EQ(listDir(dir.path()), std::vector<std::string>{"talk.mov"});
     struct stat st {};
@@ -70,7 +62,7 @@ TEST(Writer, AStopOrAFailureLeavesNothingBehind)
     writeFile(path, original);
     OpenedMovie om = openMovie(path);
     OffsetList list(om.movie.get(), nullptr);
-    syncToMarks(*om.movie, spec, list);
+    list.replacePoints(markPoints(spec));
 
     // Stopped half way, through the progress callback.
     std::vector<Phase> phases;
@@ -149,7 +141,7 @@ TEST(Writer, EveryExportTypeWritesWhatFFmpegReads)
     std::string source = cachedMovie("fifth-late.mov", spec);
     OpenedMovie om = openMovie(source);
     OffsetList list(om.movie.get(), nullptr);
-    syncToMarks(*om.movie, spec, list);
+    list.replacePoints(markPoints(spec));
 
     for (auto const& format : exportFormats()) {
         SCOPED_TRACE(format.title);
