@@ -1,9 +1,11 @@
 // dubmatch-cli: re-times the sound of a movie to sync points given on the
 // command line, without the application.
+#include "AtomicFile.h"
 #include "MovieFile.h"
 #include "MovieWriter.h"
 #include "OffsetList.h"
 #include "Refusal.h"
+#include "SaveCheck.h"
 #include "TestMovie.h"
 
 #include <atomic>
@@ -14,25 +16,30 @@
 #include <iostream>
 #include <sstream>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
-enum Status { kOk = 0, kFailed = 1, kUsage = 2, kStopped = 130 };
+enum Status { kOk = 0, kFailed = 1, kUsage = 2, kStopped = 130, kTerminated = 143 };
 
 constexpr char const* kUsageText = R"(Usage:
   dubmatch-cli info MOVIE
   dubmatch-cli sync MOVIE [--point MOVIE_TIME=AUDIO_TIME]... [--points FILE]
-                    (-o OUT | --in-place) [--type TYPE] [--dry-run] [--quiet]
+                    (-o OUT | --in-place) [--type TYPE] [--sound-codec CODEC]
+                    [--drop-unsupported] [--force] [--accept-truncated]
+                    [--dry-run] [--quiet]
   dubmatch-cli demo OUT [--seconds S] [--size WxH] [--fps N] [--offset S] [--rate R]
                     [--points-file FILE]
   dubmatch-cli measure MOVIE
   dubmatch-cli --help
 
 Commands:
-  info     List the tracks of MOVIE, the sound track that would be synced and
-           the duration. A movie Dubmatch cannot sync is explained.
+  info     List the tracks of MOVIE, the sound track that would be synced,
+           the duration, and what a save does with each track (copied,
+           re-encoded, left out and why). A movie Dubmatch cannot sync or
+           save is explained (exit status 1).
   sync     Fit a line through the sync points and re-time the sound track
            along it. Each point pairs a movie time (where a picture is) with
            the time of the unedited sound that belongs there. Times are typed
@@ -47,22 +54,62 @@ Commands:
 Options of sync:
   --point M=A      a sync point (repeatable)
   --points FILE    sync points, one "M=A" or "M A" per line; # starts a comment
-  -o, --output OUT write the synced movie to OUT (replaced if it exists)
-  --in-place       save over MOVIE (written beside it, then renamed over it)
+  -o, --output OUT write the synced movie to OUT (replaced if it exists), in
+                   the container of its extension: .mov, .mp4, .m4v, .mkv, .webm
+  --in-place       save over MOVIE in its own container (written beside it,
+                   then renamed over it); QuickTime, MPEG-4, Matroska and WebM
+                   files only: other movies (MPEG-TS, AVI, DV...) are saved
+                   with -o
   --type TYPE      export type instead of a self-contained QuickTime movie:
                    mov, web, mp4, aiff, dv, flc, bmp (or the codes MooV, embd,
                    mpg4, AIFF, dvc!, FLC, BMPf)
+  --sound-codec C  codec of the re-timed sound: same (default: the source's
+                   codec; lossless sources stay lossless), pcm, flac, alac, aac
+  --drop-unsupported
+                   write even when some streams (subtitles, data...) cannot go
+                   into the output's container; without it such a save is
+                   refused before anything is written
+  --force          replace a write-protected file (it stays write-protected)
+  --accept-truncated
+                   sync a movie whose file ends before its declared length
   --dry-run        fit and report, write nothing
   --quiet          no progress bar
 
+Only regular files are read and replaced; a symbolic link is followed and
+the file it points to is replaced. A file with several hard links is not
+replaced (that would split the links): write to another name instead. A file
+changed by another program while it was being synced is not replaced.
+
 Exit status: 0 done, 1 the movie was refused or could not be read or written,
-2 bad command line, 130 stopped (Ctrl-C); a stopped or failed write leaves no
-output behind and the original untouched.
+2 bad command line, 130 stopped (Ctrl-C), 143 terminated (SIGTERM); a stopped
+or failed write leaves no output behind and the original untouched.
 )";
 
 std::atomic<bool> gStop{false};
 
-void onSignal(int) { gStop = true; }
+// Ends the process at once: what is being written has no name yet (or a
+// temporary one, removed here), so the original and the output stay as they
+// were. Only async-signal-safe calls.
+void onSignal(int sig)
+{
+    gStop = true;
+    media::removeTemporariesNow();
+    static constexpr char kMessage[] = "\ndubmatch-cli: stopped; nothing was written.\n";
+    ssize_t ignored = ::write(STDERR_FILENO, kMessage, sizeof kMessage - 1);
+    (void)ignored;
+    ::_exit(sig == SIGTERM ? kTerminated : kStopped);
+}
+
+void installSignalHandlers()
+{
+    struct sigaction sa {};
+    sa.sa_handler = onSignal;
+    sigemptyset(&sa.sa_mask);
+    sigaddset(&sa.sa_mask, SIGINT);
+    sigaddset(&sa.sa_mask, SIGTERM);
+    sigaction(SIGINT, &sa, nullptr);
+    sigaction(SIGTERM, &sa, nullptr);
+}
 
 class UsageError : public std::runtime_error {
 public:
@@ -102,10 +149,13 @@ int info(Args& args)
     std::string path = args.take("MOVIE");
     if (args.more()) throw UsageError("unexpected argument " + args.items[args.next]);
     media::OpenedMovie om = media::openMovie(path);
+    for (auto const& n : om.notes) std::cerr << "note: " << n << ".\n";
     dm::Movie& movie = *om.movie;
     myQTTime duration = movie.duration();
     int fields = duration.width();
     std::cout << path << " (" << om.formatName << "), duration " << clock(duration, fields) << "\n";
+    if (om.truncated)
+        std::printf("  the file is cut short: readable to %.3f s of %.3f s\n", om.readableSeconds, om.declaredSeconds);
     for (auto const& t : movie.tracks()) {
         auto const& m = media::OpenedMovie::mediaOf(*t);
         QTTimeRange r = t->range();
@@ -123,7 +173,35 @@ int info(Args& args)
     }
     auto const& list = *std::get<std::unique_ptr<OffsetList>>(made);
     std::cout << "sound track to sync: track " << list.soundTrack()->id() << " (\"" << list.soundTrack()->displayName() << "\")\n";
-    return kOk;
+
+    // What a save does: in place where the container is written, else as a copy.
+    std::vector<std::string> tried = {media::containerForSaveAs(om.container, om.formatName)};
+    for (char const* c : {"matroska", "mov", "mp4"})
+        if (tried.front() != c) tried.push_back(c);
+    std::string failure;
+    for (auto const& container : tried) {
+        media::SaveOptions options;
+        options.container = container;
+        media::SavePlan plan;
+        try {
+            plan = media::planSave(movie, options);
+        } catch (media::MediaError const& e) {
+            if (failure.empty()) failure = e.what();
+            continue;
+        }
+        if (container == tried.front() && !om.container.empty())
+            std::cout << "saving in place (" << media::containerTitle(container) << "):\n";
+        else
+            std::cout << "saving as a new " << media::containerTitle(container) << " file (-o NAME." << media::extensionOfContainer(container)
+                      << ")" << (om.container.empty() ? "; this container is read, not written, so --in-place is refused" : "") << ":\n";
+        for (auto const& t : plan.tracks) std::cout << "  " << t.description << ": " << t.detail << "\n";
+        for (auto const& n : plan.notes) std::cout << "  note: " << n << "\n";
+        if (!plan.losses.empty())
+            std::cout << "  " << plan.losses.size() << " stream(s) would be left out: sync refuses unless --drop-unsupported\n";
+        return kOk;
+    }
+    std::cerr << "This movie cannot be saved in any container Dubmatch writes: " << failure << "\n";
+    return kFailed;
 }
 
 // "M=A" or "M A".
@@ -150,7 +228,8 @@ int sync(Args& args)
     std::string path = args.take("MOVIE");
     std::vector<std::string> pointTexts;
     std::string output, type;
-    bool inPlace = false, dryRun = false, quiet = false;
+    bool inPlace = false, dryRun = false, quiet = false, acceptTruncated = false;
+    media::SaveOptions options;
     while (args.more()) {
         std::string a = args.take("option");
         if (a == "--point") pointTexts.push_back(args.take("a point after --point"));
@@ -170,6 +249,16 @@ int sync(Args& args)
         else if (a == "--type") type = args.take("a type after --type");
         else if (a == "--dry-run") dryRun = true;
         else if (a == "--quiet") quiet = true;
+        else if (a == "--drop-unsupported") options.dropUnsupported = true;
+        else if (a == "--sound-codec") {
+            std::string c = args.take("a codec after --sound-codec");
+            try {
+                options.soundCodec = media::soundCodecNamed(c);
+            } catch (media::MediaError const& e) {
+                throw UsageError(e.what());
+            }
+        } else if (a == "--force") options.target.replaceWriteProtected = true;
+        else if (a == "--accept-truncated") acceptTruncated = true;
         else throw UsageError("unknown option " + a);
     }
     if (!dryRun && output.empty() == !inPlace) throw UsageError("give either -o OUT or --in-place (or --dry-run)");
@@ -183,7 +272,35 @@ int sync(Args& args)
         }
     }
 
+    // A target that is not a regular file is refused by the writer with its own words, whatever its name.
+    struct stat target {};
+    bool regularOrNew = output.empty() || ::stat(output.c_str(), &target) != 0 || S_ISREG(target.st_mode);
+    if (!exportType && !dryRun && !inPlace && regularOrNew && media::containerForPath(output).empty())
+        throw UsageError("cannot tell the container of \"" + output
+                         + "\" from its extension: use .mov, .mp4, .m4v, .mkv or .webm (or --type for the other export types)");
+
     media::OpenedMovie om = media::openMovie(path);
+    for (auto const& n : om.notes) std::cerr << "note: " << n << ".\n";
+    if (inPlace && om.container.empty()) {
+        auto dot = path.find_last_of('.');
+        auto slash = path.find_last_of('/');
+        std::string stem = dot == std::string::npos || (slash != std::string::npos && dot < slash) ? path : path.substr(0, dot);
+        std::cerr << "dubmatch-cli: \"" << path << "\" is a " << om.formatName
+                  << " file, which Dubmatch reads but does not write, so it cannot be saved in place.\n"
+                  << "Save a copy instead: -o " << stem << "-synced."
+                  << media::extensionOfContainer(media::containerForSaveAs(om.container, om.formatName)) << "\n";
+        return kFailed;
+    }
+    options.container = inPlace ? om.container : media::containerForPath(output);
+    if (!inPlace && options.container.empty()) options.container = "mov"; // not a file: refused before anything is written
+    if (om.truncated) {
+        std::fprintf(stderr, "\"%s\" is cut short: it can be read to %.3f s of the %.3f s it declares.\n", path.c_str(),
+                     om.readableSeconds, om.declaredSeconds);
+        if (!acceptTruncated) {
+            std::fprintf(stderr, "Nothing was written; give --accept-truncated to sync what there is.\n");
+            return kFailed;
+        }
+    }
     auto made = makeOffsetList(om.movie.get(), nullptr);
     if (auto* refusal = std::get_if<Refusal>(&made)) {
         std::cerr << refusal->message << "\n" << refusal->suggestion << "\n";
@@ -210,9 +327,16 @@ int sync(Args& args)
     if (dryRun) return kOk;
 
     media::WriteResult result;
-    if (inPlace) result = media::saveInPlace(*om.movie, path, progressBar(quiet));
-    else if (exportType) result = media::exportMovie(*om.movie, output, *exportType, myQTTime(), progressBar(quiet));
-    else result = media::writeMovie(*om.movie, output, progressBar(quiet));
+    options.stop = &gStop;
+    try {
+        if (inPlace) result = media::saveInPlace(*om.movie, path, progressBar(quiet), options);
+        else if (exportType) result = media::exportMovie(*om.movie, output, *exportType, myQTTime(), progressBar(quiet), options);
+        else result = media::writeMovie(*om.movie, output, progressBar(quiet), options);
+    } catch (media::StreamsLeftOut const& e) {
+        std::cerr << "dubmatch-cli: nothing was written. " << e.what() << "\n"
+                  << "Write to another container (-o NAME.mkv takes almost anything), or accept the loss with --drop-unsupported.\n";
+        return kFailed;
+    }
     for (auto const& n : result.notes) std::cerr << "note: " << n << "\n";
     std::printf("wrote %s (%.1f MB)\n", inPlace ? path.c_str() : output.c_str(), static_cast<double>(result.bytes) / 1e6);
     return kOk;
@@ -254,20 +378,34 @@ int demo(Args& args)
     if (spec.seconds < 3 || spec.seconds > 6 * 3600) throw UsageError("--seconds must lie between 3 and 21600");
     if (spec.fpsNum < 1 || spec.fpsNum > 120) throw UsageError("--fps must lie between 1 and 120");
     if (!(spec.audioRate > 0.5 && spec.audioRate < 2)) throw UsageError("--rate must lie between 0.5 and 2");
-    media::writeTestMovie(out, spec);
+    {
+        // Like a save: the movie appears whole under its name or not at all.
+        media::AtomicFile file(out, media::AtomicFile::Kind::NewOrReplace);
+        media::writeTestMovie(file.path(), spec);
+        media::verifyFileReadsAs(file.path(), "mov", 2);
+        media::OpenedMovie back = media::openMovie(file.path());
+        if (back.truncated || std::fabs(back.movie->duration().seconds() - spec.seconds) > 0.5)
+            throw media::SaveCheckFailed("The new demo movie does not read back whole.");
+        file.commit();
+    }
     auto marks = media::testMovieMarks(spec);
     std::printf("wrote %s: %.0f s, %dx%d at %d fps, %zu flashes, sound %+.3f s and x%.5f against the picture\n", out.c_str(),
                 spec.seconds, spec.width, spec.height, spec.fpsNum, marks.size(), spec.audioOffset, spec.audioRate);
     if (!pointsFile.empty() && !marks.empty()) {
-        std::ofstream f(pointsFile);
-        f << "# movie time = unedited audio time, for " << out << "\n";
-        std::size_t n = marks.size();
-        for (std::size_t k : {std::size_t{0}, n / 3, 2 * n / 3, n - 1}) {
-            char line[96];
-            std::snprintf(line, sizeof line, "%.6f = %.6f\n", marks[k].movieTime, marks[k].audioTime);
-            f << line;
+        media::AtomicFile file(pointsFile, media::AtomicFile::Kind::NewOrReplace);
+        {
+            std::ofstream f(file.path());
+            f << "# movie time = unedited audio time, for " << out << "\n";
+            std::size_t n = marks.size();
+            for (std::size_t k : {std::size_t{0}, n / 3, 2 * n / 3, n - 1}) {
+                char line[96];
+                std::snprintf(line, sizeof line, "%.6f = %.6f\n", marks[k].movieTime, marks[k].audioTime);
+                f << line;
+            }
+            f.close();
+            if (!f) throw media::MediaError("Cannot write the points file \"" + pointsFile + "\".");
         }
-        if (!f) throw media::MediaError("Cannot write the points file \"" + pointsFile + "\".");
+        file.commit();
         std::printf("wrote %s: 4 sync points\n", pointsFile.c_str());
     }
     return kOk;
@@ -287,9 +425,8 @@ int measure(Args& args)
 
 int main(int argc, char** argv)
 {
+    installSignalHandlers();
     media::setupMediaLogging();
-    std::signal(SIGINT, onSignal);
-    std::signal(SIGTERM, onSignal);
     Args args;
     for (int i = 1; i < argc; ++i) args.items.emplace_back(argv[i]);
     try {

@@ -2,6 +2,7 @@
 
 #include <SDL.h>
 
+#include <cstring>
 #include <vector>
 
 namespace media {
@@ -16,6 +17,8 @@ public:
     bool open(int sampleRate, int channels, int bufferFrames, Pull pull) override
     {
         close();
+        // SIGINT and SIGTERM belong to the program, not to SDL's event queue.
+        SDL_SetHint(SDL_HINT_NO_SIGNAL_HANDLERS, "1");
         if (SDL_InitSubSystem(SDL_INIT_AUDIO) != 0) {
             reason_ = std::string("no sound system (") + SDL_GetError() + ")";
             return false;
@@ -67,9 +70,14 @@ public:
 private:
     static void SDLCALL callback(void* user, Uint8* stream, int len)
     {
+        // Nothing may unwind into SDL: whatever the pull throws becomes silence.
         auto* self = static_cast<SdlAudioOutput*>(user);
-        int frames = len / static_cast<int>(sizeof(float) * static_cast<unsigned>(self->channels_));
-        self->pull_(reinterpret_cast<float*>(stream), frames);
+        try {
+            int frames = len / static_cast<int>(sizeof(float) * static_cast<unsigned>(self->channels_));
+            self->pull_(reinterpret_cast<float*>(stream), frames);
+        } catch (...) {
+            std::memset(stream, 0, static_cast<std::size_t>(len));
+        }
     }
 
     SDL_AudioDeviceID device_ = 0;

@@ -15,7 +15,7 @@ constexpr int kResamplerContext = 2048;    // input fed before a scaled segment'
 } // namespace
 
 AudioDecoder::AudioDecoder(std::shared_ptr<const FileMedia> media)
-    : media_(std::move(media)), packet_(makePacket()), frame_(makeFrame())
+    : media_(std::move(media)), packet_(makePacket()), frame_(makeFrame()), held_(makeFrame())
 {
     if (!media_ || media_->type != dm::MediaType::Sound) throw MediaError("Not a sound track.");
     StreamDecoder d = openStreamDecoder(*media_, "sound");
@@ -24,10 +24,18 @@ AudioDecoder::AudioDecoder(std::shared_ptr<const FileMedia> media)
     channels_ = codec_->ch_layout.nb_channels > 0 ? codec_->ch_layout.nb_channels : media_->channels;
     sampleRate_ = media_->sampleRate;
     if (channels_ <= 0) throw MediaError("The sound track has no channels.");
+    if (codec_->ch_layout.nb_channels > 0 && codec_->ch_layout.order != AV_CHANNEL_ORDER_UNSPEC)
+        check(av_channel_layout_copy(&layout_, &codec_->ch_layout), "Sound layout");
+    else
+        av_channel_layout_default(&layout_, channels_);
     window_.assign(static_cast<std::size_t>(channels_), {});
 }
 
-AudioDecoder::~AudioDecoder() = default;
+AudioDecoder::~AudioDecoder()
+{
+    av_channel_layout_uninit(&layout_);
+    av_channel_layout_uninit(&convertFrom_);
+}
 
 void AudioDecoder::seekTo(std::int64_t sample)
 {
@@ -39,13 +47,20 @@ void AudioDecoder::seekTo(std::int64_t sample)
     for (auto& c : window_) c.clear();
     haveStart_ = false;
     eof_ = false;
+    haveHeld_ = false;
+    av_frame_unref(held_.get());
+    silentFrom_ = silentTo_ = 0;
+}
+
+namespace {
+constexpr std::int64_t kLongGapSeconds = 2; // longer jumps are not filled with samples
 }
 
 void AudioDecoder::append(AVFrame const* frame, std::int64_t position)
 {
     int n = frame->nb_samples;
     if (n <= 0) return;
-    std::int64_t end = windowStart_ + static_cast<std::int64_t>(window_[0].size());
+    std::int64_t end = windowEnd();
     std::size_t skip = 0;
     if (!haveStart_) {
         windowStart_ = position;
@@ -54,32 +69,60 @@ void AudioDecoder::append(AVFrame const* frame, std::int64_t position)
         // Follow the stream's own time stamps across gaps and overlaps; small
         // jitter (less than 2 ms) is rounding and is ignored.
         std::int64_t tolerance = std::max(32, sampleRate_ / 500);
+        if (position > end + kLongGapSeconds * sampleRate_) {
+            check(av_frame_ref(held_.get(), frame), "Keeping a sound frame");
+            haveHeld_ = true;
+            heldAt_ = position;
+            return;
+        }
         if (position > end + tolerance) {
             for (auto& c : window_) c.resize(c.size() + static_cast<std::size_t>(position - end), 0.0f);
         } else if (position < end - tolerance) {
             skip = static_cast<std::size_t>(std::min<std::int64_t>(n, end - position));
         }
     }
-    std::vector<float*> dst(static_cast<std::size_t>(channels_));
     std::size_t old = window_[0].size();
-    for (int c = 0; c < channels_; ++c) window_[c].resize(old + static_cast<std::size_t>(n));
-    if (frame->format == AV_SAMPLE_FMT_FLTP && frame->ch_layout.nb_channels == channels_) {
-        for (int c = 0; c < channels_; ++c)
+    bool direct = frame->format == AV_SAMPLE_FMT_FLTP && frame->sample_rate == sampleRate_
+               && av_channel_layout_compare(&frame->ch_layout, &layout_) == 0;
+    if (direct) {
+        for (int c = 0; c < channels_; ++c) {
+            window_[c].resize(old + static_cast<std::size_t>(n));
             std::memcpy(window_[c].data() + old, frame->extended_data[c], sizeof(float) * static_cast<std::size_t>(n));
-    } else {
-        if (!convert_) {
-            SwrContext* s = nullptr;
-            AVChannelLayout outLayout;
-            av_channel_layout_default(&outLayout, channels_);
-            AVChannelLayout inLayout = frame->ch_layout;
-            check(swr_alloc_set_opts2(&s, &outLayout, AV_SAMPLE_FMT_FLTP, frame->sample_rate, &inLayout,
-                                      static_cast<AVSampleFormat>(frame->format), frame->sample_rate, 0, nullptr),
-                  "Setting up sample conversion");
-            convert_.reset(s);
-            check(swr_init(s), "Setting up sample conversion");
         }
-        for (int c = 0; c < channels_; ++c) dst[c] = window_[c].data() + old;
-        int got = check(swr_convert(convert_.get(), reinterpret_cast<std::uint8_t**>(dst.data()), n,
+    } else {
+        // A converter for this frame's layout, format and rate; set up again
+        // whenever the stream changes them.
+        bool same = convert_ && convertFormat_ == frame->format && convertRate_ == frame->sample_rate
+                 && av_channel_layout_compare(&convertFrom_, &frame->ch_layout) == 0;
+        if (!same) {
+            SwrContext* s = nullptr;
+            AVChannelLayout inLayout{};
+            if (frame->ch_layout.nb_channels > 0) check(av_channel_layout_copy(&inLayout, &frame->ch_layout), "Sound layout");
+            else av_channel_layout_default(&inLayout, channels_);
+            if (inLayout.order == AV_CHANNEL_ORDER_UNSPEC) {
+                int count = inLayout.nb_channels;
+                av_channel_layout_uninit(&inLayout);
+                av_channel_layout_default(&inLayout, count);
+            }
+            int rc = swr_alloc_set_opts2(&s, &layout_, AV_SAMPLE_FMT_FLTP, sampleRate_, &inLayout,
+                                         static_cast<AVSampleFormat>(frame->format), frame->sample_rate, 0, nullptr);
+            av_channel_layout_uninit(&convertFrom_);
+            av_channel_layout_copy(&convertFrom_, &frame->ch_layout);
+            av_channel_layout_uninit(&inLayout);
+            check(rc, "Setting up sample conversion");
+            convert_.reset(s);
+            if (frame->sample_rate != sampleRate_) av_opt_set(s, "resampler", "soxr", 0);
+            check(swr_init(s), "Setting up sample conversion");
+            convertFormat_ = frame->format;
+            convertRate_ = frame->sample_rate;
+        }
+        int room = swr_get_out_samples(convert_.get(), n) + 16;
+        std::vector<float*> dst(static_cast<std::size_t>(channels_));
+        for (int c = 0; c < channels_; ++c) {
+            window_[c].resize(old + static_cast<std::size_t>(room));
+            dst[c] = window_[c].data() + old;
+        }
+        int got = check(swr_convert(convert_.get(), reinterpret_cast<std::uint8_t**>(dst.data()), room,
                                     const_cast<std::uint8_t const**>(frame->extended_data), n),
                         "Converting samples");
         for (auto& c : window_) c.resize(old + static_cast<std::size_t>(got));
@@ -109,17 +152,9 @@ bool AudioDecoder::decodeMore()
         if (eof_) return false;
         rc = av_read_frame(fmt, packet_.get());
         if (rc < 0) {
-            avcodec_send_packet(codec_.get(), nullptr);
-            eof_ = true; // demuxer done; drain the decoder
-            // The decoder still gives its last frames; receive them above.
-            for (;;) {
-                int r = avcodec_receive_frame(codec_.get(), frame_.get());
-                if (r != 0) return false;
-                std::int64_t ts = frame_->best_effort_timestamp;
-                append(frame_.get(), ts == AV_NOPTS_VALUE ? AV_NOPTS_VALUE : media_->ticksFromPts(ts));
-                av_frame_unref(frame_.get());
-                return true;
-            }
+            avcodec_send_packet(codec_.get(), nullptr); // demuxer done: drain the decoder above
+            eof_ = true;
+            continue;
         }
         if (packet_->stream_index == media_->streamIndex) avcodec_send_packet(codec_.get(), packet_.get()); // damaged packets are skipped
         av_packet_unref(packet_.get());
@@ -142,9 +177,9 @@ void AudioDecoder::read(std::int64_t first, int count, float* const* out, std::s
     std::int64_t b = std::min<std::int64_t>(first + count, media_->length);
     if (a >= b) return;
 
-    auto windowEnd = [&] { return windowStart_ + static_cast<std::int64_t>(window_[0].size()); };
-    bool farAhead = haveStart_ && a > windowEnd() + 4LL * sampleRate_;
-    if (!haveStart_ || a < windowStart_ || farAhead) {
+    bool inKnownSilence = a >= silentFrom_ && a < silentTo_ && silentTo_ == windowStart_;
+    bool farAhead = haveStart_ && !haveHeld_ && a > windowEnd() + 4LL * sampleRate_;
+    if (!haveStart_ || (a < windowStart_ && !inKnownSilence) || farAhead) {
         std::int64_t preroll = kPreroll;
         for (int attempt = 0;; ++attempt) {
             seekTo(a - preroll);
@@ -157,19 +192,38 @@ void AudioDecoder::read(std::int64_t first, int count, float* const* out, std::s
             // Seeking cannot reach the target: read from the start instead.
             seekTo(0);
             av_seek_frame(input_.format.get(), media_->streamIndex, INT64_MIN, AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_ANY);
+            while (!haveStart_ && decodeMore()) {
+            }
         }
     }
-    while ((!haveStart_ || windowEnd() < b) && decodeMore()) {
-    }
     if (!haveStart_) return;
-    std::int64_t from = std::max(a, windowStart_);
-    std::int64_t to = std::min(b, windowEnd());
-    if (to > from) {
-        for (int c = 0; c < channels_; ++c)
-            std::memcpy(out[c] + offset + (from - first), window_[c].data() + (from - windowStart_),
-                        sizeof(float) * static_cast<std::size_t>(to - from));
+    std::int64_t pos = a;
+    while (pos < b) {
+        if (pos >= windowStart_ && pos < windowEnd()) {
+            std::int64_t to = std::min(b, windowEnd());
+            for (int c = 0; c < channels_; ++c)
+                std::memcpy(out[c] + offset + (pos - first), window_[c].data() + (pos - windowStart_),
+                            sizeof(float) * static_cast<std::size_t>(to - pos));
+            pos = to;
+        } else if (pos < windowStart_) {
+            pos = std::min(b, windowStart_); // before the first decodable sample: silence
+        } else if (haveHeld_ && pos < heldAt_) {
+            pos = std::min(b, heldAt_); // inside a long jump of the time stamps: silence
+        } else if (haveHeld_) {
+            // The read has reached the frame after the jump: the window starts again there.
+            silentFrom_ = windowEnd();
+            silentTo_ = heldAt_;
+            for (auto& c : window_) c.clear();
+            windowStart_ = heldAt_;
+            haveHeld_ = false;
+            Frame f = std::move(held_);
+            held_ = makeFrame();
+            append(f.get(), heldAt_);
+        } else if (!decodeMore()) {
+            break;
+        }
     }
-    trimFront(from - sampleRate_);
+    trimFront(std::min(a, windowEnd()) - sampleRate_);
 }
 
 struct AudioRenderer::Scaled {

@@ -34,6 +34,10 @@ public:
 
     int channels() const { return channels_; }
     int sampleRate() const { return sampleRate_; }
+    // The channel layout of the samples read: the stream's own. Frames
+    // decoded in another layout, format or rate (broadcast streams switch
+    // between 5.1 and stereo) are converted to it.
+    AVChannelLayout const& layout() const { return layout_; }
     // Copies `count` samples starting at media sample `first` into
     // out[c][offset ...]; positions outside the media read as silence.
     void read(std::int64_t first, int count, float* const* out, std::size_t offset = 0);
@@ -43,11 +47,16 @@ private:
     bool decodeMore(); // appends the next frame to the window; false at the end
     void append(AVFrame const* frame, std::int64_t position);
     void trimFront(std::int64_t keepFrom);
+    std::int64_t windowEnd() const { return windowStart_ + static_cast<std::int64_t>(window_[0].size()); }
 
     std::shared_ptr<const FileMedia> media_;
     SourceFile::Input input_;
     CodecContext codec_;
-    Swr convert_; // to planar float when the decoder gives another format
+    Swr convert_; // to planar float in layout_ when the decoder gives another format
+    // What convert_ was set up for.
+    AVChannelLayout convertFrom_{};
+    int convertFormat_ = -1, convertRate_ = 0;
+    AVChannelLayout layout_{};
     Packet packet_;
     Frame frame_;
     int channels_ = 0;
@@ -56,6 +65,13 @@ private:
     bool haveStart_ = false; // the window's start position is known
     std::int64_t windowStart_ = 0;
     std::vector<std::vector<float>> window_; // decoded samples from windowStart_
+    // A jump in the stream's time stamps longer than kLongGap is not held as
+    // samples: the frame after it waits in held_ until a read reaches
+    // heldAt_, and [silentFrom_, silentTo_) is known to be silence.
+    Frame held_;
+    bool haveHeld_ = false;
+    std::int64_t heldAt_ = 0;
+    std::int64_t silentFrom_ = 0, silentTo_ = 0;
 };
 
 // Renders edit lists of sound tracks that play one medium. Scaled segments
@@ -69,6 +85,7 @@ public:
 
     int channels() const;
     int sampleRate() const;
+    AVChannelLayout const& layout() const { return decoder_.layout(); }
     // Renders `count` samples of `list` from timeline tick `start` (ticks are
     // samples: a sound track's scale is its sample rate) into out[c][offset..].
     void render(dm::EditList const& list, std::int64_t start, int count, float* const* out, std::size_t offset = 0);

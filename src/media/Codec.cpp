@@ -1,5 +1,7 @@
 #include "Codec.h"
 
+#include "SaveCheck.h"
+
 namespace media {
 
 Encoder::Encoder(AVFormatContext* out, char const* codecName, std::function<void(AVCodecContext*)> const& configure)
@@ -47,7 +49,8 @@ void Encoder::send(AVFrame const* frame)
         av_packet_rescale_ts(packet_.get(), ctx_->time_base, stream_->time_base);
         packet_->stream_index = stream_->index;
         bytes_ += packet_->size;
-        check(av_interleaved_write_frame(out_, packet_.get()), "Writing the movie");
+        ++packets_;
+        check(writePacket(out_, packet_.get()), "Writing the movie");
     }
 }
 

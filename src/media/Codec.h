@@ -23,6 +23,7 @@ public:
     // Encodes a frame; null drains the encoder.
     void send(AVFrame const* frame);
     std::int64_t bytesWritten() const { return bytes_; }
+    std::int64_t packetsWritten() const { return packets_; }
 
 private:
     void open(AVCodec const* codec, std::function<void(AVCodecContext*)> const& configure);
@@ -31,6 +32,7 @@ private:
     AVStream* stream_ = nullptr;
     Packet packet_;
     std::int64_t bytes_ = 0;
+    std::int64_t packets_ = 0;
 };
 
 // A demuxer over a medium's file that reads only its stream, and an open

@@ -38,11 +38,12 @@ struct InputContextDeleter {
 };
 using InputContext = std::unique_ptr<AVFormatContext, InputContextDeleter>;
 
-// An output context; closes its file (when the format has one) and frees it.
+// An output context; closes its file (when the format has one that it
+// opened itself, not a custom one) and frees it.
 struct OutputContextDeleter {
     void operator()(AVFormatContext* c) const
     {
-        if (c && c->pb && !(c->oformat->flags & AVFMT_NOFILE)) avio_closep(&c->pb);
+        if (c && c->pb && !(c->oformat->flags & AVFMT_NOFILE) && !(c->flags & AVFMT_FLAG_CUSTOM_IO)) avio_closep(&c->pb);
         avformat_free_context(c);
     }
 };
@@ -52,6 +53,11 @@ struct CodecContextDeleter {
     void operator()(AVCodecContext* c) const { avcodec_free_context(&c); }
 };
 using CodecContext = std::unique_ptr<AVCodecContext, CodecContextDeleter>;
+
+struct CodecParametersDeleter {
+    void operator()(AVCodecParameters* p) const { avcodec_parameters_free(&p); }
+};
+using CodecParameters = std::unique_ptr<AVCodecParameters, CodecParametersDeleter>;
 
 struct FrameDeleter {
     void operator()(AVFrame* f) const { av_frame_free(&f); }

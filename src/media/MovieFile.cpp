@@ -1,5 +1,12 @@
 #include "MovieFile.h"
 
+extern "C" {
+#include <libavutil/parseutils.h>
+}
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -52,17 +59,41 @@ Packet makePacket()
 
 std::shared_ptr<SourceFile> SourceFile::open(std::string const& path)
 {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) throw MediaError("Cannot open \"" + path + "\": " + std::strerror(errno) + ".");
-    struct stat st {};
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        ::close(fd);
-        throw MediaError("\"" + path + "\" is not a regular file.");
+    // Without O_NONBLOCK, opening a FIFO waits for a writer forever.
+    int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        int err = errno;
+        struct stat st {};
+        if (::stat(path.c_str(), &st) == 0) requireRegularFile(st, path); // a socket cannot be opened at all
+        throw MediaError("Cannot open \"" + path + "\": " + std::strerror(err) + ".");
     }
-    return std::shared_ptr<SourceFile>(new SourceFile(path, fd, st.st_size));
+    struct stat st {};
+    try {
+        if (::fstat(fd, &st) != 0) throw MediaError("Cannot open \"" + path + "\": " + std::strerror(errno) + ".");
+        requireRegularFile(st, path);
+        int flags = ::fcntl(fd, F_GETFL);
+        if (flags < 0 || ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) != 0)
+            throw MediaError("Cannot open \"" + path + "\": " + std::strerror(errno) + ".");
+    } catch (...) {
+        ::close(fd);
+        throw;
+    }
+    return std::shared_ptr<SourceFile>(new SourceFile(path, fd, st.st_size, FileIdentity::of(st)));
 }
 
 SourceFile::~SourceFile() { ::close(fd_); }
+
+FileIdentity SourceFile::knownVersion() const
+{
+    std::lock_guard lock(mutex_);
+    return version_;
+}
+
+void SourceFile::savedOver(FileIdentity const& version)
+{
+    std::lock_guard lock(mutex_);
+    version_ = version;
+}
 
 namespace {
 
@@ -101,7 +132,7 @@ std::int64_t seekPacket(void* opaque, std::int64_t offset, int whence)
 
 } // namespace
 
-SourceFile::Input SourceFile::openInput(bool findStreamInfo) const
+SourceFile::Input SourceFile::openInput(bool findStreamInfo, AVDictionary** options) const
 {
     Input in;
     auto reader = std::make_shared<Reader>(Reader{fd_, size_});
@@ -119,7 +150,7 @@ SourceFile::Input SourceFile::openInput(bool findStreamInfo) const
     fmt->pb = in.io.get();
     fmt->flags |= AVFMT_FLAG_CUSTOM_IO;
     // On failure avformat_open_input frees the context itself.
-    int rc = avformat_open_input(&fmt, path_.c_str(), nullptr, nullptr);
+    int rc = avformat_open_input(&fmt, path_.c_str(), nullptr, options);
     if (rc < 0) throw MediaError("\"" + path_ + "\" is not a movie file FFmpeg can read (" + avError(rc) + ").");
     in.format.reset(fmt);
     if (findStreamInfo) {
@@ -186,7 +217,142 @@ bool isDefaultHandlerName(std::string const& s)
         || s == "Core Media Audio" || s == "Core Media Video";
 }
 
+// How far the file can really be read against the length its header
+// declares, in seconds from the movie's start.
+struct Readable {
+    bool truncated = false;
+    double readable = 0;
+    double declared = 0;
+};
+
+Readable measureReadable(AVFormatContext* fmt, SourceFile const& file)
+{
+    constexpr double kSlack = 0.5; // seconds a stream may end early without being cut
+    Readable r;
+    // Only a length the file states can be fallen short of; one guessed from
+    // the bit rate or the last time stamps is no promise.
+    if (fmt->duration_estimation_method != AVFMT_DURATION_FROM_STREAM) return r;
+    double origin = fmt->start_time == AV_NOPTS_VALUE ? 0 : static_cast<double>(fmt->start_time) / AV_TIME_BASE;
+    std::vector<int> streams;
+    std::vector<double> declaredEnd, readEnd;
+    std::vector<bool> fileWide; // the end is the file's, not the stream's own (Matroska)
+    for (unsigned i = 0; i < fmt->nb_streams; ++i) {
+        AVStream* st = fmt->streams[i];
+        auto type = st->codecpar->codec_type;
+        if ((type != AVMEDIA_TYPE_AUDIO && type != AVMEDIA_TYPE_VIDEO) || (st->disposition & AV_DISPOSITION_ATTACHED_PIC)) continue;
+        double tb = av_q2d(st->time_base);
+        double start = st->start_time == AV_NOPTS_VALUE ? origin : static_cast<double>(st->start_time) * tb;
+        double end;
+        bool whole = false;
+        if (st->duration != AV_NOPTS_VALUE && st->duration > 0) end = start + static_cast<double>(st->duration) * tb;
+        else if (fmt->duration != AV_NOPTS_VALUE && fmt->duration > 0) {
+            end = origin + static_cast<double>(fmt->duration) / AV_TIME_BASE; // Matroska
+            whole = true;
+        } else continue;
+        streams.push_back(static_cast<int>(i));
+        fileWide.push_back(whole);
+        declaredEnd.push_back(end);
+        readEnd.push_back(start);
+    }
+    if (streams.empty()) return r;
+    bool indexed = std::string(fmt->iformat->name).find("mov") != std::string::npos;
+    bool readError = false;
+    if (indexed) {
+        // The sample tables give every packet's place: the stream is readable
+        // up to its first packet that lies past the end of the file.
+        for (std::size_t k = 0; k < streams.size(); ++k) {
+            AVStream* st = fmt->streams[streams[k]];
+            int n = avformat_index_get_entries_count(st);
+            readEnd[k] = declaredEnd[k];
+            for (int e = 0; e < n; ++e) {
+                AVIndexEntry const* entry = avformat_index_get_entry(st, e);
+                if (entry->pos + entry->size > file.size()) {
+                    readEnd[k] = static_cast<double>(entry->timestamp) * av_q2d(st->time_base);
+                    break;
+                }
+            }
+        }
+    } else {
+        // Read the last seconds: a stream that stops short, or a read error
+        // before the end of the file, tells of a cut.
+        double lastEnd = *std::max_element(declaredEnd.begin(), declaredEnd.end());
+        auto target = static_cast<std::int64_t>(std::max(0.0, lastEnd - 10.0) * AV_TIME_BASE);
+        // A short movie that cannot seek (no index) is read whole, afresh.
+        SourceFile::Input fresh;
+        AVFormatContext* reading = fmt;
+        if (av_seek_frame(fmt, -1, target, AVSEEK_FLAG_BACKWARD) < 0) {
+            if (target > 0) return r;
+            fresh = file.openInput(false);
+            reading = fresh.format.get();
+        }
+        Packet pkt = makePacket();
+        int rc;
+        while ((rc = av_read_frame(reading, pkt.get())) >= 0) {
+            for (std::size_t k = 0; k < streams.size(); ++k) {
+                if (streams[k] != pkt->stream_index) continue;
+                std::int64_t ts = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
+                double tb = av_q2d(fmt->streams[streams[k]]->time_base);
+                if (ts != AV_NOPTS_VALUE)
+                    readEnd[k] = std::max(readEnd[k], static_cast<double>(ts + std::max<std::int64_t>(0, pkt->duration)) * tb);
+            }
+            av_packet_unref(pkt.get());
+        }
+        readError = rc != AVERROR_EOF;
+    }
+    double readable = readEnd.front(), declared = declaredEnd.front();
+    // Streams that know only the file's length: the longest of them must
+    // reach it (the others may well end earlier, as a picture before its
+    // sound).
+    double longestWide = -1, wideEnd = 0;
+    for (std::size_t k = 0; k < streams.size(); ++k) {
+        if (fileWide[k]) {
+            longestWide = std::max(longestWide, readEnd[k]);
+            wideEnd = declaredEnd[k];
+        } else {
+            r.truncated = r.truncated || readEnd[k] < declaredEnd[k] - kSlack;
+            readable = std::min(readable, readEnd[k]);
+        }
+        declared = std::max(declared, declaredEnd[k]);
+    }
+    if (longestWide >= 0) {
+        r.truncated = r.truncated || longestWide < wideEnd - kSlack;
+        readable = std::min(readable, longestWide);
+        if (std::all_of(fileWide.begin(), fileWide.end(), [](bool b) { return b; })) readable = longestWide;
+    }
+    r.truncated = r.truncated || readError;
+    r.readable = std::max(0.0, readable - origin);
+    r.declared = std::max(0.0, declared - origin);
+    return r;
+}
+
 } // namespace
+
+std::string containerOfInput(AVFormatContext const* fmt, std::string const& path)
+{
+    std::string name = fmt->iformat->name;
+    auto dot = path.find_last_of("./");
+    std::string ext = dot != std::string::npos && path[dot] == '.' ? path.substr(dot + 1) : "";
+    for (auto& c : ext) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    if (name.find("mp4") != std::string::npos && name.find("mov") != std::string::npos) {
+        // One demuxer reads both: the file type box tells them apart, and a
+        // file without one is an old QuickTime movie.
+        std::string brand = metadata(fmt->metadata, "major_brand");
+        if (brand.rfind("qt", 0) == 0) return "mov";
+        if (brand.empty()) return ext == "mp4" || ext == "m4v" || ext == "m4a" ? "mp4" : "mov";
+        return ext == "mov" || ext == "qt" ? "mov" : "mp4";
+    }
+    if (name.find("matroska") != std::string::npos) {
+        if (ext != "webm") return "matroska";
+        // WebM stays WebM while every stream is one WebM takes.
+        AVOutputFormat const* webm = av_guess_format("webm", nullptr, nullptr);
+        for (unsigned i = 0; i < fmt->nb_streams; ++i) {
+            AVCodecParameters const* par = fmt->streams[i]->codecpar;
+            if (!webm || avformat_query_codec(webm, par->codec_id, FF_COMPLIANCE_NORMAL) != 1) return "matroska";
+        }
+        return "webm";
+    }
+    return "";
+}
 
 OpenedMovie openMovie(std::string const& path)
 {
@@ -195,6 +361,7 @@ OpenedMovie openMovie(std::string const& path)
     auto in = out.file->openInput(true);
     AVFormatContext* fmt = in.format.get();
     out.formatName = fmt->iformat->name;
+    out.container = containerOfInput(fmt, path);
     bool useFlag = containerHasEnabledFlag(out.formatName);
     out.movie = std::make_shared<dm::Movie>(600);
 
@@ -226,10 +393,17 @@ OpenedMovie openMovie(std::string const& path)
             media->timeScale = st->time_base.num == 1 && st->time_base.den > 0 ? st->time_base.den : 1000;
         }
         media->type = type;
+        media->origin = formatStart;
         media->startPts = st->start_time == AV_NOPTS_VALUE ? 0 : st->start_time;
         if (media->startPts < 0 && type == dm::MediaType::Sound) media->startPts = 0; // priming, skipped by the decoder
 
         std::int64_t duration = st->duration;
+        std::int64_t taggedUs = 0;
+        if ((duration == AV_NOPTS_VALUE || duration <= 0) && !metadata(st->metadata, "DURATION").empty()
+            && av_parse_time(&taggedUs, metadata(st->metadata, "DURATION").c_str(), 1) == 0 && taggedUs > 0) {
+            // Matroska states each track's own length only in a tag.
+            duration = av_rescale_q(taggedUs, AV_TIME_BASE_Q, st->time_base);
+        }
         if (duration == AV_NOPTS_VALUE || duration <= 0) {
             if (fmt->duration != AV_NOPTS_VALUE && fmt->duration > 0)
                 duration = av_rescale_q(fmt->duration, AV_TIME_BASE_Q, st->time_base);
@@ -267,6 +441,29 @@ OpenedMovie openMovie(std::string const& path)
             if (!any && !tracks.empty()) tracks.front()->setEnabled(true);
         }
     }
+    // A stream whose time stamps run hours past every other one (a broken
+    // time stamp, a recorder's clock jump) would make the movie that long,
+    // mostly silence: its track ends with the others instead.
+    std::vector<std::pair<dm::TrackPtr, double>> ends;
+    for (auto const& t : out.movie->tracks())
+        if (t->mediaType() == dm::MediaType::Sound || t->mediaType() == dm::MediaType::Video)
+            ends.push_back({t, static_cast<double>(t->editList()->duration()) / t->timeScale()});
+    for (auto const& [track, end] : ends) {
+        double others = 0;
+        for (auto const& [t, e] : ends)
+            if (t != track) others = std::max(others, e);
+        if (others <= 0 || end < others + 3600 || end < 2 * others) continue;
+        auto cut = static_cast<std::int64_t>(std::ceil(others * track->timeScale()));
+        track->setEditList(std::make_shared<const dm::EditList>(track->editList()->erased(cut, track->editList()->duration())));
+        char text[256];
+        std::snprintf(text, sizeof text, "%s ends at %.3f s with the other tracks: its time stamps jump to %.0f s, which no other stream reaches",
+                      track->displayName().c_str(), others, end);
+        out.notes.push_back(text);
+    }
+    Readable readable = measureReadable(fmt, *out.file);
+    out.truncated = readable.truncated;
+    out.readableSeconds = readable.readable;
+    out.declaredSeconds = readable.declared;
     return out;
 }
 

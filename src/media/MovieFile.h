@@ -1,11 +1,14 @@
 // Opening movie files into the movie edit model.
 #pragma once
 
+#include "AtomicFile.h"
 #include "FFmpeg.h"
 #include "movie/Movie.h"
 
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 namespace media {
 
@@ -14,6 +17,9 @@ namespace media {
 // renames a new file over it).
 class SourceFile {
 public:
+    // Opens a regular file; anything else (a folder, a FIFO, a device, a
+    // socket) throws NotARegularFile without a byte read and without waiting
+    // for a writer at the other end of a FIFO.
     static std::shared_ptr<SourceFile> open(std::string const& path);
     ~SourceFile();
     SourceFile(SourceFile const&) = delete;
@@ -29,13 +35,23 @@ public:
         std::shared_ptr<void> reader; // the read position of `io`
     };
     // Opens a demuxer; with `findStreamInfo` it also probes the streams.
-    Input openInput(bool findStreamInfo = true) const;
+    // `options` go to avformat_open_input.
+    Input openInput(bool findStreamInfo = true, AVDictionary** options = nullptr) const;
+
+    // The version of the file at path() that this movie knows: the one it
+    // opened, or the one its last save in place put there. A save in place
+    // refuses to replace any other (another program changed the file).
+    FileIdentity knownVersion() const;
+    void savedOver(FileIdentity const& version);
 
 private:
-    SourceFile(std::string path, int fd, std::int64_t size) : path_(std::move(path)), fd_(fd), size_(size) {}
+    SourceFile(std::string path, int fd, std::int64_t size, FileIdentity version)
+        : path_(std::move(path)), fd_(fd), size_(size), version_(version) {}
     std::string path_;
     int fd_;
     std::int64_t size_;
+    mutable std::mutex mutex_;
+    FileIdentity version_; // guarded by mutex_
 };
 
 // The media of one stream of a source file.
@@ -44,6 +60,11 @@ struct FileMedia : dm::Media {
     int streamIndex = -1;
     AVRational timeBase{1, 1};
     std::int64_t startPts = 0;     // stream start in `timeBase`; media tick 0
+    // Movie time 0 of the file this stream belongs to (the container's start
+    // time, which may be negative), in AV_TIME_BASE units. Writers subtract
+    // it from every copied time stamp so that copied and rendered streams
+    // share one timeline.
+    std::int64_t origin = 0;
     AVCodecParameters* codecpar = nullptr; // owned copy
     std::string title;             // the stream's own name, if any
     // Sound
@@ -68,9 +89,27 @@ struct OpenedMovie {
     std::shared_ptr<dm::Movie> movie;
     std::shared_ptr<SourceFile> file;
     std::string formatName;
+    // The muxer that writes this kind of file back ("mov", "mp4",
+    // "matroska", "webm"), or empty when the file's container is one that
+    // is read but not written (MPEG-TS, AVI, DV...): such a movie is saved
+    // as a new file.
+    std::string container;
+    // The file ends before the length its header declares (a copy or a
+    // download cut short): its streams can be read only up to
+    // `readableSeconds` of the `declaredSeconds` that the tracks claim.
+    bool truncated = false;
+    // What was changed while reading, for the user (a track cut at the end
+    // of the others because its time stamps jump hours ahead).
+    std::vector<std::string> notes;
+    double readableSeconds = 0;
+    double declaredSeconds = 0;
     // Tracks in stream order; the media of each is a FileMedia.
     static FileMedia const& mediaOf(dm::Track const& track);
 };
+
+// The muxer that writes a file like the one demuxed by `fmt` (opened from
+// `path`), or empty when that container is not written.
+std::string containerOfInput(AVFormatContext const* fmt, std::string const& path);
 
 // Quick answer for an open panel: does libavformat recognise the file as a
 // container with at least one audio or video stream? Reads only the head of
@@ -80,7 +119,8 @@ bool canOpenMovie(std::string const& path);
 // Reads the file's streams into a movie: one track per stream, enabled from
 // the container's own flag where it has one (QuickTime, MP4, Matroska),
 // named from the stream's title. Throws MediaError with a message for the
-// user when the file cannot be read as a movie.
+// user when the file cannot be read as a movie (NotARegularFile for what is
+// not a file). A truncated file opens, with `truncated` set.
 OpenedMovie openMovie(std::string const& path);
 
 } // namespace media

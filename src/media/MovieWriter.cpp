@@ -1,9 +1,14 @@
 #include "MovieWriter.h"
 
+#include "AtomicFile.h"
 #include "AudioRenderer.h"
 #include "Codec.h"
+#include "SoundEncoder.h"
+#include "WriteProgress.h"
 #include "FlcWriter.h"
 #include "MovieFile.h"
+#include "Remuxer.h"
+#include "SaveCheck.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -12,6 +17,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <map>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -52,76 +58,6 @@ ExportType exportTypeNamed(std::string const& name)
 
 namespace {
 
-std::string directoryOf(std::string const& path)
-{
-    auto slash = path.find_last_of('/');
-    if (slash == std::string::npos) return ".";
-    if (slash == 0) return "/";
-    return path.substr(0, slash);
-}
-
-std::string baseName(std::string const& path)
-{
-    auto slash = path.find_last_of('/');
-    return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-// A file written under a temporary name beside its target and renamed over
-// the target only by commit(); otherwise removed when this goes away.
-class PendingFile {
-public:
-    explicit PendingFile(std::string target, mode_t mode) : target_(std::move(target)), mode_(mode)
-    {
-        std::string pattern = directoryOf(target_) + "/." + baseName(target_) + ".dubmatch-XXXXXX";
-        std::vector<char> buf(pattern.begin(), pattern.end());
-        buf.push_back('\0');
-        int fd = mkstemp(buf.data());
-        if (fd < 0)
-            throw MediaError("Cannot write in the folder \"" + directoryOf(target_) + "\": " + std::strerror(errno) + ".");
-        ::close(fd);
-        temp_ = buf.data();
-    }
-    ~PendingFile()
-    {
-        if (!committed_) ::unlink(temp_.c_str());
-    }
-    PendingFile(PendingFile const&) = delete;
-    PendingFile& operator=(PendingFile const&) = delete;
-
-    std::string const& path() const { return temp_; }
-
-    // Flushes the file to disk and puts it in place in one step.
-    void commit()
-    {
-        int fd = ::open(temp_.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) throw MediaError(std::string("Cannot reopen the new file: ") + std::strerror(errno) + ".");
-        bool ok = ::fchmod(fd, mode_) == 0 && ::fsync(fd) == 0;
-        int err = errno;
-        ::close(fd);
-        if (!ok) throw MediaError(std::string("Cannot write the new file to disk: ") + std::strerror(err) + ".");
-        if (::rename(temp_.c_str(), target_.c_str()) != 0)
-            throw MediaError("Cannot replace \"" + target_ + "\": " + std::strerror(errno) + ".");
-        committed_ = true;
-        int dir = ::open(directoryOf(target_).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-        if (dir >= 0) {
-            ::fsync(dir);
-            ::close(dir);
-        }
-    }
-
-private:
-    std::string target_;
-    std::string temp_;
-    mode_t mode_;
-    bool committed_ = false;
-};
-
-mode_t defaultMode()
-{
-    mode_t mask = ::umask(0);
-    ::umask(mask);
-    return 0666 & ~mask;
-}
 
 std::int64_t fileSize(std::string const& path)
 {
@@ -129,47 +65,6 @@ std::int64_t fileSize(std::string const& path)
     return ::stat(path.c_str(), &st) == 0 ? st.st_size : 0;
 }
 
-// Reports progress at most every 100 ms (and at the phases); throws
-// Cancelled when the callback says stop.
-class ProgressReporter {
-public:
-    ProgressReporter(Progress const& p, std::string op) : progress_(p), op_(std::move(op))
-    {
-        call(Phase::Begin, 0.0);
-    }
-    ~ProgressReporter()
-    {
-        if (progress_ && !ended_) progress_(op_, Phase::End, 1.0);
-    }
-    void update(double fraction)
-    {
-        auto now = std::chrono::steady_clock::now();
-        if (now - last_ < std::chrono::milliseconds(100)) return;
-        last_ = now;
-        call(Phase::Update, std::clamp(fraction, 0.0, 1.0));
-    }
-    void end()
-    {
-        call(Phase::Update, 1.0);
-        call(Phase::End, 1.0);
-        ended_ = true;
-    }
-
-private:
-    void call(Phase phase, double f)
-    {
-        // At the end the work is done: a stop then changes nothing.
-        if (progress_ && !progress_(op_, phase, f) && phase != Phase::End) {
-            ended_ = true;
-            progress_(op_, Phase::End, f);
-            throw Cancelled();
-        }
-    }
-    Progress const& progress_;
-    std::string op_;
-    bool ended_ = false;
-    std::chrono::steady_clock::time_point last_{};
-};
 
 FileMedia const& fileMedia(dm::Track const& t) { return OpenedMovie::mediaOf(t); }
 
@@ -189,138 +84,6 @@ void setName(AVStream* st, std::string const& name)
     av_dict_set(&st->metadata, "handler_name", name.c_str(), 0);
 }
 
-// A sound track rendered through its edit list and encoded.
-class RenderedSound {
-public:
-    // `forceRate` resamples to another rate; `padToSeconds` extends the
-    // sound with silence to at least that length.
-    RenderedSound(AVFormatContext* out, dm::Track const& track, bool forceAac, int forceRate = 0, double padToSeconds = 0)
-        : track_(track), list_(track.editList()), renderer_(std::static_pointer_cast<const FileMedia>(track.media()))
-    {
-        auto const& m = fileMedia(track);
-        if (track.timeScale() != renderer_.sampleRate())
-            throw MediaError("The sound track's time scale is not its sample rate.");
-        rate_ = forceRate > 0 ? forceRate : renderer_.sampleRate();
-        AVCodecID id = forceAac ? AV_CODEC_ID_AAC : m.codecpar->codec_id;
-        std::string container = out->oformat->name;
-        if (container == "aiff") id = AV_CODEC_ID_PCM_S16BE;
-        if (container == "dv") id = AV_CODEC_ID_PCM_S16LE;
-        AVCodec const* codec = avcodec_find_encoder(id);
-        if (!codec || avformat_query_codec(out->oformat, id, FF_COMPLIANCE_NORMAL) != 1 || (codec->capabilities & AV_CODEC_CAP_EXPERIMENTAL))
-            id = AV_CODEC_ID_AAC;
-        if (id != m.codecpar->codec_id) note_ = std::string("sound encoded as ") + avcodec_get_name(id);
-        int channels = renderer_.channels();
-        encoder_ = std::make_unique<Encoder>(out, id, [&](AVCodecContext* c) {
-            c->sample_rate = rate_;
-            if (m.codecpar->ch_layout.nb_channels == channels && m.codecpar->ch_layout.order == AV_CHANNEL_ORDER_NATIVE)
-                av_channel_layout_copy(&c->ch_layout, &m.codecpar->ch_layout);
-            else
-                av_channel_layout_default(&c->ch_layout, channels);
-            c->sample_fmt = c->codec->sample_fmts ? c->codec->sample_fmts[0] : AV_SAMPLE_FMT_FLTP;
-            if (c->codec->sample_fmts)
-                for (auto const* f = c->codec->sample_fmts; *f != AV_SAMPLE_FMT_NONE; ++f)
-                    if (*f == AV_SAMPLE_FMT_FLTP) c->sample_fmt = AV_SAMPLE_FMT_FLTP;
-            std::int64_t br = m.codecpar->bit_rate;
-            c->bit_rate = br > 0 ? br : 64000LL * channels;
-            c->time_base = AVRational{1, rate_};
-        });
-        AVCodecContext* c = encoder_->context();
-        frameSize_ = c->frame_size > 0 ? c->frame_size : 1024;
-        SwrContext* s = nullptr;
-        AVChannelLayout inLayout;
-        av_channel_layout_default(&inLayout, channels);
-        check(swr_alloc_set_opts2(&s, &c->ch_layout, c->sample_fmt, rate_, &inLayout, AV_SAMPLE_FMT_FLTP,
-                                  renderer_.sampleRate(), 0, nullptr),
-              "Setting up sample conversion");
-        convert_.reset(s);
-        if (rate_ != renderer_.sampleRate()) {
-            av_opt_set(s, "resampler", "soxr", 0);
-            av_opt_set_double(s, "precision", 28, 0);
-        }
-        check(swr_init(s), "Setting up sample conversion");
-        fifo_.reset(av_audio_fifo_alloc(c->sample_fmt, c->ch_layout.nb_channels, frameSize_ * 4));
-        if (!fifo_) throw MediaError("Out of memory.");
-        pcm_ = PcmBuffer(channels, static_cast<std::size_t>(kChunk));
-        total_ = std::max(list_->duration(), static_cast<std::int64_t>(std::ceil(padToSeconds * renderer_.sampleRate())));
-    }
-
-    AVStream* stream() const { return encoder_->stream(); }
-    std::string const& note() const { return note_; }
-    double secondsDone() const { return static_cast<double>(pos_) / renderer_.sampleRate(); }
-    double fractionDone() const { return total_ > 0 ? static_cast<double>(pos_) / static_cast<double>(total_) : 1.0; }
-    bool done() const { return finished_; }
-
-    // Renders and encodes until `seconds` of the timeline are written.
-    void encodeUntil(double seconds)
-    {
-        while (!finished_ && secondsDone() < seconds) step();
-    }
-
-private:
-    static constexpr int kChunk = 8192;
-
-    void step()
-    {
-        AVCodecContext* c = encoder_->context();
-        if (pos_ < total_) {
-            int n = static_cast<int>(std::min<std::int64_t>(kChunk, total_ - pos_));
-            pcm_.resize(static_cast<std::size_t>(n));
-            renderer_.render(*list_, pos_, pcm_);
-            pos_ += n;
-            std::vector<std::uint8_t const*> in;
-            for (auto& ch : pcm_.channels) in.push_back(reinterpret_cast<std::uint8_t const*>(ch.data()));
-            convertAndQueue(in.data(), n);
-        } else {
-            convertAndQueue(nullptr, 0); // drain the converter
-        }
-        bool last = pos_ >= total_;
-        while (av_audio_fifo_size(fifo_.get()) >= frameSize_ || (last && av_audio_fifo_size(fifo_.get()) > 0)) {
-            int n = std::min(frameSize_, av_audio_fifo_size(fifo_.get()));
-            Frame f = makeFrame();
-            f->nb_samples = n;
-            f->format = c->sample_fmt;
-            f->sample_rate = c->sample_rate;
-            check(av_channel_layout_copy(&f->ch_layout, &c->ch_layout), "Sound layout");
-            check(av_frame_get_buffer(f.get(), 0), "Allocating sound");
-            av_audio_fifo_read(fifo_.get(), reinterpret_cast<void**>(f->extended_data), n);
-            f->pts = encodedSamples_;
-            encodedSamples_ += n;
-            encoder_->send(f.get());
-        }
-        if (last) {
-            encoder_->send(nullptr);
-            finished_ = true;
-        }
-    }
-
-    void convertAndQueue(std::uint8_t const** in, int n)
-    {
-        AVCodecContext* c = encoder_->context();
-        int room = swr_get_out_samples(convert_.get(), n) + 32;
-        Frame tmp = makeFrame();
-        tmp->nb_samples = room;
-        tmp->format = c->sample_fmt;
-        check(av_channel_layout_copy(&tmp->ch_layout, &c->ch_layout), "Sound layout");
-        check(av_frame_get_buffer(tmp.get(), 0), "Allocating sound");
-        int got = check(swr_convert(convert_.get(), tmp->extended_data, room, in, n), "Converting samples");
-        if (got > 0) check(av_audio_fifo_write(fifo_.get(), reinterpret_cast<void**>(tmp->extended_data), got), "Queueing sound");
-    }
-
-    dm::Track const& track_;
-    std::shared_ptr<const dm::EditList> list_;
-    AudioRenderer renderer_;
-    std::unique_ptr<Encoder> encoder_;
-    Swr convert_;
-    AudioFifo fifo_;
-    PcmBuffer pcm_;
-    int rate_ = 0;
-    int frameSize_ = 1024;
-    std::int64_t pos_ = 0;
-    std::int64_t total_ = 0;
-    std::int64_t encodedSamples_ = 0;
-    bool finished_ = false;
-    std::string note_;
-};
 
 // A video track re-encoded frame by frame (for containers that cannot take
 // its codec): constant frame rate, each output frame showing the source
@@ -384,94 +147,314 @@ private:
 struct Plan {
     std::string container = "mov";
     bool fastStart = false;
-    bool enabledOnly = false;   // leave disabled tracks out
+    bool enabledOnly = false;   // leave disabled tracks out (an export's choice, not a loss)
     bool forceAac = false;      // encode sound as AAC
     bool videoMustBeH264OrMpeg4 = false;
     bool dv = false;            // re-encode video and sound for DV
     bool soundOnly = false;
     std::string operation = "Saving";
+    SaveOptions options;
 };
 
-WriteResult writeFlat(dm::Movie const& movie, std::string const& path, Plan const& plan, Progress const& progress)
+// What the write does with one track.
+struct Decision {
+    dm::Track const* track = nullptr;
+    FileMedia const* media = nullptr;
+    AVStream const* in = nullptr;
+    TrackPlan::How how = TrackPlan::How::Copied;
+    SoundFormat sound;                       // Encoded sound
+    bool video = false;                      // Encoded video
+    ReencodedVideo::Target target{};
+    std::string detail;
+};
+
+std::string describe(dm::Track const& track, FileMedia const& m, AVStream const* in)
 {
-    ProgressReporter report(progress, plan.operation);
-    WriteResult result;
-    AVFormatContext* raw = nullptr;
-    check(avformat_alloc_output_context2(&raw, nullptr, plan.container.c_str(), path.c_str()), "Choosing the container");
-    OutputContext out(raw);
+    char const* kind = "data";
+    switch (m.codecpar->codec_type) {
+    case AVMEDIA_TYPE_VIDEO: kind = in && (in->disposition & AV_DISPOSITION_ATTACHED_PIC) ? "cover picture" : "video"; break;
+    case AVMEDIA_TYPE_AUDIO: kind = "sound"; break;
+    case AVMEDIA_TYPE_SUBTITLE: kind = "subtitle"; break;
+    case AVMEDIA_TYPE_ATTACHMENT: kind = "attachment"; break;
+    default: break;
+    }
+    std::string d = std::string(kind) + " track " + std::to_string(track.id());
+    std::string generated = std::string(dm::mediaTypeName(track.mediaType())) + " track " + std::to_string(m.streamIndex + 1);
+    if (track.displayName() != generated) d += " \"" + track.displayName() + "\"";
+    AVDictionaryEntry* file = in ? av_dict_get(in->metadata, "filename", nullptr, 0) : nullptr;
+    d += std::string(" (") + (file ? file->value : avcodec_get_name(m.codecpar->codec_id));
+    if (in)
+        if (AVDictionaryEntry* lang = av_dict_get(in->metadata, "language", nullptr, 0)) d += std::string(", ") + lang->value;
+    return d + ")";
+}
 
-    struct Copy {
-        std::shared_ptr<SourceFile> file;
-        int sourceIndex;
-        AVStream* out;
-        AVRational sourceTb;
-    };
-    std::vector<Copy> copies;
-    std::vector<std::unique_ptr<RenderedSound>> sounds;
-    std::vector<std::unique_ptr<ReencodedVideo>> videos;
-    double seconds = movie.duration().seconds();
-    int soundRate = 0;
+std::string soundDetail(SoundFormat const& f)
+{
+    AVCodec const* c = avcodec_find_encoder_by_name(f.encoder.c_str());
+    std::string d = "encoded as " + std::string(c ? avcodec_get_name(c->id) : f.encoder.c_str());
+    if (f.bitsPerRawSample > 0) d += " " + std::to_string(f.bitsPerRawSample) + "-bit";
+    else if (f.encoder.rfind("pcm_", 0) == 0 && c) d += " " + std::to_string(av_get_bits_per_sample(c->id)) + "-bit";
+    if (f.bitRate > 0) d += " at " + std::to_string(f.bitRate / 1000) + " kb/s";
+    return d;
+}
 
+AVChannelLayout layoutOf(AVCodecParameters const* par)
+{
+    AVChannelLayout l{};
+    if (par->ch_layout.nb_channels > 0 && par->ch_layout.order != AV_CHANNEL_ORDER_UNSPEC) av_channel_layout_copy(&l, &par->ch_layout);
+    else av_channel_layout_default(&l, std::max(1, par->ch_layout.nb_channels));
+    return l;
+}
+
+bool isTimecodeTrack(AVStream const* in)
+{
+    return in && in->codecpar->codec_type == AVMEDIA_TYPE_DATA && in->codecpar->codec_tag == MKTAG('t', 'm', 'c', 'd');
+}
+
+bool videoHasTimecode(dm::Movie const& movie, SourceInputs& inputs)
+{
+    for (auto const& t : movie.tracksOfMediaType(dm::MediaType::Video))
+        if (AVStream const* in = inputs.stream(fileMedia(*t)))
+            if (av_dict_get(in->metadata, "timecode", nullptr, 0)) return true;
+    return false;
+}
+
+// Decides what happens to each track; fills `losses` with the streams that
+// the container cannot hold.
+std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInputs& inputs, std::vector<std::string>& losses,
+                             std::vector<std::string>& notes)
+{
+    std::vector<Decision> out;
+    std::string const& container = plan.container;
+    bool flexible = container == "mov" || container == "mp4" || container == "matroska" || container == "webm";
+    SoundCodec policy = plan.forceAac ? SoundCodec::Aac : plan.options.soundCodec;
+    bool haveDvVideo = false;
     for (auto const& trackPtr : movie.tracks()) {
         dm::Track const& track = *trackPtr;
-        auto const& m = fileMedia(track);
+        FileMedia const& m = fileMedia(track);
+        Decision d;
+        d.track = &track;
+        d.media = &m;
+        d.in = inputs.stream(m);
         bool enabled = track.isEnabled();
         if (plan.enabledOnly && !enabled) continue;
         if (plan.soundOnly && track.mediaType() != dm::MediaType::Sound) continue;
-        if (track.mediaType() == dm::MediaType::Sound && (enabled || !isNatural(track) || plan.dv)) {
-            if (plan.dv && !enabled) continue;
-            auto s = std::make_unique<RenderedSound>(out.get(), track, plan.forceAac, plan.dv ? 48000 : 0, plan.dv ? seconds + 1 : 0);
-            s->stream()->disposition = enabled ? AV_DISPOSITION_DEFAULT : 0;
-            setName(s->stream(), track.displayName());
-            if (!s->note().empty()) result.notes.push_back(s->note());
-            soundRate = soundRate ? soundRate : track.timeScale();
-            sounds.push_back(std::move(s));
+        std::string what = describe(track, m, d.in);
+        auto leaveOut = [&](std::string const& why) {
+            d.how = TrackPlan::How::LeftOut;
+            d.detail = "left out: " + why;
+            losses.push_back(what + ": " + why);
+            out.push_back(d);
+        };
+        if (track.mediaType() == dm::MediaType::Sound) {
+            AVChannelLayout layout = layoutOf(m.codecpar);
+            if (plan.dv || container == "aiff") {
+                if (!enabled) continue;
+                d.how = TrackPlan::How::Encoded;
+                d.sound.encoder = plan.dv ? "pcm_s16le" : "pcm_s16be";
+                d.sound.sampleFormat = AV_SAMPLE_FMT_S16;
+                d.sound.sampleRate = plan.dv ? 48000 : m.sampleRate;
+                av_channel_layout_uninit(&layout);
+                d.detail = "re-timed, " + soundDetail(d.sound);
+                out.push_back(d);
+                continue;
+            }
+            bool copyable = d.in && !enabled && isNatural(track)
+                         && containerTakes(container, m.codecpar, d.in->metadata, d.in->disposition & ~AV_DISPOSITION_DEFAULT);
+            if (copyable) {
+                d.how = TrackPlan::How::Copied;
+                d.detail = "copied";
+            } else if (!enabled && isNatural(track)) {
+                // A sound kept as it is (the backup) whose codec the container
+                // does not take: stored losslessly, samples identical.
+                try {
+                    d.sound = chooseSoundFormat(container, m.codecpar, layout, policy, true);
+                    d.how = TrackPlan::How::Encoded;
+                    d.detail = "stored losslessly, " + soundDetail(d.sound);
+                    notes.push_back(what + " " + d.detail + " (" + containerTitle(container) + " takes no "
+                                    + avcodec_get_name(m.codecpar->codec_id) + ")");
+                } catch (MediaError const&) {
+                    av_channel_layout_uninit(&layout);
+                    leaveOut(containerTitle(container) + " takes no " + avcodec_get_name(m.codecpar->codec_id)
+                             + " and no lossless codec for it");
+                    continue;
+                }
+            } else {
+                d.sound = chooseSoundFormat(container, m.codecpar, layout, policy, false);
+                d.how = TrackPlan::How::Encoded;
+                d.detail = std::string(enabled ? "re-timed, " : "edited, ") + soundDetail(d.sound);
+                if (!d.sound.note.empty()) notes.push_back(d.sound.note);
+            }
+            av_channel_layout_uninit(&layout);
+            out.push_back(d);
             continue;
         }
         AVCodecID id = m.codecpar->codec_id;
-        bool reencode = false;
-        ReencodedVideo::Target target{};
         if (track.mediaType() == dm::MediaType::Video) {
             if (plan.dv) {
+                if (haveDvVideo) continue; // DV holds one picture stream
+                haveDvVideo = true;
                 double fps = m.frameRate.num > 0 ? av_q2d(m.frameRate) : 25;
                 bool ntsc = std::fabs(fps - 29.97) < 0.6 || std::fabs(fps - 59.94) < 1.2 || std::fabs(fps - 23.976) < 0.5;
-                target = ntsc ? ReencodedVideo::Target{"dvvideo", 720, 480, AV_PIX_FMT_YUV411P, {30000, 1001}, 25'000'000}
-                              : ReencodedVideo::Target{"dvvideo", 720, 576, AV_PIX_FMT_YUV420P, {25, 1}, 25'000'000};
-                reencode = true;
-            } else if (plan.videoMustBeH264OrMpeg4 && id != AV_CODEC_ID_H264 && id != AV_CODEC_ID_MPEG4 && id != AV_CODEC_ID_HEVC) {
-                AVRational fps = m.frameRate.num > 0 ? m.frameRate : AVRational{25, 1};
-                target = {"libx264", m.width & ~1, m.height & ~1, AV_PIX_FMT_YUV420P, fps, 0};
-                reencode = true;
-                result.notes.push_back("video re-encoded as H.264");
+                d.target = ntsc ? ReencodedVideo::Target{"dvvideo", 720, 480, AV_PIX_FMT_YUV411P, {30000, 1001}, 25'000'000}
+                                : ReencodedVideo::Target{"dvvideo", 720, 576, AV_PIX_FMT_YUV420P, {25, 1}, 25'000'000};
+                d.video = true;
+                d.how = TrackPlan::How::Encoded;
+                d.detail = "encoded as DV";
+                out.push_back(d);
+                continue;
             }
-        }
-        if (reencode) {
-            if (plan.dv && !videos.empty()) continue; // DV holds one picture stream
-            auto v = std::make_unique<ReencodedVideo>(out.get(), track, target, seconds);
-            v->stream()->disposition = enabled ? AV_DISPOSITION_DEFAULT : 0;
-            videos.push_back(std::move(v));
+            bool copyable = d.in && containerTakes(container, m.codecpar, d.in->metadata, d.in->disposition);
+            if (plan.videoMustBeH264OrMpeg4 && id != AV_CODEC_ID_H264 && id != AV_CODEC_ID_MPEG4 && id != AV_CODEC_ID_HEVC) copyable = false;
+            if (copyable) {
+                d.how = TrackPlan::How::Copied;
+                d.detail = "copied";
+            } else if (plan.videoMustBeH264OrMpeg4) {
+                AVRational fps = m.frameRate.num > 0 ? m.frameRate : AVRational{25, 1};
+                d.target = {"libx264", m.width & ~1, m.height & ~1, AV_PIX_FMT_YUV420P, fps, 0};
+                d.video = true;
+                d.how = TrackPlan::How::Encoded;
+                d.detail = "encoded as H.264";
+                notes.push_back("video re-encoded as H.264");
+            } else {
+                std::string takers = d.in ? containersTaking(m.codecpar, d.in->metadata, d.in->disposition) : "";
+                leaveOut(containerTitle(container) + " takes no " + avcodec_get_name(id) + (takers.empty() ? "" : " (" + takers + " can)"));
+                continue;
+            }
+            out.push_back(d);
             continue;
         }
         if (plan.dv) continue;
-        if (avformat_query_codec(out->oformat, id, FF_COMPLIANCE_NORMAL) != 1) {
-            result.notes.push_back(std::string("left out ") + dm::mediaTypeName(track.mediaType()) + " track \"" + track.displayName()
-                                   + "\" (" + avcodec_get_name(id) + " does not fit the container)");
+        if (isTimecodeTrack(d.in) && flexible && videoHasTimecode(movie, inputs)) {
+            // The demuxer hands the timecode to the video stream as a tag;
+            // QuickTime and MPEG-4 writers make the timecode track from it,
+            // Matroska keeps the tag.
+            d.how = TrackPlan::How::Recreated;
+            d.detail = container == "mov" || container == "mp4" ? "recreated from the video's timecode"
+                                                                  : "kept as the video's timecode tag";
+            out.push_back(d);
             continue;
         }
-        AVStream* st = avformat_new_stream(out.get(), nullptr);
-        if (!st) throw MediaError("Out of memory.");
-        check(avcodec_parameters_copy(st->codecpar, m.codecpar), "Copying stream parameters");
-        st->codecpar->codec_tag = 0;
-        st->time_base = m.timeBase;
-        st->disposition = enabled ? AV_DISPOSITION_DEFAULT : 0;
-        if (track.mediaType() == dm::MediaType::Sound) setName(st, track.displayName());
-        else if (!m.title.empty()) setName(st, m.title);
-        if (m.frameRate.num > 0) st->avg_frame_rate = m.frameRate;
-        copies.push_back({m.file, m.streamIndex, st, m.timeBase});
+        if (d.in && containerTakes(container, m.codecpar, d.in->metadata, d.in->disposition)) {
+            d.how = TrackPlan::How::Copied;
+            d.detail = "copied";
+            out.push_back(d);
+            continue;
+        }
+        std::string takers = d.in ? containersTaking(m.codecpar, d.in->metadata, d.in->disposition) : "";
+        std::string thing = m.codecpar->codec_type == AVMEDIA_TYPE_ATTACHMENT ? std::string("attachments")
+                          : id == AV_CODEC_ID_NONE                           ? std::string("data of this kind")
+                                                                              : std::string(avcodec_get_name(id));
+        leaveOut(containerTitle(container) + " takes no " + thing
+                 + (takers.empty() ? "" : " (" + takers + (takers.find(',') == std::string::npos ? " does)" : " do)")));
+    }
+    return out;
+}
+
+// The name a track was given by the user or the program (the backup),
+// when it is not the one read from the file.
+std::string newName(dm::Track const& track, FileMedia const& m)
+{
+    std::string const& name = track.displayName();
+    if (name == m.title) return "";
+    std::string generated = std::string(dm::mediaTypeName(track.mediaType())) + " track " + std::to_string(m.streamIndex + 1);
+    return m.title.empty() && name == generated ? "" : name;
+}
+
+// A write decided: the source files opened once, what happens to each
+// track, what the container cannot hold, the notes for the user.
+struct Prepared {
+    SourceInputs inputs;
+    std::vector<Decision> decisions;
+    std::vector<std::string> losses;
+    std::vector<std::string> notes;
+};
+
+Prepared prepare(dm::Movie const& movie, Plan const& plan)
+{
+    Prepared p;
+    p.decisions = decide(movie, plan, p.inputs, p.losses, p.notes);
+    return p;
+}
+
+// Throws StreamsLeftOut, before any file is made, when the write would lose
+// streams the user has not agreed to lose.
+void refuseLosses(Prepared const& prepared, Plan const& plan)
+{
+    if (!prepared.losses.empty() && !plan.options.dropUnsupported) throw StreamsLeftOut(prepared.losses);
+}
+
+WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& plan, Prepared& prepared, Progress const& progress)
+{
+    ProgressReporter report(progress, plan.operation, plan.options.stop);
+    refuseLosses(prepared, plan);
+    WriteResult result;
+    result.notes = prepared.notes;
+    for (auto const& l : prepared.losses) result.notes.push_back("left out " + l);
+    SourceInputs& inputs = prepared.inputs;
+    std::vector<Decision> const& decisions = prepared.decisions;
+
+    AVFormatContext* raw = nullptr;
+    check(avformat_alloc_output_context2(&raw, nullptr, plan.container.c_str(), output.url().c_str()), "Choosing the container");
+    OutputContext out(raw);
+    out->interrupt_callback = report.interrupt();
+
+    struct Copy {
+        SourceFile const* file;
+        int sourceIndex;
+        AVStream* out;
+        AVRational sourceTb;
+        std::int64_t shift; // the movie's start in sourceTb
+    };
+    std::vector<Copy> copies;
+    std::vector<std::unique_ptr<SoundEncoder>> sounds;
+    std::vector<std::unique_ptr<ReencodedVideo>> videos;
+    double seconds = movie.duration().seconds();
+    int soundRate = 0;
+    SourceFile const* mainFile = nullptr;
+
+    // Matroska keeps times in whole milliseconds: the timeline is moved a
+    // fraction of a millisecond so that the pictures land on that grid, and
+    // the rendered sound moves with them.
+    std::int64_t gridShiftUs = 0;
+    if (plan.container == "matroska" || plan.container == "webm")
+        for (auto const& d : decisions)
+            if (d.how == TrackPlan::How::Copied && d.track->mediaType() == dm::MediaType::Video && d.track->isEnabled()) {
+                std::int64_t startUs = av_rescale_q(d.media->startPts, d.media->timeBase, AV_TIME_BASE_Q) - d.media->origin;
+                gridShiftUs = ((1000 - startUs % 1000) % 1000 + 1000) % 1000;
+                break;
+            }
+    for (auto const& d : decisions) {
+        dm::Track const& track = *d.track;
+        FileMedia const& m = *d.media;
+        bool enabled = track.isEnabled();
+        if (!mainFile) mainFile = m.file.get();
+        std::string name = newName(track, m);
+        if (d.how == TrackPlan::How::Copied) {
+            AVStream* st = addCopiedStream(out.get(), d.in, enabled);
+            if (!name.empty()) setName(st, name);
+            copies.push_back({m.file.get(), m.streamIndex, st, d.in->time_base,
+                              av_rescale_q(m.origin - gridShiftUs, AV_TIME_BASE_Q, d.in->time_base)});
+        } else if (d.how == TrackPlan::How::Encoded && track.mediaType() == dm::MediaType::Sound) {
+            auto s = std::make_unique<SoundEncoder>(out.get(), track, d.sound, plan.dv ? seconds + 1 : 0,
+                                                    av_rescale(gridShiftUs, d.sound.sampleRate, AV_TIME_BASE));
+            if (d.in && !plan.dv && plan.container != "aiff") copyStreamTags(s->stream(), d.in, enabled);
+            else s->stream()->disposition = enabled ? AV_DISPOSITION_DEFAULT : 0;
+            if (!name.empty()) setName(s->stream(), name);
+            soundRate = soundRate ? soundRate : d.sound.sampleRate;
+            sounds.push_back(std::move(s));
+        } else if (d.how == TrackPlan::How::Encoded && d.video) {
+            auto v = std::make_unique<ReencodedVideo>(out.get(), track, d.target, seconds);
+            if (d.in && !plan.dv) copyStreamTags(v->stream(), d.in, enabled);
+            else v->stream()->disposition = enabled ? AV_DISPOSITION_DEFAULT : 0;
+            videos.push_back(std::move(v));
+        }
     }
     if (copies.empty() && sounds.empty() && videos.empty()) throw MediaError("The movie has nothing to write in this format.");
+    bool rich = plan.container == "mov" || plan.container == "mp4" || plan.container == "matroska" || plan.container == "webm";
+    if (mainFile && rich) copyFileDetails(out.get(), inputs.of(*mainFile), fileMedia(*decisions.front().track).origin);
 
-    check(avio_open(&out->pb, path.c_str(), AVIO_FLAG_WRITE), "Creating the new file");
+    output.attach(out.get());
     AVDictionary* opts = nullptr;
     if (plan.container == "mov" || plan.container == "mp4") {
         if (plan.fastStart) av_dict_set(&opts, "movflags", "+faststart", 0);
@@ -487,20 +470,29 @@ WriteResult writeFlat(dm::Movie const& movie, std::string const& path, Plan cons
         for (auto const& v : videos) f = std::min(f, v->fractionDone());
         return f;
     };
-    auto pumpTo = [&](double seconds) {
-        for (auto& s : sounds) s->encodeUntil(seconds);
+    double copiedFraction = 0;
+    // Keeps the rendered streams up with the copied ones (timeline seconds).
+    auto pumpTo = [&](double until) {
+        for (auto& s : sounds)
+            while (!s->done() && s->secondsDone() < until) {
+                s->step();
+                report.update(fraction(copiedFraction));
+            }
         for (auto& v : videos)
-            while (!v->done() && v->secondsDone() < seconds) v->step();
+            while (!v->done() && v->secondsDone() < until) {
+                v->step();
+                report.update(fraction(copiedFraction));
+            }
     };
 
     // Copied streams, file by file, with the rendered ones kept a little ahead.
-    std::map<SourceFile*, std::vector<Copy const*>> byFile;
-    for (auto const& c : copies) byFile[c.file.get()].push_back(&c);
+    std::map<SourceFile const*, std::vector<Copy const*>> byFile;
+    for (auto const& c : copies) byFile[c.file].push_back(&c);
     std::size_t filesDone = 0;
     for (auto const& [file, list] : byFile) {
-        auto in = list.front()->file->openInput(false);
+        SourceFile::Input in = inputs.take(*file);
         AVFormatContext* fmt = in.format.get();
-        if (fmt->nb_streams == 0) check(avformat_find_stream_info(fmt, nullptr), "Reading streams");
+        fmt->interrupt_callback = report.interrupt();
         std::map<int, Copy const*> wanted;
         for (auto const* c : list) wanted[c->sourceIndex] = c;
         for (unsigned i = 0; i < fmt->nb_streams; ++i) fmt->streams[i]->discard = wanted.count(static_cast<int>(i)) ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
@@ -513,38 +505,41 @@ WriteResult writeFlat(dm::Movie const& movie, std::string const& path, Plan cons
                 continue;
             }
             Copy const& c = *it->second;
+            if (pkt->pts != AV_NOPTS_VALUE) pkt->pts -= c.shift;
+            if (pkt->dts != AV_NOPTS_VALUE) pkt->dts -= c.shift;
             std::int64_t ts = pkt->dts != AV_NOPTS_VALUE ? pkt->dts : pkt->pts;
             if (ts != AV_NOPTS_VALUE) pumpTo(static_cast<double>(ts) * av_q2d(c.sourceTb) + 1.0);
             av_packet_rescale_ts(pkt.get(), c.sourceTb, c.out->time_base);
             pkt->stream_index = c.out->index;
             pkt->pos = -1;
-            check(av_interleaved_write_frame(out.get(), pkt.get()), "Writing the movie");
-            double copied = (static_cast<double>(filesDone) + static_cast<double>(avio_tell(fmt->pb)) / static_cast<double>(size))
-                          / static_cast<double>(byFile.size());
-            report.update(fraction(copied));
+            check(writePacket(out.get(), pkt.get()), "Writing the movie");
+            copiedFraction = (static_cast<double>(filesDone) + static_cast<double>(avio_tell(fmt->pb)) / static_cast<double>(size))
+                           / static_cast<double>(byFile.size());
+            report.update(fraction(copiedFraction));
         }
+        if (rc == AVERROR_EXIT) throw Cancelled();
         if (rc != AVERROR_EOF) throw MediaError("Reading \"" + file->path() + "\" failed: " + avError(rc) + ".");
         ++filesDone;
     }
+    copiedFraction = 1.0;
     // Whatever is left of the rendered streams.
     for (;;) {
         bool all = true;
         for (auto& s : sounds) {
             if (!s->done()) {
-                s->encodeUntil(s->secondsDone() + 2.0);
+                s->step();
                 all = false;
             }
         }
         for (auto& v : videos) {
-            for (int i = 0; i < 25 && !v->done(); ++i) v->step();
+            if (!v->done()) v->step();
             all = all && v->done();
         }
         report.update(fraction(1.0));
         if (all) break;
     }
-    check(av_write_trailer(out.get()), "Finishing the movie");
-    check(avio_closep(&out->pb), "Closing the new file");
-    result.bytes = fileSize(path);
+    output.finish(out.get(), av_write_trailer(out.get()));
+    result.bytes = output.bytes();
     report.end();
     return result;
 }
@@ -629,66 +624,182 @@ WriteResult writeFlc(dm::Movie const& movie, std::string const& path, Progress c
     return r;
 }
 
+std::string containerNamed(std::string const& container, std::string const& path, char const* what)
+{
+    std::string c = !container.empty() ? container : containerForPath(path);
+    if (c.empty())
+        throw MediaError(std::string(what) + " \"" + baseName(path)
+                         + "\": Dubmatch writes QuickTime (.mov), MPEG-4 (.mp4, .m4v), Matroska (.mkv) and WebM (.webm) movies.");
+    if (c != "mov" && c != "mp4" && c != "matroska" && c != "webm") throw MediaError("Dubmatch does not write " + c + " files.");
+    return c;
+}
+
+// Writes through a MovieOutput, checks the file reads back as written and
+// only then puts it in place.
+WriteResult writeChecked(dm::Movie const& movie, AtomicFile& file, Plan const& plan, Prepared& prepared, Progress const& progress)
+{
+    MovieOutput output(file);
+    WriteResult r = writeFlat(movie, output, plan, prepared, progress);
+    output.verify(plan.container);
+    return r;
+}
+
+// The file this movie was opened from, when it reads from `path`.
+std::shared_ptr<SourceFile> sourceAt(dm::Movie const& movie, std::string const& path)
+{
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) return nullptr;
+    for (auto const& t : movie.tracks()) {
+        auto const* m = dynamic_cast<FileMedia const*>(t->media().get());
+        if (!m || !m->file) continue;
+        struct stat at {};
+        if (::stat(m->file->path().c_str(), &at) == 0 && at.st_dev == st.st_dev && at.st_ino == st.st_ino) return m->file;
+        // Replaced meanwhile (by another program or our own last save): the
+        // same name still means the same document.
+        if (m->file->path() == path) return m->file;
+    }
+    return nullptr;
+}
+
 } // namespace
+
+StreamsLeftOut::StreamsLeftOut(std::vector<std::string> streams)
+    : MediaError([&] {
+          std::string m = streams.size() == 1 ? "One stream cannot go into this file and would be lost: "
+                                              : std::to_string(streams.size()) + " streams cannot go into this file and would be lost: ";
+          for (std::size_t i = 0; i < streams.size(); ++i) m += (i ? "; " : "") + streams[i];
+          return m + ".";
+      }()),
+      streams_(std::move(streams))
+{
+}
+
+SavePlan planSave(dm::Movie const& movie, SaveOptions const& options)
+{
+    if (options.container.empty()) throw MediaError("No container chosen for the save.");
+    Plan plan;
+    plan.container = options.container;
+    plan.options = options;
+    SourceInputs inputs;
+    SavePlan result;
+    result.container = options.container;
+    std::vector<Decision> decisions = decide(movie, plan, inputs, result.losses, result.notes);
+    for (auto const& d : decisions)
+        result.tracks.push_back({d.track->id(), describe(*d.track, *d.media, d.in), d.how, d.detail});
+    return result;
+}
+
+std::string containerForSaveAs(std::string const& ownContainer, std::string const& formatName)
+{
+    return !ownContainer.empty() ? ownContainer : containerForImport(formatName);
+}
+
+WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress const& progress, SaveOptions const& options)
+{
+    Plan plan;
+    plan.container = containerNamed(options.container, path, "Cannot write");
+    plan.options = options;
+    plan.operation = "Saving a self-contained movie";
+    Prepared prepared = prepare(movie, plan);
+    refuseLosses(prepared, plan);
+    AtomicFile file(path, AtomicFile::Kind::NewOrReplace, options.target);
+    WriteResult r = writeChecked(movie, file, plan, prepared, progress);
+    file.commit();
+    return r;
+}
 
 WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress const& progress, std::string const& container)
 {
-    PendingFile file(path, defaultMode());
+    SaveOptions options;
+    options.container = container;
+    return writeMovie(movie, path, progress, options);
+}
+
+WriteResult saveInPlace(dm::Movie const& movie, std::string const& path, Progress const& progress, SaveOptions const& options)
+{
     Plan plan;
-    plan.container = container;
-    plan.operation = "Saving a self-contained movie";
-    WriteResult r = writeFlat(movie, file.path(), plan, progress);
-    file.commit();
+    plan.container = containerNamed(options.container, path, "Cannot save in place");
+    plan.options = options;
+    plan.operation = "Saving";
+    Prepared prepared = prepare(movie, plan);
+    refuseLosses(prepared, plan);
+    auto source = sourceAt(movie, path);
+    std::optional<FileIdentity> known;
+    if (source) known = source->knownVersion();
+    AtomicFile file(path, AtomicFile::Kind::Replace, options.target, known);
+    WriteResult r;
+    try {
+        r = writeChecked(movie, file, plan, prepared, progress);
+    } catch (Cancelled const&) {
+        throw;
+    } catch (MediaError const&) {
+        // Another program rewriting the file under the movie spoils what the
+        // movie reads; say so rather than what failed to read.
+        struct stat st {};
+        if (source && ::stat(path.c_str(), &st) == 0 && !(FileIdentity::of(st) == *known))
+            throw FileChangedOnDisk("\"" + path + "\" was changed by another program while it was being saved, so it was not "
+                                    "replaced. Save under another name to keep both versions.");
+        throw;
+    }
+    FileIdentity saved = file.commit();
+    if (source) source->savedOver(saved);
     return r;
 }
 
 WriteResult saveInPlace(dm::Movie const& movie, std::string const& path, Progress const& progress, std::string const& container)
 {
-    struct stat st {};
-    if (::stat(path.c_str(), &st) != 0) throw MediaError("Cannot save over \"" + path + "\": " + std::strerror(errno) + ".");
-    PendingFile file(path, st.st_mode & 07777);
-    Plan plan;
-    plan.container = container;
-    plan.operation = "Saving";
-    WriteResult r = writeFlat(movie, file.path(), plan, progress);
-    file.commit();
-    return r;
+    SaveOptions options;
+    options.container = container;
+    return saveInPlace(movie, path, progress, options);
 }
 
 WriteResult exportMovie(dm::Movie const& movie, std::string const& path, ExportType type, myQTTime const& currentTime,
-                        Progress const& progress)
+                        Progress const& progress, SaveOptions const& options)
 {
-    PendingFile file(path, defaultMode());
-    WriteResult r;
     Plan plan;
     plan.operation = "Exporting";
+    plan.options = options;
+    plan.options.soundCodec = SoundCodec::Same;
     switch (type) {
-    case ExportType::QuickTime: r = writeFlat(movie, file.path(), plan, progress); break;
-    case ExportType::QuickTimeWeb:
-        plan.fastStart = true;
-        r = writeFlat(movie, file.path(), plan, progress);
-        break;
+    case ExportType::QuickTime: break;
+    case ExportType::QuickTimeWeb: plan.fastStart = true; break;
     case ExportType::MPEG4:
         plan.container = "mp4";
         plan.enabledOnly = true;
         plan.forceAac = true;
         plan.videoMustBeH264OrMpeg4 = true;
-        r = writeFlat(movie, file.path(), plan, progress);
         break;
     case ExportType::AIFF:
         plan.container = "aiff";
         plan.enabledOnly = true;
         plan.soundOnly = true;
-        r = writeFlat(movie, file.path(), plan, progress);
         break;
     case ExportType::DV:
         plan.container = "dv";
         plan.enabledOnly = true;
         plan.dv = true;
-        r = writeFlat(movie, file.path(), plan, progress);
         break;
-    case ExportType::BMP: r = writeBmp(movie, file.path(), currentTime); break;
-    case ExportType::FLC: r = writeFlc(movie, file.path(), progress); break;
+    case ExportType::BMP:
+    case ExportType::FLC: break;
+    }
+    bool flat = type != ExportType::BMP && type != ExportType::FLC;
+    // Sound-only and DV files hold what they can by design; movie exports refuse losses as saves do.
+    if (flat && plan.container != "mov" && plan.container != "mp4") plan.options.dropUnsupported = true;
+    std::optional<Prepared> prepared;
+    if (flat) {
+        prepared = prepare(movie, plan);
+        refuseLosses(*prepared, plan);
+    }
+    AtomicFile file(path, AtomicFile::Kind::NewOrReplace, options.target);
+    WriteResult r;
+    if (type == ExportType::BMP) {
+        r = writeBmp(movie, file.path(), currentTime);
+        verifyFileReadsAs(file.path(), "bmp_pipe", 1);
+    } else if (type == ExportType::FLC) {
+        r = writeFlc(movie, file.path(), progress);
+        verifyFileReadsAs(file.path(), "flic", 1);
+    } else {
+        r = writeChecked(movie, file, plan, *prepared, progress);
     }
     file.commit();
     return r;

@@ -1,9 +1,13 @@
 // Writing movies: flattened copies, saving in place, exports.
 #pragma once
 
+#include "AtomicFile.h"
+#include "Containers.h"
+#include "FFmpeg.h"
 #include "movie/Movie.h"
 #include "myQTTime.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -42,26 +46,93 @@ ExportType exportTypeNamed(std::string const& name);
 
 struct WriteResult {
     std::int64_t bytes = 0;
-    std::vector<std::string> notes; // streams left out, codecs replaced
+    std::vector<std::string> notes; // streams left out (when allowed), codecs replaced: for the user
 };
 
-// Writes a self-contained QuickTime movie of every track: video and disabled
-// tracks copied packet for packet (flags and names kept), each enabled sound
-// track rendered through its edit list and encoded with its own codec (AAC
-// when there is no encoder for it). The file appears at `path` only when
-// complete; an existing file there is replaced in one step.
-// `container` is FFmpeg's muxer: "mov" (the default) or "mp4".
+// How a movie is saved.
+struct SaveOptions {
+    // FFmpeg's muxer: "mov", "mp4", "matroska" or "webm". Empty: the one of
+    // the output path's extension (a new file) or of the movie's own file
+    // (in place).
+    std::string container;
+    // The codec of the re-timed sound track.
+    SoundCodec soundCodec = SoundCodec::Same;
+    // Write even when a stream of the movie cannot go into the container
+    // (it is then left out, with a note). Without it such a save throws
+    // StreamsLeftOut before anything is written.
+    bool dropUnsupported = false;
+    // Set from another thread or a signal handler to stop the save; also
+    // ends a read or write that FFmpeg is blocked in.
+    std::atomic<bool> const* stop = nullptr;
+    // What may be replaced: a write-protected file only when the user agreed.
+    TargetPolicy target;
+};
+
+// What a save does with one track.
+struct TrackPlan {
+    int trackId = 0;
+    std::string description; // "sound track 3 \"Backup Sound Track\" (flac, fra)"
+    enum class How { Copied, Encoded, Recreated, LeftOut } how = How::Copied;
+    std::string detail;      // "copied", "re-timed, encoded as FLAC 24-bit", "left out: QuickTime takes no subrip (Matroska does)"
+};
+
+struct SavePlan {
+    std::string container;
+    std::vector<TrackPlan> tracks;
+    std::vector<std::string> losses; // one sentence per stream the container cannot hold
+    std::vector<std::string> notes;  // codecs replaced, streams recreated
+};
+
+// Thrown by a save that would leave streams out without dropUnsupported.
+class StreamsLeftOut : public MediaError {
+public:
+    explicit StreamsLeftOut(std::vector<std::string> streams);
+    std::vector<std::string> const& streams() const { return streams_; }
+
+private:
+    std::vector<std::string> streams_;
+};
+
+// Decides, without writing, what saving `movie` in `options.container`
+// (which must be set) does with each track. Throws MediaError when the
+// container cannot hold the movie at all (no sound encoder fits).
+SavePlan planSave(dm::Movie const& movie, SaveOptions const& options);
+
+// The container a movie opened from a file in `formatName` is saved in when
+// the user asks for a new file without naming one: the file's own when it
+// is written (`ownContainer`), else Matroska (QuickTime for DV).
+std::string containerForSaveAs(std::string const& ownContainer, std::string const& formatName);
+
+// Writes a self-contained movie of every track: every stream the container
+// takes copied packet for packet with its metadata, dispositions, side data
+// and the chapters and tags of the file; the enabled sound track rendered
+// through its edit list and encoded as `options.soundCodec` asks; a disabled
+// sound track (the backup) copied, or stored losslessly where the container
+// does not take its codec. Time stamps are rebased so that the movie's
+// start is 0 in the file. The file appears at `path` only when complete and
+// read back as written; an existing file there is replaced in one step (see
+// AtomicFile for what is refused: NotARegularFile, TargetWriteProtected
+// unless `options.target` allows it, TargetHasHardLinks; SaveCheckFailed
+// when the file does not read back).
+WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress const& progress, SaveOptions const& options);
 WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress const& progress = {},
-                       std::string const& container = "mov");
+                       std::string const& container = "");
 
-// Saves the movie over the file it came from: written beside it, flushed to
-// disk and renamed over it. On any failure or a stop the original is
-// untouched. The movie stays usable (it keeps reading the original data).
+// Saves the movie over the file it came from (container: the file's own,
+// which the caller passes in `options.container`, or the one of the path's
+// extension; the real file when `path` is a symbolic link): written beside
+// it, read back, flushed to disk and renamed over it. On any failure or a
+// stop the original is untouched. Throws FileChangedOnDisk when another
+// program changed the file since the movie was opened (or last saved). The
+// movie stays usable (it keeps reading the original data).
+WriteResult saveInPlace(dm::Movie const& movie, std::string const& path, Progress const& progress, SaveOptions const& options);
 WriteResult saveInPlace(dm::Movie const& movie, std::string const& path, Progress const& progress = {},
-                        std::string const& container = "mov");
+                        std::string const& container = "");
 
-// Exports the movie. `currentTime` picks the frame of a BMP export.
+// Exports the movie. `currentTime` picks the frame of a BMP export. The
+// QuickTime and MPEG-4 exports take `options.dropUnsupported` as a save does.
 WriteResult exportMovie(dm::Movie const& movie, std::string const& path, ExportType type,
-                        myQTTime const& currentTime = myQTTime(), Progress const& progress = {});
+                        myQTTime const& currentTime = myQTTime(), Progress const& progress = {},
+                        SaveOptions const& options = {});
 
 } // namespace media

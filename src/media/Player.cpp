@@ -42,7 +42,7 @@ Player::Player(std::shared_ptr<dm::Movie> movie, PlayerOptions options) : movie_
         int buffer = std::clamp(options.bufferFrames, 64, 8192);
         planar_.assign(static_cast<std::size_t>(channels_), std::vector<float>(static_cast<std::size_t>(buffer) * 2));
         tail_.assign(static_cast<std::size_t>(channels_), std::vector<float>(kCrossfade));
-        deviceOpen_ = output_->open(scale_, channels_, buffer, [this](float* out, int frames) { pullAudio(out, frames); });
+        deviceOpen_ = output_->open(scale_, channels_, buffer, [this](float* out, int frames) { pullAudioGuarded(out, frames); });
         if (!deviceOpen_) {
             audioStatus_ = output_->reason() + "; playing on the system clock, without sound";
             std::cerr << "Dubmatch: " << audioStatus_ << ".\n";
@@ -341,9 +341,73 @@ void Player::idleLoop()
                 });
             }
         } else {
-            idle_(currentTime());
+            try {
+                idle_(currentTime());
+            } catch (std::exception const& e) {
+                reportFault(std::string("The time display stopped: ") + e.what());
+            }
         }
         g.lock();
+    }
+}
+
+void Player::setFaultCallback(Fault fault)
+{
+    std::unique_lock<std::mutex> g(faultLock_);
+    faultCallback_ = std::move(fault);
+    if (fault_.empty() || faultReported_ || !faultCallback_) return;
+    faultReported_ = true;
+    Fault f = faultCallback_;
+    std::string message = fault_;
+    g.unlock();
+    f(message);
+}
+
+std::string Player::fault() const
+{
+    std::lock_guard<std::mutex> g(faultLock_);
+    return fault_;
+}
+
+void Player::reportFault(std::string const& message) noexcept
+{
+    try {
+        std::unique_lock<std::mutex> g(faultLock_);
+        if (!fault_.empty()) return; // the first fault is the one to tell
+        fault_ = message.empty() ? "unknown error" : message;
+        std::cerr << "Dubmatch: " << fault_ << "\n";
+        if (!faultCallback_) return;
+        faultReported_ = true;
+        Fault f = faultCallback_;
+        std::string m = fault_;
+        g.unlock();
+        f(m);
+    } catch (...) {
+        // Nothing more can be told; playback goes on as it can.
+    }
+}
+
+void Player::pullAudioGuarded(float* out, int frames) noexcept
+{
+    auto silence = [&] { std::fill(out, out + static_cast<std::ptrdiff_t>(frames) * channels_, 0.0f); };
+    if (soundFaulted_.load()) {
+        silence();
+        return;
+    }
+    try {
+        pullAudio(out, frames);
+    } catch (std::bad_alloc const&) {
+        soundFaulted_ = true;
+        silence();
+        reportFault("The sound stopped: there was not enough memory to decode it.");
+    } catch (std::exception const& e) {
+        soundFaulted_ = true;
+        silence();
+        reportFault(std::string("The sound stopped: ") + e.what());
+    } catch (...) {
+        soundFaulted_ = true;
+        silence();
+        reportFault("The sound stopped after an unknown error.");
     }
 }
 
@@ -422,7 +486,21 @@ void Player::pullAudio(float* out, int frames)
     if (stopped) changed_.notify_all();
 }
 
-void Player::videoLoop()
+void Player::videoLoop() noexcept
+{
+    // The picture on screen stays as it is after a fault.
+    try {
+        videoLoopBody();
+    } catch (std::bad_alloc const&) {
+        reportFault("The pictures stopped: there was not enough memory to decode them.");
+    } catch (std::exception const& e) {
+        reportFault(std::string("The pictures stopped: ") + e.what());
+    } catch (...) {
+        reportFault("The pictures stopped after an unknown error.");
+    }
+}
+
+void Player::videoLoopBody()
 {
     std::unique_ptr<VideoDecoder> decoder;
     std::shared_ptr<const FileMedia> media;
@@ -430,7 +508,7 @@ void Player::videoLoop()
         media = std::static_pointer_cast<const FileMedia>(video_->media());
         decoder = std::make_unique<VideoDecoder>(media);
     } catch (std::exception const& e) {
-        std::cerr << "Dubmatch: cannot show the pictures: " << e.what() << "\n";
+        reportFault(std::string("The pictures cannot be shown: ") + e.what());
         return;
     }
     double tb = av_q2d(media->timeBase);

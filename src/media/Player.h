@@ -92,6 +92,14 @@ public:
     void setIdleCallback(Idle idle, Post post = {}, std::chrono::milliseconds period = std::chrono::milliseconds(20));
     // Sees every buffer handed to the sound device.
     void setAudioTap(Tap tap);
+    // Told once, on the playback thread that met it, when a fault stopped
+    // the sound (which then plays silence) or the pictures (the last one
+    // stays on screen). Faults before the callback is set are kept and
+    // reported when it is.
+    using Fault = std::function<void(std::string const& message)>;
+    void setFaultCallback(Fault fault);
+    // The first fault met, or empty.
+    std::string fault() const;
 
     bool hasSound() const { return static_cast<bool>(sound_); }
     bool hasAudioDevice() const { return deviceOpen_; }
@@ -115,7 +123,11 @@ private:
     };
 
     void pullAudio(float* out, int frames);
-    void videoLoop();
+    // The device callback: never throws; a fault gives silence from then on.
+    void pullAudioGuarded(float* out, int frames) noexcept;
+    void reportFault(std::string const& message) noexcept;
+    void videoLoop() noexcept;
+    void videoLoopBody();
     void idleLoop();
     Position positionLocked() const;
     bool audioMasterLocked() const;
@@ -159,6 +171,12 @@ private:
     FrameSink sink_;
     Tap tap_;
     int viewWidth_ = 0, viewHeight_ = 0;
+
+    mutable std::mutex faultLock_;
+    std::string fault_;        // guarded by faultLock_
+    Fault faultCallback_;      // guarded by faultLock_
+    bool faultReported_ = false; // guarded by faultLock_
+    std::atomic<bool> soundFaulted_{false};
 
     std::thread videoThread_, idleThread_;
     Idle idle_;

@@ -2,10 +2,15 @@
 
 #include "AudioRenderer.h"
 #include "Codec.h"
+#include "Remuxer.h"
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+
+extern "C" {
+#include <libavutil/display.h>
+}
 
 namespace media {
 
@@ -68,11 +73,65 @@ std::vector<SyncMark> testMovieMarks(TestMovieSpec const& s)
     return marks;
 }
 
+namespace {
+
+void addChapters(AVFormatContext* out, TestMovieSpec const& s)
+{
+    double len = s.seconds / std::max(1, s.chapters);
+    for (int i = 0; i < s.chapters; ++i) {
+        AVChapter* c = addChapter(out, i + 1, AVRational{1, 1000}, std::llround((s.startTime + i * len) * 1000),
+                                  std::llround((s.startTime + (i + 1) * len) * 1000));
+        av_dict_set(&c->metadata, "title", ("Chapter " + std::to_string(i + 1)).c_str(), 0);
+    }
+}
+
+void setExtradata(AVCodecParameters* par, std::string const& bytes)
+{
+    par->extradata = static_cast<std::uint8_t*>(av_mallocz(bytes.size() + AV_INPUT_BUFFER_PADDING_SIZE));
+    if (!par->extradata) throw MediaError("Out of memory.");
+    std::memcpy(par->extradata, bytes.data(), bytes.size());
+    par->extradata_size = static_cast<int>(bytes.size());
+}
+
+AVSampleFormat pickFormat(AVCodec const* codec, int bits)
+{
+    if (!codec->sample_fmts) return AV_SAMPLE_FMT_S16;
+    if (bits > 16)
+        for (auto const* f = codec->sample_fmts; *f != AV_SAMPLE_FMT_NONE; ++f)
+            if (*f == AV_SAMPLE_FMT_S32 || *f == AV_SAMPLE_FMT_S32P) return *f;
+    return codec->sample_fmts[0];
+}
+
+// Writes `v` as sample `i` of channel `ch` of a frame in any of the usual formats.
+void putSample(AVFrame* f, int i, int ch, float v, int bits)
+{
+    int channels = f->ch_layout.nb_channels;
+    switch (f->format) {
+    case AV_SAMPLE_FMT_FLTP: reinterpret_cast<float*>(f->extended_data[ch])[i] = v; break;
+    case AV_SAMPLE_FMT_FLT: reinterpret_cast<float*>(f->data[0])[i * channels + ch] = v; break;
+    case AV_SAMPLE_FMT_S16: reinterpret_cast<std::int16_t*>(f->data[0])[i * channels + ch] = static_cast<std::int16_t>(v * 32767); break;
+    case AV_SAMPLE_FMT_S16P: reinterpret_cast<std::int16_t*>(f->extended_data[ch])[i] = static_cast<std::int16_t>(v * 32767); break;
+    case AV_SAMPLE_FMT_S32:
+    case AV_SAMPLE_FMT_S32P: {
+        std::int32_t x = bits <= 24 ? static_cast<std::int32_t>(std::lround(v * 8388607.0)) * 256
+                                    : static_cast<std::int32_t>(std::llround(v * 2147483647.0));
+        if (f->format == AV_SAMPLE_FMT_S32) reinterpret_cast<std::int32_t*>(f->data[0])[i * channels + ch] = x;
+        else reinterpret_cast<std::int32_t*>(f->extended_data[ch])[i] = x;
+        break;
+    }
+    default: throw MediaError("Unsupported sample format for the test movie.");
+    }
+}
+
+} // namespace
+
 void writeTestMovie(std::string const& path, TestMovieSpec const& s)
 {
     AVFormatContext* raw = nullptr;
     check(avformat_alloc_output_context2(&raw, nullptr, s.format.c_str(), path.c_str()), "Choosing the container");
     OutputContext out(raw);
+    if (!s.title.empty()) av_dict_set(&out->metadata, "title", s.title.c_str(), 0);
+    addChapters(out.get(), s);
 
     Encoder video(out.get(), s.videoCodec.c_str(), [&](AVCodecContext* c) {
         c->width = s.width;
@@ -82,34 +141,114 @@ void writeTestMovie(std::string const& path, TestMovieSpec const& s)
         c->framerate = AVRational{s.fpsNum, s.fpsDen};
         c->gop_size = std::max(1, 2 * s.fpsNum / s.fpsDen);
         c->max_b_frames = 0;
-        c->bit_rate = 1'500'000;
-        if (std::string(c->codec->name) == "libx264") {
+        c->bit_rate = s.videoBitRate;
+        std::string name = c->codec->name;
+        if (name == "libx264") {
             av_opt_set(c->priv_data, "preset", "veryfast", 0);
             av_opt_set(c->priv_data, "crf", "26", 0);
+        } else if (name == "libx265") {
+            av_opt_set(c->priv_data, "preset", "ultrafast", 0);
+            av_opt_set(c->priv_data, "x265-params", "log-level=none", 0);
+        } else if (name == "libvpx-vp9" || name == "libvpx") {
+            av_opt_set(c->priv_data, "deadline", "realtime", 0);
+            av_opt_set_int(c->priv_data, "cpu-used", 8, 0);
         }
     });
     video.stream()->disposition = AV_DISPOSITION_DEFAULT;
+    if (!s.videoTag.empty() && s.videoTag.size() == 4)
+        video.stream()->codecpar->codec_tag = MKTAG(s.videoTag[0], s.videoTag[1], s.videoTag[2], s.videoTag[3]);
+    if (s.rotation != 0) {
+        auto* matrix = reinterpret_cast<std::int32_t*>(av_stream_new_side_data(video.stream(), AV_PKT_DATA_DISPLAYMATRIX, 9 * sizeof(std::int32_t)));
+        if (!matrix) throw MediaError("Out of memory.");
+        av_display_rotation_set(matrix, -s.rotation); // the matrix turns counter-clockwise
+    }
+    if (!s.timecode.empty()) av_dict_set(&video.stream()->metadata, "timecode", s.timecode.c_str(), 0);
+
+    AVChannelLayout layout{};
+    if (!s.channelLayout.empty()) check(av_channel_layout_from_string(&layout, s.channelLayout.c_str()), "Channel layout " + s.channelLayout);
+    else av_channel_layout_default(&layout, s.channels);
 
     std::vector<std::unique_ptr<Encoder>> audio;
     int soundTracks = s.withSound ? 1 + s.extraSoundTracks : 0;
+    auto configureSound = [&](AVCodecContext* c, AVChannelLayout const& l) {
+        c->sample_rate = s.sampleRate;
+        av_channel_layout_copy(&c->ch_layout, &l);
+        c->sample_fmt = pickFormat(c->codec, s.bitsPerSample);
+        if (s.bitsPerSample > 16) c->bits_per_raw_sample = s.bitsPerSample;
+        c->bit_rate = s.audioBitRate;
+        c->time_base = AVRational{1, s.sampleRate};
+    };
     for (int i = 0; i < soundTracks; ++i) {
-        auto enc = std::make_unique<Encoder>(out.get(), s.audioCodec.c_str(), [&](AVCodecContext* c) {
-            c->sample_rate = s.sampleRate;
-            av_channel_layout_default(&c->ch_layout, s.channels);
-            c->sample_fmt = c->codec->sample_fmts ? c->codec->sample_fmts[0] : AV_SAMPLE_FMT_S16;
-            c->bit_rate = s.audioBitRate;
-            c->time_base = AVRational{1, s.sampleRate};
-        });
+        auto enc = std::make_unique<Encoder>(out.get(), s.audioCodec.c_str(), [&](AVCodecContext* c) { configureSound(c, layout); });
         bool enabled = i == 0 || s.extraSoundEnabled;
         enc->stream()->disposition = enabled ? AV_DISPOSITION_DEFAULT : 0;
         std::string name = i == 0 ? "Sound" : "Sound " + std::to_string(i + 1);
         av_dict_set(&enc->stream()->metadata, "title", name.c_str(), 0);
         av_dict_set(&enc->stream()->metadata, "handler_name", name.c_str(), 0);
+        if (i < static_cast<int>(s.languages.size())) av_dict_set(&enc->stream()->metadata, "language", s.languages[i].c_str(), 0);
         audio.push_back(std::move(enc));
+    }
+    // After a layout change the first sound track's packets come from a
+    // stereo encoder of the same codec.
+    CodecContext stereo;
+    if (s.layoutChangeAt > 0 && !audio.empty()) {
+        AVCodec const* codec = avcodec_find_encoder_by_name(s.audioCodec.c_str());
+        stereo.reset(avcodec_alloc_context3(codec));
+        if (!stereo) throw MediaError("Out of memory.");
+        AVChannelLayout two = AV_CHANNEL_LAYOUT_STEREO;
+        configureSound(stereo.get(), two);
+        if (out->oformat->flags & AVFMT_GLOBALHEADER) stereo->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+        check(avcodec_open2(stereo.get(), codec, nullptr), "Opening the stereo encoder");
+    }
+
+    std::vector<AVStream*> subtitles;
+    for (std::size_t i = 0; i < s.subtitleCodecs.size(); ++i) {
+        AVStream* st = avformat_new_stream(out.get(), nullptr);
+        if (!st) throw MediaError("Out of memory.");
+        st->codecpar->codec_type = AVMEDIA_TYPE_SUBTITLE;
+        bool ass = s.subtitleCodecs[i] == "ass";
+        st->codecpar->codec_id = ass ? AV_CODEC_ID_ASS : AV_CODEC_ID_SUBRIP;
+        if (ass)
+            setExtradata(st->codecpar, "[Script Info]\nScriptType: v4.00+\nPlayResX: 384\nPlayResY: 288\n\n[V4+ Styles]\n"
+                                       "Format: Name, Fontname, Fontsize, PrimaryColour, SecondaryColour, OutlineColour, BackColour, Bold, Italic, "
+                                       "Underline, StrikeOut, ScaleX, ScaleY, Spacing, Angle, BorderStyle, Outline, Shadow, Alignment, MarginL, "
+                                       "MarginR, MarginV, Encoding\nStyle: Default,Arial,16,&Hffffff,&Hffffff,&H0,&H0,0,0,0,0,100,100,0,0,1,1,0,2,10,10,10,0\n\n"
+                                       "[Events]\nFormat: Layer, Start, End, Style, Name, MarginL, MarginR, MarginV, Effect, Text\n");
+        st->time_base = AVRational{1, 1000};
+        if (i < s.subtitleLanguages.size()) av_dict_set(&st->metadata, "language", s.subtitleLanguages[i].c_str(), 0);
+        if (i == 1) st->disposition = AV_DISPOSITION_FORCED;
+        subtitles.push_back(st);
+    }
+    if (s.attachment) {
+        AVStream* st = avformat_new_stream(out.get(), nullptr);
+        if (!st) throw MediaError("Out of memory.");
+        st->codecpar->codec_type = AVMEDIA_TYPE_ATTACHMENT;
+        st->codecpar->codec_id = AV_CODEC_ID_TEXT;
+        setExtradata(st->codecpar, "Notes that travel with the movie.\n");
+        av_dict_set(&st->metadata, "filename", "notes.txt", 0);
+        av_dict_set(&st->metadata, "mimetype", "text/plain", 0);
     }
 
     check(avio_open(&out->pb, path.c_str(), AVIO_FLAG_WRITE), "Creating \"" + path + "\"");
     check(avformat_write_header(out.get(), nullptr), "Writing the movie header");
+
+    // Subtitle lines every two seconds; the muxer interleaves them.
+    for (std::size_t i = 0; i < subtitles.size(); ++i) {
+        AVStream* st = subtitles[i];
+        for (int k = 0; 2.0 * k + 1 < s.seconds; ++k) {
+            std::string text = "Line " + std::to_string(k + 1);
+            if (st->codecpar->codec_id == AV_CODEC_ID_ASS) text = std::to_string(k) + ",0,Default,,0,0,0,," + text;
+            Packet p = makePacket();
+            check(av_new_packet(p.get(), static_cast<int>(text.size())), "Allocating a subtitle");
+            std::memcpy(p->data, text.data(), text.size());
+            std::int64_t startMs = std::llround((s.startTime + 2.0 * k + 0.5) * 1000);
+            p->pts = p->dts = av_rescale_q(startMs, AVRational{1, 1000}, st->time_base);
+            p->duration = av_rescale_q(1000, AVRational{1, 1000}, st->time_base);
+            p->stream_index = st->index;
+            p->flags |= AV_PKT_FLAG_KEY;
+            check(av_interleaved_write_frame(out.get(), p.get()), "Writing a subtitle");
+        }
+    }
 
     Frame picture = makeFrame();
     picture->width = s.width;
@@ -132,20 +271,37 @@ void writeTestMovie(std::string const& path, TestMovieSpec const& s)
         return static_cast<float>(v);
     };
 
-    std::vector<Frame> audioFrames;
     std::int64_t totalSamples = std::llround(s.seconds * s.sampleRate);
     std::int64_t nextSample = 0;
+    std::int64_t startSample = std::llround(s.startTime * s.sampleRate);
+    std::int64_t jumpSample = s.timestampJumpAt > 0 ? std::llround(s.timestampJumpAt * s.sampleRate) : -1;
+    std::int64_t jumpBy = std::llround(s.timestampJump * s.sampleRate);
+    std::int64_t changeSample = s.layoutChangeAt > 0 ? std::llround(s.layoutChangeAt * s.sampleRate) : -1;
     auto flashes = flashFrames(s);
     double fps = static_cast<double>(s.fpsNum) / s.fpsDen;
     std::int64_t totalFrames = static_cast<std::int64_t>(std::floor(s.seconds * fps));
+    std::int64_t startFrame = std::llround(s.startTime * fps);
+    Packet stereoPacket = makePacket();
+
+    auto sendStereo = [&](AVFrame const* f) {
+        int rc = avcodec_send_frame(stereo.get(), f);
+        if (rc != AVERROR_EOF) check(rc, "Encoding stereo sound");
+        while ((rc = avcodec_receive_packet(stereo.get(), stereoPacket.get())) == 0) {
+            av_packet_rescale_ts(stereoPacket.get(), stereo->time_base, audio.front()->stream()->time_base);
+            stereoPacket->stream_index = audio.front()->stream()->index;
+            check(av_interleaved_write_frame(out.get(), stereoPacket.get()), "Writing the movie");
+        }
+    };
 
     auto writeAudioUntil = [&](std::int64_t until) {
         while (nextSample < std::min(until, totalSamples) && !audio.empty()) {
-            AVCodecContext* c = audio.front()->context();
-            int n = c->frame_size > 0 ? c->frame_size : 1024;
+            AVCodecContext* c0 = audio.front()->context();
+            int n = c0->frame_size > 0 ? c0->frame_size : 1024;
             n = static_cast<int>(std::min<std::int64_t>(n, totalSamples - nextSample));
-            for (auto& enc : audio) {
-                AVCodecContext* ac = enc->context();
+            if (jumpSample > nextSample) n = static_cast<int>(std::min<std::int64_t>(n, jumpSample - nextSample));
+            for (std::size_t e = 0; e < audio.size(); ++e) {
+                bool switched = e == 0 && changeSample >= 0 && nextSample >= changeSample;
+                AVCodecContext* ac = switched ? stereo.get() : audio[e]->context();
                 Frame f = makeFrame();
                 f->nb_samples = n;
                 f->format = ac->sample_fmt;
@@ -154,16 +310,11 @@ void writeTestMovie(std::string const& path, TestMovieSpec const& s)
                 check(av_frame_get_buffer(f.get(), 0), "Allocating sound");
                 for (int i = 0; i < n; ++i) {
                     float v = sampleAt(nextSample + i);
-                    for (int ch = 0; ch < s.channels; ++ch) {
-                        if (ac->sample_fmt == AV_SAMPLE_FMT_FLTP) reinterpret_cast<float*>(f->extended_data[ch])[i] = v;
-                        else if (ac->sample_fmt == AV_SAMPLE_FMT_S16) reinterpret_cast<std::int16_t*>(f->data[0])[i * s.channels + ch] = static_cast<std::int16_t>(v * 32767);
-                        else if (ac->sample_fmt == AV_SAMPLE_FMT_S16P) reinterpret_cast<std::int16_t*>(f->extended_data[ch])[i] = static_cast<std::int16_t>(v * 32767);
-                        else if (ac->sample_fmt == AV_SAMPLE_FMT_FLT) reinterpret_cast<float*>(f->data[0])[i * s.channels + ch] = v;
-                        else throw MediaError("Unsupported sample format for the test movie.");
-                    }
+                    for (int ch = 0; ch < ac->ch_layout.nb_channels; ++ch) putSample(f.get(), i, ch, v, s.bitsPerSample);
                 }
-                f->pts = nextSample;
-                enc->send(f.get());
+                f->pts = startSample + nextSample + (jumpSample >= 0 && nextSample >= jumpSample ? jumpBy : 0);
+                if (switched) sendStereo(f.get());
+                else audio[e]->send(f.get());
             }
             nextSample += n;
         }
@@ -173,13 +324,20 @@ void writeTestMovie(std::string const& path, TestMovieSpec const& s)
         writeAudioUntil(std::llround((static_cast<double>(k) / fps) * s.sampleRate));
         check(av_frame_make_writable(picture.get()), "Allocating a picture");
         fillPicture(picture.get(), k, std::binary_search(flashes.begin(), flashes.end(), k));
-        picture->pts = k;
+        picture->pts = startFrame + k;
         video.send(picture.get());
     }
     writeAudioUntil(totalSamples);
     video.send(nullptr);
     for (auto& enc : audio) enc->send(nullptr);
+    if (stereo) sendStereo(nullptr);
+    av_channel_layout_uninit(&layout);
     check(av_write_trailer(out.get()), "Finishing the movie");
+    // Buffered writes fail late: their error shows only when flushed.
+    avio_flush(out->pb);
+    int error = out->pb->error;
+    check(avio_closep(&out->pb), "Closing \"" + path + "\"");
+    check(error, "Writing \"" + path + "\"");
 }
 
 double SyncMeasurement::worst() const

@@ -28,6 +28,24 @@ struct TestMovieSpec {
     int extraSoundTracks = 0;
     bool extraSoundEnabled = false;
     bool withSound = true;
+
+    // What movies made by other tools carry, for tests of faithful saves.
+    double startTime = 0;         // time stamp of the first picture and sample (recordings start late)
+    std::string channelLayout;    // "3.0", "5.1"...; empty: the default layout of `channels`
+    int bitsPerSample = 16;       // 24: 24-bit samples for lossless codecs (FLAC, PCM)
+    double layoutChangeAt = 0;    // > 0: from this second the first sound track is stereo (a broadcast switch)
+    double timestampJumpAt = 0;   // > 0: at this second of sound the sound's time stamps jump ...
+    double timestampJump = 0;     // ... forward by this many seconds
+    std::vector<std::string> languages; // per sound track
+    std::vector<std::string> subtitleCodecs; // "subrip", "ass": a subtitle stream each, a line every 2 s
+    std::vector<std::string> subtitleLanguages;
+    int chapters = 0;             // chapters of equal length, titled "Chapter N"
+    std::string title;            // the file's title tag
+    bool attachment = false;      // a small text attachment (Matroska)
+    int rotation = 0;             // degrees, as the video's display matrix
+    std::string timecode;         // "01:00:00:00": a timecode track (QuickTime, MPEG-4)
+    std::string videoTag;         // a codec tag for the video ("hvc1")
+    int videoBitRate = 1'500'000;
 };
 
 // The movie time of every flash of a movie made from `spec` (exact frame

@@ -1,4 +1,5 @@
 // The command-line tool as users run it: exit statuses, messages, outputs.
+#include "CliRun.h"
 #include "MediaTestSupport.h"
 
 #include <gtest/gtest.h>
@@ -11,23 +12,6 @@ using namespace testsupport;
 
 namespace {
 
-struct CliRun {
-    int status;
-    std::string output; // standard output and error together
-};
-
-CliRun cli(std::string const& args)
-{
-    std::string cmd = std::string(DUBMATCH_CLI) + " " + args + " 2>&1";
-    FILE* p = popen(cmd.c_str(), "r");
-    if (!p) return {-1, ""};
-    std::string out;
-    std::array<char, 4096> buf{};
-    std::size_t n;
-    while ((n = std::fread(buf.data(), 1, buf.size(), p)) > 0) out.append(buf.data(), n);
-    int st = pclose(p);
-    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
-}
 
 TEST(Cli, UsageAndRefusals)
 {

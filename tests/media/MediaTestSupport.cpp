@@ -1,5 +1,6 @@
 #include "MediaTestSupport.h"
 
+
 #include <dirent.h>
 #include <filesystem>
 #include <fstream>
@@ -61,6 +62,15 @@ std::string cachedMovie(std::string const& name, media::TestMovieSpec const& spe
     media::writeTestMovie(path, spec);
     made[name] = path;
     return path;
+}
+
+int disabledSoundTracks(std::string const& path)
+{
+    int n = 0;
+    media::OpenedMovie om = media::openMovie(path);
+    for (auto const& t : om.movie->tracks())
+        if (t->mediaType() == dm::MediaType::Sound && !t->isEnabled()) ++n;
+    return n;
 }
 
 std::string readFile(std::string const& path)

@@ -29,6 +29,9 @@ std::vector<Offset> markPoints(media::TestMovieSpec const& spec, long scale = 48
 // Writes a movie of `spec` once per process; returns its path.
 std::string cachedMovie(std::string const& name, media::TestMovieSpec const& spec);
 
+// The number of disabled sound tracks of a movie file (a synced movie has its backup).
+int disabledSoundTracks(std::string const& path);
+
 std::string readFile(std::string const& path);
 void writeFile(std::string const& path, std::string const& bytes);
 bool exists(std::string const& path);

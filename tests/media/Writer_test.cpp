@@ -16,14 +16,6 @@ using namespace testsupport;
 
 namespace {
 
-int disabledSoundTracks(std::string const& path)
-{
-    int n = 0;
-    OpenedMovie om = openMovie(path);
-    for (auto const& t : om.movie->tracks())
-        if (t->mediaType() == dm::MediaType::Sound && !t->isEnabled()) ++n;
-    return n;
-}
 
 TEST(Writer, SaveInPlaceReplacesTheFileAndTheMovieKeepsWorking)
 {

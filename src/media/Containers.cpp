@@ -1,0 +1,136 @@
+#include "Containers.h"
+
+#include <cctype>
+#include <map>
+
+namespace media {
+
+namespace {
+
+std::string lower(std::string s)
+{
+    for (auto& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return s;
+}
+
+// An in-memory output, freed with its buffer.
+struct TrialOutput {
+    AVFormatContext* fmt = nullptr;
+    ~TrialOutput()
+    {
+        if (!fmt) return;
+        if (fmt->pb) {
+            std::uint8_t* buf = nullptr;
+            avio_close_dyn_buf(fmt->pb, &buf);
+            av_free(buf);
+            fmt->pb = nullptr;
+        }
+        avformat_free_context(fmt);
+    }
+};
+
+} // namespace
+
+std::string containerForPath(std::string const& path)
+{
+    auto slash = path.find_last_of('/');
+    auto dot = path.find_last_of('.');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return "";
+    static const std::map<std::string, std::string> byExtension = {
+        {"mov", "mov"}, {"qt", "mov"}, {"mp4", "mp4"}, {"m4v", "mp4"}, {"mkv", "matroska"}, {"webm", "webm"},
+    };
+    auto it = byExtension.find(lower(path.substr(dot + 1)));
+    return it == byExtension.end() ? "" : it->second;
+}
+
+std::string extensionOfContainer(std::string const& container)
+{
+    if (container == "matroska") return "mkv";
+    return container;
+}
+
+std::string containerTitle(std::string const& container)
+{
+    if (container == "mov") return "QuickTime";
+    if (container == "mp4") return "MPEG-4";
+    if (container == "matroska") return "Matroska";
+    if (container == "webm") return "WebM";
+    return container;
+}
+
+std::string containerForImport(std::string const& formatName)
+{
+    return formatName == "dv" ? "mov" : "matroska";
+}
+
+bool containerTakes(std::string const& container, AVCodecParameters const* par, AVDictionary const* metadata, int disposition)
+{
+    // WebM writers skip attachments without a word: only Matroska keeps them.
+    if (par->codec_type == AVMEDIA_TYPE_ATTACHMENT && container != "matroska") return false;
+    TrialOutput out;
+    if (avformat_alloc_output_context2(&out.fmt, nullptr, container.c_str(), nullptr) < 0 || !out.fmt) return false;
+    AVStream* st = avformat_new_stream(out.fmt, nullptr);
+    if (!st || avcodec_parameters_copy(st->codecpar, par) < 0) return false;
+    if (st->codecpar->codec_tag) {
+        // Keep a tag only where the container knows it for this codec.
+        unsigned tag = st->codecpar->codec_tag;
+        if (!out.fmt->oformat->codec_tag || av_codec_get_id(out.fmt->oformat->codec_tag, tag) != par->codec_id)
+            st->codecpar->codec_tag = 0;
+    }
+    if (metadata) av_dict_copy(&st->metadata, metadata, 0);
+    st->disposition = disposition;
+    st->time_base = par->codec_type == AVMEDIA_TYPE_AUDIO && par->sample_rate > 0 ? AVRational{1, par->sample_rate} : AVRational{1, 90000};
+    if (avio_open_dyn_buf(&out.fmt->pb) < 0) return false;
+    bool ok = avformat_write_header(out.fmt, nullptr) >= 0 && av_write_trailer(out.fmt) >= 0;
+    return ok;
+}
+
+std::string containersTaking(AVCodecParameters const* par, AVDictionary const* metadata, int disposition)
+{
+    std::string list;
+    for (char const* c : {"mov", "mp4", "matroska", "webm"}) {
+        if (!containerTakes(c, par, metadata, disposition)) continue;
+        if (!list.empty()) list += ", ";
+        list += containerTitle(c);
+    }
+    return list;
+}
+
+char const* soundCodecName(SoundCodec codec)
+{
+    switch (codec) {
+    case SoundCodec::Same: return "same";
+    case SoundCodec::Pcm: return "pcm";
+    case SoundCodec::Flac: return "flac";
+    case SoundCodec::Alac: return "alac";
+    case SoundCodec::Aac: return "aac";
+    }
+    return "same";
+}
+
+SoundCodec soundCodecNamed(std::string const& name)
+{
+    std::string n = lower(name);
+    for (SoundCodec c : {SoundCodec::Same, SoundCodec::Pcm, SoundCodec::Flac, SoundCodec::Alac, SoundCodec::Aac})
+        if (n == soundCodecName(c)) return c;
+    throw MediaError("Unknown sound codec \"" + name + "\" (use same, pcm, flac, alac or aac).");
+}
+
+bool isLosslessAudio(AVCodecID id)
+{
+    if (id >= AV_CODEC_ID_FIRST_AUDIO && id < AV_CODEC_ID_ADPCM_IMA_QT) return true; // the PCM family
+    switch (id) {
+    case AV_CODEC_ID_FLAC:
+    case AV_CODEC_ID_ALAC:
+    case AV_CODEC_ID_WAVPACK:
+    case AV_CODEC_ID_TTA:
+    case AV_CODEC_ID_TRUEHD:
+    case AV_CODEC_ID_MLP:
+    case AV_CODEC_ID_APE:
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace media

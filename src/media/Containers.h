@@ -1,0 +1,49 @@
+// The containers a movie is written in, and what each can hold.
+#pragma once
+
+#include "FFmpeg.h"
+
+#include <string>
+
+namespace media {
+
+// The muxer for a file name's extension (".mov" -> "mov", ".mp4"/".m4v" ->
+// "mp4", ".mkv" -> "matroska", ".webm" -> "webm"); empty for any other.
+std::string containerForPath(std::string const& path);
+// The file extension of a muxer's files, without the point ("mov", "mp4",
+// "mkv", "webm").
+std::string extensionOfContainer(std::string const& container);
+// A name for users: "QuickTime", "MPEG-4", "Matroska", "WebM".
+std::string containerTitle(std::string const& container);
+// The container a movie read from a file that cannot be written back (an
+// MPEG transport stream, AVI, DV...) is saved in: QuickTime for DV, whose
+// players expect it, Matroska for the rest, since it holds any codec.
+std::string containerForImport(std::string const& formatName);
+
+// Whether `container` can hold a stream with these parameters, metadata and
+// disposition: decided by writing a header and trailer with it into memory,
+// since the muxers' own codec queries are not reliable (QuickTime answers
+// yes for FLAC and Opus and then refuses them).
+bool containerTakes(std::string const& container, AVCodecParameters const* par, AVDictionary const* metadata = nullptr,
+                    int disposition = 0);
+
+// The containers among mov, mp4, matroska and webm that take such a stream,
+// as titles joined with ", " (for messages); empty when none does.
+std::string containersTaking(AVCodecParameters const* par, AVDictionary const* metadata = nullptr, int disposition = 0);
+
+// How the re-timed sound track is encoded.
+enum class SoundCodec {
+    Same, // the source's codec (lossless sources stay lossless), as close as the container allows
+    Pcm,  // uncompressed, the source's bit depth
+    Flac,
+    Alac,
+    Aac,
+};
+// "same", "pcm", "flac", "alac", "aac".
+char const* soundCodecName(SoundCodec codec);
+// Throws MediaError for an unknown name.
+SoundCodec soundCodecNamed(std::string const& name);
+
+bool isLosslessAudio(AVCodecID id);
+
+} // namespace media

@@ -1,0 +1,321 @@
+#include "SoundEncoder.h"
+
+#include "MovieFile.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numeric>
+#include <vector>
+
+namespace media {
+
+namespace {
+
+constexpr int kChunk = 8192; // samples rendered per step
+
+// The bit depth of a source's samples (16, 24 or 32).
+int sourceBits(AVCodecParameters const* par)
+{
+    int bits = par->bits_per_raw_sample;
+    if (bits <= 0 && par->codec_id >= AV_CODEC_ID_FIRST_AUDIO && par->codec_id < AV_CODEC_ID_ADPCM_IMA_QT)
+        bits = av_get_bits_per_sample(par->codec_id);
+    if (bits <= 0) {
+        auto fmt = static_cast<AVSampleFormat>(par->format);
+        bits = fmt == AV_SAMPLE_FMT_S32 || fmt == AV_SAMPLE_FMT_S32P ? 24 : 16;
+    }
+    return bits <= 16 ? 16 : bits <= 24 ? 24 : 32;
+}
+
+bool isFloatPcm(AVCodecID id)
+{
+    return id == AV_CODEC_ID_PCM_F32LE || id == AV_CODEC_ID_PCM_F32BE || id == AV_CODEC_ID_PCM_F64LE || id == AV_CODEC_ID_PCM_F64BE;
+}
+
+std::string pcmEncoder(AVCodecParameters const* source)
+{
+    if (isFloatPcm(source->codec_id)) return "pcm_f32le";
+    int bits = sourceBits(source);
+    return bits == 16 ? "pcm_s16le" : bits == 24 ? "pcm_s24le" : "pcm_s32le";
+}
+
+// The encoder of the source's own codec, if FFmpeg has one worth using.
+std::string sameEncoder(AVCodecParameters const* source)
+{
+    switch (source->codec_id) {
+    case AV_CODEC_ID_AAC: return "aac";
+    case AV_CODEC_ID_AC3: return "ac3";
+    case AV_CODEC_ID_EAC3: return "eac3";
+    case AV_CODEC_ID_MP3: return "libmp3lame";
+    case AV_CODEC_ID_MP2: return "mp2";
+    case AV_CODEC_ID_OPUS: return "libopus";
+    case AV_CODEC_ID_VORBIS: return "libvorbis";
+    case AV_CODEC_ID_FLAC: return "flac";
+    case AV_CODEC_ID_ALAC: return "alac";
+    default: break;
+    }
+    if (source->codec_id >= AV_CODEC_ID_FIRST_AUDIO && source->codec_id < AV_CODEC_ID_ADPCM_IMA_QT) {
+        AVCodec const* c = avcodec_find_encoder(source->codec_id);
+        return c ? c->name : pcmEncoder(source);
+    }
+    return "";
+}
+
+// The lowest bit rate per channel that keeps a lossy codec transparent for
+// speech and music, and the valid rates of codecs that accept only a table.
+std::int64_t floorPerChannel(std::string const& encoder)
+{
+    if (encoder == "aac" || encoder == "mp2" || encoder == "libmp3lame") return 96000;
+    if (encoder == "libvorbis") return 80000;
+    return 64000; // ac3, eac3, libopus
+}
+
+std::int64_t validBitRate(std::string const& encoder, std::int64_t wanted, int channels)
+{
+    static const std::vector<std::int64_t> ac3 = {32000,  40000,  48000,  56000,  64000,  80000,  96000,
+                                                  112000, 128000, 160000, 192000, 224000, 256000, 320000,
+                                                  384000, 448000, 512000, 576000, 640000};
+    static const std::vector<std::int64_t> mp3 = {32000, 40000, 48000, 56000, 64000, 80000, 96000, 112000, 128000, 160000, 192000, 224000, 256000, 320000};
+    static const std::vector<std::int64_t> mp2 = {32000, 48000, 56000, 64000, 80000, 96000, 112000, 128000, 160000, 192000, 224000, 256000, 320000, 384000};
+    auto pick = [&](std::vector<std::int64_t> const& table) {
+        for (auto r : table)
+            if (r >= wanted) return r;
+        return table.back();
+    };
+    if (encoder == "ac3" || encoder == "eac3") return pick(ac3);
+    if (encoder == "libmp3lame") return pick(mp3);
+    if (encoder == "mp2") return pick(mp2);
+    if (encoder == "libopus") return std::min<std::int64_t>(wanted, 256000LL * channels);
+    return wanted;
+}
+
+AVSampleFormat pickSampleFormat(AVCodec const* codec, bool wide, bool lossless)
+{
+    if (!codec->sample_fmts) return AV_SAMPLE_FMT_FLTP;
+    auto has = [&](AVSampleFormat f) {
+        for (auto const* p = codec->sample_fmts; *p != AV_SAMPLE_FMT_NONE; ++p)
+            if (*p == f) return true;
+        return false;
+    };
+    std::vector<AVSampleFormat> order;
+    if (lossless && wide) order = {AV_SAMPLE_FMT_S32P, AV_SAMPLE_FMT_S32, AV_SAMPLE_FMT_FLTP, AV_SAMPLE_FMT_FLT};
+    else if (lossless) order = {AV_SAMPLE_FMT_S16P, AV_SAMPLE_FMT_S16, AV_SAMPLE_FMT_S32P, AV_SAMPLE_FMT_S32};
+    else order = {AV_SAMPLE_FMT_FLTP, AV_SAMPLE_FMT_FLT, AV_SAMPLE_FMT_S16P, AV_SAMPLE_FMT_S16};
+    for (auto f : order)
+        if (has(f)) return f;
+    return codec->sample_fmts[0];
+}
+
+int pickSampleRate(AVCodec const* codec, int wanted)
+{
+    if (!codec->supported_samplerates) return wanted;
+    int above = 0, highest = 0;
+    for (auto const* r = codec->supported_samplerates; *r; ++r) {
+        if (*r == wanted) return wanted;
+        if (*r > wanted && (above == 0 || *r < above)) above = *r;
+        highest = std::max(highest, *r);
+    }
+    return above > 0 ? above : highest > 0 ? highest : wanted;
+}
+
+void configure(AVCodecContext* c, SoundFormat const& f, AVChannelLayout const& layout)
+{
+    c->sample_rate = f.sampleRate;
+    av_channel_layout_copy(&c->ch_layout, &layout);
+    c->sample_fmt = f.sampleFormat;
+    if (f.bitsPerRawSample > 0) c->bits_per_raw_sample = f.bitsPerRawSample;
+    if (f.bitRate > 0) c->bit_rate = f.bitRate;
+    c->time_base = AVRational{1, f.sampleRate};
+}
+
+std::string codecTitle(std::string const& encoder)
+{
+    AVCodec const* c = avcodec_find_encoder_by_name(encoder.c_str());
+    return c ? avcodec_get_name(c->id) : encoder;
+}
+
+} // namespace
+
+SoundFormat chooseSoundFormat(std::string const& container, AVCodecParameters const* source, AVChannelLayout const& layout,
+                              SoundCodec policy, bool lossless)
+{
+    bool sourceLossless = isLosslessAudio(source->codec_id);
+    std::string same = sameEncoder(source);
+    std::vector<std::string> candidates;
+    auto losslessChain = [&](std::string first) {
+        std::vector<std::string> chain;
+        if (!first.empty()) chain.push_back(first);
+        for (std::string c : {std::string("flac"), std::string("alac"), pcmEncoder(source)})
+            if (c != first) chain.push_back(c);
+        return chain;
+    };
+    if (lossless) candidates = losslessChain(sourceLossless ? same : "");
+    else {
+        switch (policy) {
+        case SoundCodec::Pcm: candidates = losslessChain(pcmEncoder(source)); break;
+        case SoundCodec::Flac: candidates = losslessChain("flac"); break;
+        case SoundCodec::Alac: candidates = losslessChain("alac"); break;
+        case SoundCodec::Aac: candidates = {"aac", "libopus"}; break;
+        case SoundCodec::Same:
+            if (sourceLossless) candidates = losslessChain(same);
+            else {
+                if (!same.empty()) candidates.push_back(same);
+                for (char const* c : {"aac", "libopus", "libvorbis"})
+                    if (same != c) candidates.push_back(c);
+            }
+            break;
+        }
+    }
+    bool wantLossless = lossless || sourceLossless || policy == SoundCodec::Pcm || policy == SoundCodec::Flac
+                     || policy == SoundCodec::Alac;
+    if (policy == SoundCodec::Aac && !lossless) wantLossless = false;
+    int bits = sourceBits(source);
+    int channels = layout.nb_channels;
+
+    std::string firstChoice = candidates.empty() ? "" : candidates.front();
+    for (auto const& name : candidates) {
+        AVCodec const* codec = avcodec_find_encoder_by_name(name.c_str());
+        if (!codec || (codec->capabilities & AV_CODEC_CAP_EXPERIMENTAL)) continue;
+        bool codecLossless = isLosslessAudio(codec->id);
+        if (lossless && !codecLossless) continue;
+        SoundFormat f;
+        f.encoder = name;
+        f.sampleFormat = pickSampleFormat(codec, bits > 16, codecLossless);
+        if (codecLossless && (codec->id == AV_CODEC_ID_FLAC || codec->id == AV_CODEC_ID_ALAC)) f.bitsPerRawSample = bits > 16 ? std::min(bits, 24) : 16;
+        f.sampleRate = pickSampleRate(codec, source->sample_rate);
+        if (!codecLossless) {
+            std::int64_t wanted = std::max<std::int64_t>(source->bit_rate, floorPerChannel(name) * channels);
+            f.bitRate = validBitRate(name, wanted, channels);
+        }
+        // Open the encoder as it will be opened, and see that the container takes its output.
+        CodecContext c(avcodec_alloc_context3(codec));
+        if (!c) throw MediaError("Out of memory.");
+        configure(c.get(), f, layout);
+        AVOutputFormat const* ofmt = av_guess_format(container.c_str(), nullptr, nullptr);
+        if (ofmt && (ofmt->flags & AVFMT_GLOBALHEADER)) c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+        if (avcodec_open2(c.get(), codec, nullptr) < 0) continue;
+        CodecParameters par(avcodec_parameters_alloc());
+        if (!par) throw MediaError("Out of memory.");
+        bool takes = avcodec_parameters_from_context(par.get(), c.get()) >= 0 && containerTakes(container, par.get());
+        if (!takes) continue;
+        std::string title = codecTitle(name);
+        if (name != firstChoice || (policy == SoundCodec::Same && !lossless && name != same)) {
+            f.note = "sound encoded as " + title + " (" + containerTitle(container) + " takes no "
+                   + (firstChoice.empty() ? std::string(avcodec_get_name(source->codec_id)) : codecTitle(firstChoice))
+                   + (avcodec_find_encoder_by_name(firstChoice.c_str()) ? "" : " we can encode") + ")";
+        }
+        if (wantLossless && !codecLossless) f.note = "sound encoded lossy as " + title + ": " + containerTitle(container) + " takes no lossless codec";
+        if (f.sampleRate != source->sample_rate)
+            f.note += std::string(f.note.empty() ? "" : "; ") + "sound resampled to " + std::to_string(f.sampleRate) + " Hz for " + title;
+        return f;
+    }
+    throw MediaError(std::string("No sound encoder fits ") + containerTitle(container) + " for a " + avcodec_get_name(source->codec_id)
+                     + " sound of " + std::to_string(channels) + " channels.");
+}
+
+SoundEncoder::SoundEncoder(AVFormatContext* out, dm::Track const& track, SoundFormat const& format, double padToSeconds,
+                           std::int64_t delay)
+    : list_(track.editList()), renderer_(std::static_pointer_cast<const FileMedia>(track.media()))
+{
+    if (track.timeScale() != renderer_.sampleRate()) throw MediaError("The sound track's time scale is not its sample rate.");
+    encoder_ = std::make_unique<Encoder>(out, format.encoder.c_str(), [&](AVCodecContext* c) { configure(c, format, renderer_.layout()); });
+    AVCodecContext* c = encoder_->context();
+    frameSize_ = c->frame_size > 0 ? c->frame_size : 1024;
+    // Matroska stores times in milliseconds and moves every stream later
+    // by the encoder's priming (its first packet comes before 0). Starting
+    // the sound a few samples early puts that move on a whole millisecond,
+    // so that the pictures stay exact to the sample against the sound.
+    ptsShift_ = delay;
+    std::string container = out->oformat->name;
+    bool matroska = container == "matroska" || container == "webm";
+#if LIBAVFORMAT_VERSION_MAJOR < 60
+    if (matroska && c->codec_id == AV_CODEC_ID_OPUS && c->initial_padding > 0) {
+        // This Matroska writer stores Opus's priming as CodecDelay without
+        // moving the block times, and readers take it off again: the first
+        // packet must then start at the timeline's start, not before it, or
+        // the writer moves the other streams and the sound comes early.
+        ptsShift_ = delay + c->initial_padding;
+        matroska = false;
+    }
+#endif
+    if (matroska && (c->initial_padding > 0 || delay > 0)) {
+        std::int64_t grid = c->sample_rate / std::gcd(c->sample_rate, 1000);
+        std::int64_t early = ((delay - c->initial_padding) % grid + grid) % grid;
+        pos_ = -early;
+    }
+    SwrContext* s = nullptr;
+    AVChannelLayout inLayout{};
+    check(av_channel_layout_copy(&inLayout, &renderer_.layout()), "Sound layout");
+    int rc = swr_alloc_set_opts2(&s, &c->ch_layout, c->sample_fmt, c->sample_rate, &inLayout, AV_SAMPLE_FMT_FLTP,
+                                 renderer_.sampleRate(), 0, nullptr);
+    av_channel_layout_uninit(&inLayout);
+    check(rc, "Setting up sample conversion");
+    convert_.reset(s);
+    if (c->sample_rate != renderer_.sampleRate()) {
+        av_opt_set(s, "resampler", "soxr", 0);
+        av_opt_set_double(s, "precision", 28, 0);
+    }
+    check(swr_init(s), "Setting up sample conversion");
+    pos0_ = pos_;
+    fifo_.reset(av_audio_fifo_alloc(c->sample_fmt, c->ch_layout.nb_channels, frameSize_ * 4));
+    if (!fifo_) throw MediaError("Out of memory.");
+    pcm_ = PcmBuffer(renderer_.channels(), static_cast<std::size_t>(kChunk));
+    total_ = std::max(list_->duration(), static_cast<std::int64_t>(std::ceil(padToSeconds * renderer_.sampleRate())));
+}
+
+SoundEncoder::~SoundEncoder() = default;
+
+void SoundEncoder::encodeUntil(double seconds)
+{
+    while (!finished_ && secondsDone() < seconds) step();
+}
+
+bool SoundEncoder::step()
+{
+    if (finished_) return false;
+    AVCodecContext* c = encoder_->context();
+    if (pos_ < total_) {
+        int n = static_cast<int>(std::min<std::int64_t>(kChunk, total_ - pos_));
+        pcm_.resize(static_cast<std::size_t>(n));
+        renderer_.render(*list_, pos_, pcm_);
+        pos_ += n;
+        std::vector<std::uint8_t const*> in;
+        for (auto& ch : pcm_.channels) in.push_back(reinterpret_cast<std::uint8_t const*>(ch.data()));
+        convertAndQueue(in.data(), n);
+    } else {
+        convertAndQueue(nullptr, 0); // drain the converter
+    }
+    bool last = pos_ >= total_;
+    while (av_audio_fifo_size(fifo_.get()) >= frameSize_ || (last && av_audio_fifo_size(fifo_.get()) > 0)) {
+        int n = std::min(frameSize_, av_audio_fifo_size(fifo_.get()));
+        Frame f = makeFrame();
+        f->nb_samples = n;
+        f->format = c->sample_fmt;
+        f->sample_rate = c->sample_rate;
+        check(av_channel_layout_copy(&f->ch_layout, &c->ch_layout), "Sound layout");
+        check(av_frame_get_buffer(f.get(), 0), "Allocating sound");
+        av_audio_fifo_read(fifo_.get(), reinterpret_cast<void**>(f->extended_data), n);
+        f->pts = encodedSamples_ + pos0_ + ptsShift_;
+        encodedSamples_ += n;
+        encoder_->send(f.get());
+    }
+    if (last) {
+        encoder_->send(nullptr);
+        finished_ = true;
+    }
+    return true;
+}
+
+void SoundEncoder::convertAndQueue(std::uint8_t const** in, int n)
+{
+    AVCodecContext* c = encoder_->context();
+    int room = swr_get_out_samples(convert_.get(), n) + 32;
+    Frame tmp = makeFrame();
+    tmp->nb_samples = room;
+    tmp->format = c->sample_fmt;
+    check(av_channel_layout_copy(&tmp->ch_layout, &c->ch_layout), "Sound layout");
+    check(av_frame_get_buffer(tmp.get(), 0), "Allocating sound");
+    int got = check(swr_convert(convert_.get(), tmp->extended_data, room, in, n), "Converting samples");
+    if (got > 0) check(av_audio_fifo_write(fifo_.get(), reinterpret_cast<void**>(tmp->extended_data), got), "Queueing sound");
+}
+
+} // namespace media

@@ -1,0 +1,74 @@
+// The edited sound track of a movie, rendered and encoded into an output file.
+#pragma once
+
+#include "AudioRenderer.h"
+#include "Codec.h"
+#include "Containers.h"
+#include "movie/Movie.h"
+
+#include <algorithm>
+#include <memory>
+#include <string>
+
+namespace media {
+
+// How one sound track is to be encoded in one container.
+struct SoundFormat {
+    std::string encoder;          // FFmpeg encoder name
+    AVSampleFormat sampleFormat = AV_SAMPLE_FMT_NONE;
+    int bitsPerRawSample = 0;     // lossless: the source's bit depth
+    int sampleRate = 0;
+    std::int64_t bitRate = 0;     // lossy only
+    std::string note;             // for the user, when the codec is not the one asked for
+};
+
+// Chooses the encoding of a sound of `source` in `container`: with `lossless`
+// the decoded samples must come out identical (a backup that cannot be
+// copied); otherwise by `policy`. Lossless sources stay lossless at their
+// bit depth; lossy ones keep their codec where there is an encoder and the
+// container takes it, at no less than their bit rate and never below a
+// transparent floor. Each choice is checked by opening the encoder and
+// writing a trial header. Throws MediaError when nothing fits.
+SoundFormat chooseSoundFormat(std::string const& container, AVCodecParameters const* source, AVChannelLayout const& layout,
+                              SoundCodec policy, bool lossless);
+
+// A sound track rendered through its edit list and encoded.
+class SoundEncoder {
+public:
+    // `padToSeconds` extends the sound with silence to at least that length;
+    // `delay` (samples) is the time stamp of the timeline's start in the file.
+    SoundEncoder(AVFormatContext* out, dm::Track const& track, SoundFormat const& format, double padToSeconds = 0,
+                 std::int64_t delay = 0);
+    ~SoundEncoder();
+
+    AVStream* stream() const { return encoder_->stream(); }
+    double secondsDone() const { return static_cast<double>(pos_) / renderer_.sampleRate(); }
+    double fractionDone() const { return total_ > 0 ? std::max(0.0, static_cast<double>(pos_) / static_cast<double>(total_)) : 1.0; }
+    bool done() const { return finished_; }
+    // Packets handed to the muxer so far.
+    std::int64_t packets() const { return encoder_->packetsWritten(); }
+
+    // Renders and encodes until `seconds` of the timeline are written.
+    void encodeUntil(double seconds);
+    // Renders and encodes at most `seconds` more; false when there was nothing left.
+    bool step();
+
+private:
+    void convertAndQueue(std::uint8_t const** in, int n);
+
+    std::shared_ptr<const dm::EditList> list_;
+    AudioRenderer renderer_;
+    std::unique_ptr<Encoder> encoder_;
+    Swr convert_;
+    AudioFifo fifo_;
+    PcmBuffer pcm_;
+    int frameSize_ = 1024;
+    std::int64_t pos_ = 0;
+    std::int64_t total_ = 0;
+    std::int64_t encodedSamples_ = 0;
+    std::int64_t pos0_ = 0;     // where rendering starts on the timeline (samples; negative: early)
+    std::int64_t ptsShift_ = 0; // time stamp of timeline 0 (samples)
+    bool finished_ = false;
+};
+
+} // namespace media

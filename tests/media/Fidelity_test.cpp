@@ -1,0 +1,645 @@
+// Saves of movies such as other tools make them: each is synced with
+// dubmatch-cli and the output is compared with the input stream by stream.
+#include "FFmpeg.h"
+#include "CliRun.h"
+#include "MediaTestSupport.h"
+#include "MovieFile.h"
+#include "SoundEncoder.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <csignal>
+#include <cmath>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <sys/wait.h>
+#include <unistd.h>
+
+extern "C" {
+#include <libavutil/display.h>
+}
+
+using namespace testsupport;
+
+namespace {
+
+
+// One stream of a file as a player reads it.
+struct StreamInfo {
+    AVMediaType type = AVMEDIA_TYPE_UNKNOWN;
+    AVCodecID codec = AV_CODEC_ID_NONE;
+    unsigned tag = 0;
+    int disposition = 0;
+    std::map<std::string, std::string> tags;
+    std::map<int, std::string> sideData;
+    std::string extradata; // attachments
+    int channels = 0;
+    std::string layout;
+    int bits = 0;
+    std::vector<std::uint64_t> packets; // a checksum of each packet's payload
+};
+
+struct FileInfo {
+    std::string format;
+    double start = 0;
+    std::map<std::string, std::string> tags;
+    std::vector<std::pair<std::string, double>> chapters; // title, start in seconds from the file's start
+    std::vector<StreamInfo> streams;
+};
+
+std::uint64_t fnv(std::uint8_t const* p, std::size_t n, std::uint64_t h = 1469598103934665603ULL)
+{
+    for (std::size_t i = 0; i < n; ++i) h = (h ^ p[i]) * 1099511628211ULL;
+    return h;
+}
+
+// H.264/HEVC packets are compared by their slice data, whatever their
+// framing (start codes in MPEG-TS, length prefixes in MP4 and Matroska),
+// without the parameter sets and delimiters that muxers move around.
+std::uint64_t payloadChecksum(AVCodecID codec, std::uint8_t const* p, int size)
+{
+    if (codec != AV_CODEC_ID_H264 && codec != AV_CODEC_ID_HEVC) return fnv(p, static_cast<std::size_t>(size));
+    std::vector<std::pair<int, int>> nals; // offset, length
+    bool annexB = size >= 4 && ((p[0] == 0 && p[1] == 0 && p[2] == 1) || (p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 1));
+    if (annexB) {
+        int i = 0, start = -1;
+        while (i + 2 < size) {
+            if (p[i] == 0 && p[i + 1] == 0 && p[i + 2] == 1) {
+                if (start >= 0) {
+                    int end = i;
+                    while (end > start && p[end - 1] == 0) --end;
+                    nals.push_back({start, end - start});
+                }
+                i += 3;
+                start = i;
+            } else ++i;
+        }
+        if (start >= 0 && start < size) nals.push_back({start, size - start});
+    } else {
+        int i = 0;
+        while (i + 4 <= size) {
+            int len = (p[i] << 24) | (p[i + 1] << 16) | (p[i + 2] << 8) | p[i + 3];
+            if (len <= 0 || i + 4 + len > size) break;
+            nals.push_back({i + 4, len});
+            i += 4 + len;
+        }
+    }
+    std::uint64_t h = 1469598103934665603ULL;
+    for (auto [off, len] : nals) {
+        if (len <= 0) continue;
+        int type = codec == AV_CODEC_ID_H264 ? (p[off] & 0x1f) : ((p[off] >> 1) & 0x3f);
+        bool structural = codec == AV_CODEC_ID_H264 ? (type == 6 || type == 7 || type == 8 || type == 9)
+                                                    : (type >= 32 && type <= 40);
+        if (!structural) h = fnv(p + off, static_cast<std::size_t>(len), h);
+    }
+    return h;
+}
+
+FileInfo inspect(std::string const& path)
+{
+    FileInfo info;
+    AVFormatContext* raw = nullptr;
+    if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) throw media::MediaError("cannot open " + path);
+    media::InputContext fmt(raw);
+    avformat_find_stream_info(raw, nullptr);
+    info.format = raw->iformat->name;
+    info.start = raw->start_time == AV_NOPTS_VALUE ? 0 : raw->start_time / 1e6;
+    AVDictionaryEntry const* e = nullptr;
+    while ((e = av_dict_get(raw->metadata, "", e, AV_DICT_IGNORE_SUFFIX))) info.tags[e->key] = e->value;
+    for (unsigned i = 0; i < raw->nb_chapters; ++i) {
+        AVChapter const* c = raw->chapters[i];
+        AVDictionaryEntry* t = av_dict_get(c->metadata, "title", nullptr, 0);
+        info.chapters.push_back({t ? t->value : "", c->start * av_q2d(c->time_base) - info.start});
+    }
+    for (unsigned i = 0; i < raw->nb_streams; ++i) {
+        AVStream const* st = raw->streams[i];
+        StreamInfo s;
+        s.type = st->codecpar->codec_type;
+        s.codec = st->codecpar->codec_id;
+        s.tag = st->codecpar->codec_tag;
+        s.disposition = st->disposition;
+        e = nullptr;
+        while ((e = av_dict_get(st->metadata, "", e, AV_DICT_IGNORE_SUFFIX))) s.tags[e->key] = e->value;
+        for (int k = 0; k < st->nb_side_data; ++k)
+            s.sideData[st->side_data[k].type] = std::string(reinterpret_cast<char const*>(st->side_data[k].data), st->side_data[k].size);
+        if (s.type == AVMEDIA_TYPE_ATTACHMENT && st->codecpar->extradata)
+            s.extradata = std::string(reinterpret_cast<char const*>(st->codecpar->extradata), static_cast<std::size_t>(st->codecpar->extradata_size));
+        s.channels = st->codecpar->ch_layout.nb_channels;
+        char layout[64] = {0};
+        av_channel_layout_describe(&st->codecpar->ch_layout, layout, sizeof layout);
+        s.layout = layout;
+        s.bits = st->codecpar->bits_per_raw_sample;
+        info.streams.push_back(s);
+    }
+    media::Packet pkt = media::makePacket();
+    while (av_read_frame(raw, pkt.get()) >= 0) {
+        auto& s = info.streams[static_cast<std::size_t>(pkt->stream_index)];
+        s.packets.push_back(payloadChecksum(s.codec, pkt->data, pkt->size));
+        av_packet_unref(pkt.get());
+    }
+    return info;
+}
+
+// Every decoded sample of a sound stream (as 32-bit integers, exact for
+// 16- and 24-bit sources), channel after channel within each sample.
+std::vector<std::int32_t> decodeSamples(std::string const& path, int streamIndex)
+{
+    AVFormatContext* raw = nullptr;
+    if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) throw media::MediaError("cannot open " + path);
+    media::InputContext fmt(raw);
+    avformat_find_stream_info(raw, nullptr);
+    AVStream* st = raw->streams[streamIndex];
+    AVCodec const* dec = avcodec_find_decoder(st->codecpar->codec_id);
+    media::CodecContext c(avcodec_alloc_context3(dec));
+    avcodec_parameters_to_context(c.get(), st->codecpar);
+    if (avcodec_open2(c.get(), dec, nullptr) < 0) throw media::MediaError("cannot decode");
+    std::vector<std::int32_t> out;
+    media::Packet pkt = media::makePacket();
+    media::Frame f = media::makeFrame();
+    auto drain = [&] {
+        while (avcodec_receive_frame(c.get(), f.get()) == 0) {
+            int ch = f->ch_layout.nb_channels;
+            auto fmtId = static_cast<AVSampleFormat>(f->format);
+            bool planar = av_sample_fmt_is_planar(fmtId);
+            int bytes = av_get_bytes_per_sample(fmtId);
+            for (int i = 0; i < f->nb_samples; ++i)
+                for (int k = 0; k < ch; ++k) {
+                    std::uint8_t const* p = planar ? f->extended_data[k] + i * bytes : f->data[0] + (i * ch + k) * bytes;
+                    std::int32_t v = 0;
+                    if (bytes == 2) v = *reinterpret_cast<std::int16_t const*>(p) * 65536;
+                    else if (fmtId == AV_SAMPLE_FMT_FLT || fmtId == AV_SAMPLE_FMT_FLTP)
+                        v = static_cast<std::int32_t>(std::lrint(*reinterpret_cast<float const*>(p) * 2147483648.0));
+                    else v = *reinterpret_cast<std::int32_t const*>(p);
+                    out.push_back(v);
+                }
+            av_frame_unref(f.get());
+        }
+    };
+    while (av_read_frame(raw, pkt.get()) >= 0) {
+        if (pkt->stream_index == streamIndex) avcodec_send_packet(c.get(), pkt.get());
+        av_packet_unref(pkt.get());
+        drain();
+    }
+    avcodec_send_packet(c.get(), nullptr);
+    drain();
+    return out;
+}
+
+// The sound a player plays: the one flagged default, or the first where the
+// container flags none (MPEG-TS).
+int enabledSound(FileInfo const& f)
+{
+    int first = -1;
+    for (std::size_t i = 0; i < f.streams.size(); ++i) {
+        if (f.streams[i].type != AVMEDIA_TYPE_AUDIO) continue;
+        if (f.streams[i].disposition & AV_DISPOSITION_DEFAULT) return static_cast<int>(i);
+        if (first < 0) first = static_cast<int>(i);
+    }
+    return first;
+}
+
+int backupSound(FileInfo const& f)
+{
+    for (std::size_t i = 0; i < f.streams.size(); ++i) {
+        for (char const* key : {"title", "handler_name"}) {
+            auto it = f.streams[i].tags.find(key);
+            if (f.streams[i].type == AVMEDIA_TYPE_AUDIO && it != f.streams[i].tags.end() && it->second == "Backup Sound Track")
+                return static_cast<int>(i);
+        }
+    }
+    return -1;
+}
+
+// Sync points taken from the movie itself, as a user sets them by eye and
+// ear: each flash against its click, on the movie's own timeline.
+std::string pointsFrom(std::string const& movie, std::string const& file)
+{
+    media::SyncMeasurement m = media::measureSync(movie);
+    media::OpenedMovie om = media::openMovie(movie);
+    double origin = static_cast<double>(media::OpenedMovie::mediaOf(*om.movie->tracks().front()).origin) / AV_TIME_BASE;
+    std::ofstream out(file);
+    int n = 0;
+    for (std::size_t i = 0; i < m.flashes.size(); ++i) {
+        if (std::fabs(m.errors[i]) > 0.9) continue;
+        char line[96];
+        std::snprintf(line, sizeof line, "%.6f = %.6f\n", m.flashes[i] - origin, m.flashes[i] + m.errors[i] - origin);
+        out << line;
+        ++n;
+    }
+    if (n < 2) throw media::MediaError("the test movie shows fewer than two flashes with clicks");
+    return file;
+}
+
+struct Case {
+    char const* name;
+    char const* inputName;
+    std::function<void(media::TestMovieSpec&)> make;
+    char const* output;     // empty: in place; else the output's file name
+    char const* expectFormat; // demuxer name of the output
+    double tolerance;       // worst click-to-flash error after the sync, seconds
+    char const* extra = ""; // more options
+};
+
+media::TestMovieSpec baseSpec()
+{
+    media::TestMovieSpec s;
+    s.seconds = 12;
+    s.width = 160;
+    s.height = 120;
+    s.audioOffset = 0.2;
+    s.audioRate = 1.0 / 1.002;
+    s.videoBitRate = 400'000;
+    return s;
+}
+
+std::string describeMismatch(StreamInfo const& a, StreamInfo const& b)
+{
+    std::string d;
+    if (a.codec != b.codec) d += std::string(" codec ") + avcodec_get_name(a.codec) + " -> " + avcodec_get_name(b.codec);
+    if (a.packets != b.packets) d += " packets differ (" + std::to_string(a.packets.size()) + " vs " + std::to_string(b.packets.size()) + ")";
+    if ((a.disposition & ~AV_DISPOSITION_DEFAULT) != (b.disposition & ~AV_DISPOSITION_DEFAULT)) d += " disposition";
+    if (a.sideData != b.sideData) d += " side data";
+    if (a.extradata != b.extradata) d += " attachment data";
+    for (char const* key : {"language", "title", "timecode", "filename", "mimetype"}) {
+        auto ia = a.tags.find(key), ib = b.tags.find(key);
+        std::string va = ia == a.tags.end() ? "" : ia->second, vb = ib == b.tags.end() ? "" : ib->second;
+        if (va != vb) d += std::string(" tag ") + key + " \"" + va + "\" -> \"" + vb + "\"";
+    }
+    return d;
+}
+
+class Fidelity : public ::testing::TestWithParam<Case> {};
+
+TEST_P(Fidelity, SyncedSaveKeepsEverythingElse)
+{
+    Case const& c = GetParam();
+    ScratchDir dir;
+    media::TestMovieSpec spec = baseSpec();
+    c.make(spec);
+    std::string input = dir.file(c.inputName);
+    media::writeTestMovie(input, spec);
+    FileInfo before = inspect(input);
+    std::string points = pointsFrom(input, dir.file("points.txt"));
+
+    std::string output = *c.output ? dir.file(c.output) : input;
+    std::string target = *c.output ? "-o '" + output + "'" : "--in-place";
+    CliRun run = cli("sync '" + input + "' --points '" + points + "' " + target + " --quiet " + c.extra);
+    ASSERT_EQ(run.status, 0) << run.output;
+    FileInfo after = inspect(output);
+    EXPECT_NE(after.format.find(c.expectFormat), std::string::npos) << after.format;
+
+    // Sync, measured on the saved file as a player plays it.
+    media::SyncMeasurement m = media::measureSync(output);
+    EXPECT_GE(m.flashes.size(), 4u);
+    EXPECT_LE(m.worst(), c.tolerance) << "worst " << m.worst() * 1000 << " ms";
+    std::printf("[ fidelity ] %-14s worst sync error %.4f ms over %zu flashes\n", c.name, m.worst() * 1000, m.flashes.size());
+
+    // Every stream other than the synced sound and its backup, unchanged.
+    int synced = enabledSound(before), outSynced = enabledSound(after), backup = backupSound(after);
+    ASSERT_GE(synced, 0);
+    ASSERT_GE(outSynced, 0);
+    ASSERT_GE(backup, 0) << "no backup sound track";
+    std::vector<StreamInfo const*> rest, restAfter;
+    for (std::size_t i = 0; i < before.streams.size(); ++i)
+        if (static_cast<int>(i) != synced && before.streams[i].tag != MKTAG('t', 'm', 'c', 'd')) rest.push_back(&before.streams[i]);
+    for (std::size_t i = 0; i < after.streams.size(); ++i)
+        if (static_cast<int>(i) != outSynced && static_cast<int>(i) != backup && after.streams[i].tag != MKTAG('t', 'm', 'c', 'd'))
+            restAfter.push_back(&after.streams[i]);
+    ASSERT_EQ(rest.size(), restAfter.size()) << run.output;
+    for (std::size_t i = 0; i < rest.size(); ++i) {
+        EXPECT_EQ(rest[i]->type, restAfter[i]->type);
+        std::string mismatch = describeMismatch(*rest[i], *restAfter[i]);
+        if (before.format == after.format && rest[i]->tag != restAfter[i]->tag) mismatch += " codec tag";
+        EXPECT_TRUE(mismatch.empty()) << "stream " << i << ":" << mismatch;
+    }
+    // The synced sound keeps its tags, layout and depth.
+    auto const& s0 = before.streams[static_cast<std::size_t>(synced)];
+    auto const& s1 = after.streams[static_cast<std::size_t>(outSynced)];
+    EXPECT_EQ(s0.layout, s1.layout);
+    EXPECT_EQ(s0.tags.count("language") ? s0.tags.at("language") : "", s1.tags.count("language") ? s1.tags.at("language") : "");
+    if (s0.bits > 16) {
+        EXPECT_EQ(s0.bits, s1.bits);
+    }
+    std::printf("[ fidelity ] %-14s sound %s %s %d-bit -> %s %s %d-bit; %zu other streams compared\n", c.name, avcodec_get_name(s0.codec),
+                s0.layout.c_str(), s0.bits, avcodec_get_name(s1.codec), s1.layout.c_str(), s1.bits, rest.size());
+    // The backup is the original: the same packets, or the same samples.
+    auto const& b = after.streams[static_cast<std::size_t>(backup)];
+    EXPECT_EQ(b.disposition & AV_DISPOSITION_DEFAULT, 0);
+    if (b.codec == s0.codec) {
+        EXPECT_EQ(b.packets, s0.packets) << "backup packets";
+    } else {
+        EXPECT_EQ(decodeSamples(output, backup), decodeSamples(input, synced)) << "backup samples";
+    }
+    // The file's tags and chapters.
+    for (char const* key : {"title"})
+        EXPECT_EQ(before.tags.count(key) ? before.tags.at(key) : "", after.tags.count(key) ? after.tags.at(key) : "") << key;
+    ASSERT_EQ(before.chapters.size(), after.chapters.size());
+    for (std::size_t i = 0; i < before.chapters.size(); ++i) {
+        EXPECT_EQ(before.chapters[i].first, after.chapters[i].first);
+        EXPECT_NEAR(before.chapters[i].second, after.chapters[i].second, 0.002);
+    }
+    // A timecode track comes back as one.
+    auto timecodeOf = [](FileInfo const& f) {
+        for (auto const& s : f.streams)
+            if (s.tag == MKTAG('t', 'm', 'c', 'd')) return s.tags.count("timecode") ? s.tags.at("timecode") : std::string("?");
+        return std::string();
+    };
+    EXPECT_EQ(timecodeOf(before), timecodeOf(after));
+    // Reopened, the movie has exactly one enabled sound track again.
+    media::OpenedMovie reopened = media::openMovie(output);
+    int enabled = 0;
+    for (auto const& t : reopened.movie->tracks()) enabled += t->mediaType() == dm::MediaType::Sound && t->isEnabled();
+    EXPECT_EQ(enabled, 1);
+}
+
+std::vector<Case> cases()
+{
+    return {
+        {"ts-ac3", "rec.ts", [](auto& s) { s.format = "mpegts"; s.audioCodec = "ac3"; s.audioBitRate = 192000; },
+         "rec-synced.mkv", "matroska", 0.00005},
+        {"ts-offset", "late.ts", [](auto& s) { s.format = "mpegts"; s.audioCodec = "ac3"; s.audioBitRate = 192000; s.startTime = 3600; },
+         "late-synced.mkv", "matroska", 0.00005},
+        {"mkv-rich", "rich.mkv",
+         [](auto& s) {
+             s.format = "matroska";
+             s.extraSoundTracks = 1;
+             s.languages = {"eng", "fra"};
+             s.subtitleCodecs = {"subrip", "ass"};
+             s.subtitleLanguages = {"eng", "deu"};
+             s.chapters = 2;
+             s.title = "A rich movie";
+             s.attachment = true;
+         },
+         "", "matroska", 0.00005},
+        {"mkv-flac24", "hifi.mkv", [](auto& s) { s.format = "matroska"; s.audioCodec = "flac"; s.bitsPerSample = 24; s.channelLayout = "3.0"; },
+         "", "matroska", 0.00005},
+        {"flac-to-mov", "hifi2.mkv", [](auto& s) { s.format = "matroska"; s.audioCodec = "flac"; s.bitsPerSample = 24; s.channelLayout = "3.0"; },
+         "hifi2-synced.mov", "mov", 0.00005},
+        {"webm", "clip.webm", [](auto& s) { s.format = "webm"; s.videoCodec = "libvpx-vp9"; s.audioCodec = "libopus"; s.audioBitRate = 96000; },
+         "", "matroska", 0.00105}, // WebM keeps milliseconds; Opus's priming of 6.5 ms does not fall on them
+        {"mp4-rotated", "phone.mp4", [](auto& s) { s.format = "mp4"; s.rotation = 90; }, "", "mp4", 0.00005},
+        {"mp4-hevc", "hevc.mp4", [](auto& s) { s.format = "mp4"; s.videoCodec = "libx265"; s.videoTag = "hvc1"; }, "", "mp4", 0.00005},
+        {"mov-timecode", "tc.mov", [](auto& s) { s.timecode = "01:00:00:00"; }, "", "mov", 0.00005},
+        {"ts-layout-change", "switch.ts",
+         [](auto& s) {
+             s.format = "mpegts";
+             s.audioCodec = "ac3";
+             s.audioBitRate = 384000;
+             s.channelLayout = "5.1";
+             s.layoutChangeAt = 6.1;
+         },
+         "switch-synced.mkv", "matroska", 0.00005},
+    };
+}
+
+INSTANTIATE_TEST_SUITE_P(Movies, Fidelity, ::testing::ValuesIn(cases()),
+                         [](auto const& info) {
+                             std::string n = info.param.name;
+                             for (auto& ch : n)
+                                 if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
+                             return n;
+                         });
+
+} // namespace
+
+namespace {
+
+media::TestMovieSpec richMatroska()
+{
+    media::TestMovieSpec s = baseSpec();
+    s.format = "matroska";
+    s.seconds = 8;
+    s.subtitleCodecs = {"subrip", "ass"};
+    s.subtitleLanguages = {"eng", "deu"};
+    s.attachment = true;
+    return s;
+}
+
+bool contains(std::string const& text, std::string const& part) { return text.find(part) != std::string::npos; }
+
+TEST(FidelityCli, LossesAreRefusedBeforeWritingUnlessAccepted)
+{
+    ScratchDir dir;
+    std::string input = dir.file("rich.mkv");
+    media::writeTestMovie(input, richMatroska());
+    std::string points = pointsFrom(input, dir.file("p.txt"));
+
+    // QuickTime takes neither the subtitles nor the attachment: refused, nothing written.
+    CliRun refused = cli("sync '" + input + "' --points '" + points + "' -o '" + dir.file("out.mov") + "' --quiet");
+    EXPECT_EQ(refused.status, 1) << refused.output;
+    EXPECT_TRUE(contains(refused.output, "subrip")) << refused.output;
+    EXPECT_TRUE(contains(refused.output, "ass")) << refused.output;
+    EXPECT_TRUE(contains(refused.output, "Matroska")) << refused.output;
+    EXPECT_TRUE(contains(refused.output, "--drop-unsupported")) << refused.output;
+    EXPECT_EQ(listDir(dir.path()).size(), 2u) << "only the input and the points";
+
+    CliRun accepted = cli("sync '" + input + "' --points '" + points + "' -o '" + dir.file("out.mov") + "' --quiet --drop-unsupported");
+    ASSERT_EQ(accepted.status, 0) << accepted.output;
+    EXPECT_TRUE(contains(accepted.output, "note: left out subtitle track 3 (subrip, eng): QuickTime takes no subrip (Matroska does)"))
+        << accepted.output;
+    EXPECT_TRUE(contains(accepted.output, "note: left out attachment track 5 (notes.txt): QuickTime takes no attachments (Matroska does)"))
+        << accepted.output;
+    FileInfo out = inspect(dir.file("out.mov"));
+    for (auto const& s : out.streams) EXPECT_NE(s.type, AVMEDIA_TYPE_SUBTITLE);
+    EXPECT_LE(media::measureSync(dir.file("out.mov")).worst(), 0.00005);
+
+    // An unknown extension is a usage error; a transport stream is not saved in place.
+    EXPECT_EQ(cli("sync '" + input + "' --points '" + points + "' -o '" + dir.file("out.avi") + "'").status, 2);
+    media::TestMovieSpec ts = baseSpec();
+    ts.format = "mpegts";
+    ts.seconds = 6;
+    std::string tsPath = dir.file("rec.ts");
+    media::writeTestMovie(tsPath, ts);
+    std::string before = readFile(tsPath);
+    CliRun inPlace = cli("sync '" + tsPath + "' --point 1=1.2 --point 5=5.2 --in-place --quiet");
+    EXPECT_EQ(inPlace.status, 1);
+    EXPECT_TRUE(contains(inPlace.output, "rec-synced.mkv")) << inPlace.output;
+    EXPECT_EQ(readFile(tsPath), before);
+}
+
+TEST(FidelityCli, InfoTellsWhatASaveDoes)
+{
+    ScratchDir dir;
+    std::string input = dir.file("rich.mkv");
+    media::writeTestMovie(input, richMatroska());
+    CliRun mkv = cli("info '" + input + "'");
+    EXPECT_EQ(mkv.status, 0) << mkv.output;
+    EXPECT_TRUE(contains(mkv.output, "saving in place (Matroska)")) << mkv.output;
+    EXPECT_TRUE(contains(mkv.output, "(subrip, eng): copied")) << mkv.output;
+    EXPECT_TRUE(contains(mkv.output, "re-timed, encoded as aac")) << mkv.output;
+
+    media::TestMovieSpec ts = baseSpec();
+    ts.format = "mpegts";
+    ts.audioCodec = "ac3";
+    ts.seconds = 4;
+    std::string tsPath = dir.file("rec.ts");
+    media::writeTestMovie(tsPath, ts);
+    CliRun tsInfo = cli("info '" + tsPath + "'");
+    EXPECT_EQ(tsInfo.status, 0) << tsInfo.output;
+    EXPECT_TRUE(contains(tsInfo.output, "saving as a new Matroska file")) << tsInfo.output;
+    EXPECT_TRUE(contains(tsInfo.output, "--in-place is refused")) << tsInfo.output;
+}
+
+// The codec of the re-timed sound, for sources and containers users have.
+TEST(SoundFormat, KeepsLosslessLosslessAndLossyAboveTheFloor)
+{
+    struct Row {
+        AVCodecID source;
+        int bits;
+        char const* layout;
+        std::int64_t bitRate;
+        char const* container;
+        media::SoundCodec policy;
+        bool lossless;
+        char const* encoder; // expected
+        int expectBits;
+        std::int64_t expectRate; // expected bit rate, 0 for lossless
+        bool expectNote;
+    };
+    using SC = media::SoundCodec;
+    std::vector<Row> rows = {
+        {AV_CODEC_ID_AAC, 0, "stereo", 128000, "mov", SC::Same, false, "aac", 0, 192000, false},
+        {AV_CODEC_ID_AAC, 0, "stereo", 320000, "mp4", SC::Same, false, "aac", 0, 320000, false},
+        {AV_CODEC_ID_AAC, 0, "stereo", 0, "matroska", SC::Same, false, "aac", 0, 192000, false},
+        {AV_CODEC_ID_AC3, 0, "5.1", 448000, "matroska", SC::Same, false, "ac3", 0, 448000, false},
+        {AV_CODEC_ID_AC3, 0, "5.1", 0, "matroska", SC::Same, false, "ac3", 0, 384000, false},
+        {AV_CODEC_ID_FLAC, 24, "3.0", 0, "matroska", SC::Same, false, "flac", 24, 0, false},
+        {AV_CODEC_ID_FLAC, 24, "3.0", 0, "mov", SC::Same, false, "alac", 24, 0, true},
+        {AV_CODEC_ID_FLAC, 16, "stereo", 0, "mp4", SC::Same, true, "alac", 16, 0, true},
+        {AV_CODEC_ID_PCM_S24LE, 24, "stereo", 0, "mov", SC::Same, false, "pcm_s24le", 0, 0, false},
+        {AV_CODEC_ID_OPUS, 0, "stereo", 96000, "mov", SC::Same, false, "aac", 0, 192000, true},
+        {AV_CODEC_ID_AAC, 0, "stereo", 128000, "webm", SC::Same, false, "libopus", 0, 128000, true},
+        {AV_CODEC_ID_AAC, 0, "stereo", 128000, "mov", SC::Pcm, false, "pcm_s16le", 0, 0, false},
+        {AV_CODEC_ID_AAC, 0, "stereo", 128000, "mov", SC::Flac, false, "alac", 16, 0, true},
+        {AV_CODEC_ID_AAC, 0, "stereo", 128000, "matroska", SC::Flac, false, "flac", 16, 0, false},
+        {AV_CODEC_ID_FLAC, 16, "stereo", 0, "mov", SC::Aac, false, "aac", 0, 192000, false},
+    };
+    for (auto const& r : rows) {
+        media::CodecParameters par(avcodec_parameters_alloc());
+        par->codec_type = AVMEDIA_TYPE_AUDIO;
+        par->codec_id = r.source;
+        par->sample_rate = 48000;
+        par->bits_per_raw_sample = r.bits;
+        par->bit_rate = r.bitRate;
+        ASSERT_EQ(av_channel_layout_from_string(&par->ch_layout, r.layout), 0);
+        std::string what = std::string(avcodec_get_name(r.source)) + " " + r.layout + " in " + r.container + " as "
+                         + media::soundCodecName(r.policy) + (r.lossless ? " (lossless)" : "");
+        media::SoundFormat f = media::chooseSoundFormat(r.container, par.get(), par->ch_layout, r.policy, r.lossless);
+        EXPECT_EQ(f.encoder, r.encoder) << what;
+        if (r.expectBits) {
+            EXPECT_EQ(f.bitsPerRawSample, r.expectBits) << what;
+        }
+        EXPECT_EQ(f.bitRate, r.expectRate) << what;
+        EXPECT_EQ(!f.note.empty(), r.expectNote) << what << ": " << f.note;
+    }
+}
+
+// A Matroska movie with FLAC sound.
+media::TestMovieSpec flacMatroska(double seconds)
+{
+    media::TestMovieSpec s = baseSpec();
+    s.format = "matroska";
+    s.audioCodec = "flac";
+    s.seconds = seconds;
+    return s;
+}
+
+// Waits at most `limit` for `child`, calling `poll` every few milliseconds;
+// kills it when it is still running then. Returns whether it ended by
+// itself, its wait status and the seconds waited.
+struct Waited {
+    bool ended;
+    int status;
+    double seconds;
+};
+Waited waitForChild(pid_t child, std::chrono::milliseconds limit, std::function<void()> const& poll = {})
+{
+    int status = 0;
+    pid_t done = 0;
+    auto t0 = std::chrono::steady_clock::now();
+    while ((done = waitpid(child, &status, WNOHANG)) == 0 && std::chrono::steady_clock::now() - t0 < limit) {
+        if (poll) poll();
+        usleep(5'000);
+    }
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    if (done == 0) {
+        kill(child, SIGKILL);
+        waitpid(child, &status, 0);
+    }
+    return {done == child, status, seconds};
+}
+
+// A sound whose time stamps jump ten hours ahead: the track ends with the
+// pictures, the user is told, and the save stays small and quick.
+TEST(FidelityCli, ATimestampJumpOfHoursEndsWithTheOtherTracks)
+{
+    ScratchDir dir;
+    media::TestMovieSpec s = flacMatroska(6);
+    s.timestampJumpAt = 3;
+    s.timestampJump = 36000;
+    std::string input = dir.file("jump.mkv");
+    media::writeTestMovie(input, s);
+    std::string output = dir.file("out.mkv"), log = dir.file("log.txt");
+
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        FILE* f = std::freopen(log.c_str(), "w", stderr);
+        (void)f;
+        execl(DUBMATCH_CLI, DUBMATCH_CLI, "sync", input.c_str(), "--point", "1=1.2", "--point", "2=2.2", "-o", output.c_str(), "--quiet",
+              static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    auto peakKb = [&] {
+        std::ifstream st("/proc/" + std::to_string(child) + "/status");
+        std::string line;
+        while (std::getline(st, line))
+            if (line.rfind("VmHWM:", 0) == 0) return std::stol(line.substr(6));
+        return 0L;
+    };
+    long peak = 0;
+    Waited w = waitForChild(child, std::chrono::seconds(60), [&] { peak = std::max(peak, peakKb()); });
+    std::printf("[ fidelity ] 10-hour jump: saved in %.2f s, peak memory %.1f MB\n", w.seconds, peak / 1024.0);
+    ASSERT_TRUE(w.ended) << "still writing after a minute";
+    ASSERT_TRUE(WIFEXITED(w.status));
+    EXPECT_EQ(WEXITSTATUS(w.status), 0) << readFile(log);
+    EXPECT_LT(peak, 200 * 1024);
+    EXPECT_NE(readFile(log).find("note: Sound ends at 6."), std::string::npos) << readFile(log);
+    media::OpenedMovie out = media::openMovie(output);
+    EXPECT_NEAR(out.movie->duration().seconds(), 6.0, 0.1);
+}
+
+// Stopping a long save: Ctrl-C ends it at once and leaves nothing.
+TEST(FidelityCli, ALongSaveStopsOnInterrupt)
+{
+    ScratchDir dir;
+    media::TestMovieSpec s = flacMatroska(600);
+    s.width = 64;
+    s.height = 48;
+    s.videoBitRate = 50'000;
+    std::string input = dir.file("long.mkv");
+    media::writeTestMovie(input, s);
+    std::string output = dir.file("out.mkv");
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        execl(DUBMATCH_CLI, DUBMATCH_CLI, "sync", input.c_str(), "--point", "1=1.2", "--point", "500=500.4", "-o", output.c_str(),
+              "--quiet", "--sound-codec", "flac", static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    usleep(1'000'000);
+    kill(child, SIGINT);
+    Waited w = waitForChild(child, std::chrono::seconds(5));
+    std::printf("[ fidelity ] stopped %.3f s after Ctrl-C\n", w.seconds);
+    ASSERT_TRUE(w.ended);
+    EXPECT_LT(w.seconds, 0.5);
+    ASSERT_TRUE(WIFEXITED(w.status));
+    EXPECT_EQ(WEXITSTATUS(w.status), 130);
+    EXPECT_EQ(listDir(dir.path()), std::vector<std::string>{"long.mkv"});
+}
+
+} // namespace
