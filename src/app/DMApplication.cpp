@@ -5,17 +5,46 @@
 #include "PXFeedbackProvider.h"
 #include "PXUpdateChecker.h"
 #include "MovieDoc.h"
+#include "SyncPointWindow.h"
 #include "kit/UserDefaults.h"
 
+#include "kit/Alert.h"
+#include "updates/Resources.h"
+
+#include <QAbstractSpinBox>
 #include <QClipboard>
 #include <QKeyEvent>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QSocketNotifier>
+#include <QTextEdit>
+#include <QTimer>
 #include <QWheelEvent>
 
+#include <cerrno>
+#include <csignal>
 #include <iostream>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 namespace {
 constexpr int kSyncMenuTag = 100;
 const QChar kUpArrow(0xF700), kDownArrow(0xF701), kLeftArrow(0xF702), kRightArrow(0xF703);
+
+// The signal handler's end of the pipe; the event loop reads the other.
+int signalPipe[2] = {-1, -1};
+
+extern "C" void onTerminationSignal(int signal)
+{
+    int saved = errno;
+    unsigned char byte = static_cast<unsigned char>(signal);
+    if (signalPipe[1] >= 0) {
+        ssize_t n = ::write(signalPipe[1], &byte, 1);
+        (void)n; // a full pipe already holds a request
+    }
+    errno = saved;
+}
 
 QString glyphFor(int tag, int reverse)
 {
@@ -41,6 +70,9 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
     auto add = [this](QMenu* m, QString const& title, QString const& name, QKeySequence key, std::function<void()> f) {
         QAction* a = m->addAction(title);
         a->setObjectName(name);
+        // The menus live in the movie windows' menu bars, but their keys work
+        // in every window of the application (the sync point window too).
+        a->setShortcutContext(Qt::ApplicationShortcut);
         if (!key.isEmpty()) a->setShortcut(key);
         connect(a, &QAction::triggered, this, f);
         return a;
@@ -60,10 +92,10 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
     add(file, "&Save", "saveDocument", QKeySequence::Save, [current] {
         if (auto* d = current()) d->saveDocument();
     });
-    add(file, "Save &As\u2026", "saveDocumentAs", QKeySequence::SaveAs, [current] {
+    add(file, "Save &As\u2026", "saveDocumentAs", QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_S), [current] {
         if (auto* d = current()) d->saveDocumentAs();
     });
-    add(file, "Save a &Copy\u2026", "saveDocumentTo", {}, [current] {
+    add(file, "Save a Cop&y\u2026", "saveDocumentTo", {}, [current] {
         if (auto* d = current()) d->saveDocumentTo();
     });
     add(file, "&Export\u2026", "doExport", QKeySequence(Qt::CTRL | Qt::Key_E), [current] {
@@ -74,7 +106,7 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
         if (auto* d = current()) d->printShowingPrintPanel(true);
     });
     file->addSeparator();
-    add(file, "&Quit", "terminate", QKeySequence::Quit, [] { QApplication::closeAllWindows(); });
+    add(file, "&Quit", "terminate", QKeySequence(Qt::CTRL | Qt::Key_Q), [this] { terminate(); });
 
     auto* edit = new QMenu("&Edit");
     add(edit, "&Copy Sync Points", "copySyncPoints", QKeySequence::Copy, [current] {
@@ -92,7 +124,7 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
         if (delegate_) delegate_->showPreferences();
     });
 
-    syncMenu_ = new QMenu("S&ync");
+    syncMenu_ = new QMenu("&Sync");
     syncMenu_->menuAction()->setData(kSyncMenuTag);
     addSyncItem("Start Sync Point", "startSync", 1, "");
     addSyncItem("Accept Sync Point", "acceptSync", 3, "");
@@ -125,8 +157,12 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
     add(help, "Feedback &Web Page", "openFeedbackPage", {}, [this] {
         if (delegate_) delegate_->feedbackProvider()->openURL();
     });
+    help->addSeparator();
+    add(help, "&About Dubmatch", "showAbout", {}, [this] { showAbout(); });
     menus_ = {file, edit, syncMenu_, window, help};
     for (QMenu* m : menus_) connect(m, &QMenu::aboutToShow, this, &DMApplication::updateMenu);
+    // Closing the last document's windows ends the application.
+    connect(this, &QGuiApplication::lastWindowClosed, this, &DMApplication::lastDocumentMayHaveClosed, Qt::QueuedConnection);
 }
 
 DMApplication::~DMApplication()
@@ -270,6 +306,98 @@ MovieDoc* DMApplication::documentFor(QObject* receiver)
     return nullptr;
 }
 
+bool DMApplication::keyBelongsToWidget(QObject* receiver)
+{
+    // An open menu, a dialog in front, or a text field that is typed into
+    // takes its keys before the document's key table.
+    if (QApplication::activePopupWidget()) return true;
+    if (QWidget* modal = QApplication::activeModalWidget(); modal && !documentFor(modal)) return true;
+    if (qobject_cast<QLineEdit*>(receiver) || qobject_cast<QAbstractSpinBox*>(receiver) || qobject_cast<QTextEdit*>(receiver) ||
+        qobject_cast<QPlainTextEdit*>(receiver))
+        return true;
+    if (MovieDoc* doc = documentFor(receiver))
+        if (auto* table = doc->getTableView(); table && table->isEditing()) return true;
+    return false;
+}
+
+bool DMApplication::terminate()
+{
+    if (terminating_) return false;
+    terminating_ = true;
+    auto* dc = kit::DocumentController::shared();
+    QList<QPointer<kit::Document>> docs;
+    if (dc)
+        for (auto* d : dc->documents()) docs.push_back(d);
+    // Every document is asked first; one Cancel keeps them all open.
+    for (auto const& d : docs) {
+        if (!d || d->isClosed()) continue;
+        bool may = false;
+        d->canClose([&may](bool ok) { may = ok; });
+        if (!may) {
+            terminating_ = false;
+            return false;
+        }
+    }
+    for (auto const& d : docs)
+        if (d) d->close();
+    // Every other window goes too (the preferences, the Read Me).
+    for (QWidget* w : QApplication::topLevelWidgets())
+        if (w->isVisible()) w->hide();
+    terminating_ = false;
+    quit();
+    return true;
+}
+
+void DMApplication::lastDocumentMayHaveClosed()
+{
+    auto* dc = kit::DocumentController::shared();
+    if (dc && !dc->documents().isEmpty()) return;
+    for (QWidget* w : QApplication::topLevelWidgets())
+        if (w->isVisible() && w->isWindow() && !w->inherits("QMenu")) return;
+    quit();
+}
+
+void DMApplication::installSignalHandlers()
+{
+    if (signalPipe[0] >= 0) return;
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, signalPipe) != 0) {
+        std::cerr << "Dubmatch: no termination signal pipe\n";
+        return;
+    }
+    ::fcntl(signalPipe[1], F_SETFL, ::fcntl(signalPipe[1], F_GETFL) | O_NONBLOCK);
+    auto* notifier = new QSocketNotifier(signalPipe[0], QSocketNotifier::Read, this);
+    connect(notifier, &QSocketNotifier::activated, this, [this] {
+        unsigned char byte = 0;
+        if (::read(signalPipe[0], &byte, 1) != 1) return;
+        emit terminationRequested(byte);
+        // A save question may be open: ask once that has ended.
+        QTimer::singleShot(0, this, [this] {
+            if (QApplication::activeModalWidget()) return;
+            terminate();
+        });
+    });
+    struct sigaction action {};
+    action.sa_handler = onTerminationSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+void DMApplication::showAbout()
+{
+    kit::AlertSpec spec;
+    spec.title = "About " + DMAppDelegate::bundleName();
+    QString version = resources::infoString("CFBundleShortVersionString");
+    if (version.isEmpty()) version = resources::infoString("CFBundleVersion");
+    spec.message = DMAppDelegate::bundleName() + (version.isEmpty() ? QString() : " " + version);
+    spec.informative = "Repairs the synchronisation between the picture and the sound of a movie: make sync points where the "
+                       "lips match, and the sound track is re-timed to follow them.\n\nBuilt with Qt " +
+                       QString(qVersion()) + ", FFmpeg and SDL.";
+    spec.icon = QMessageBox::Information;
+    kit::runAlert(spec);
+}
+
 bool DMApplication::notify(QObject* receiver, QEvent* event)
 {
     if (receiver && receiver->isWidgetType()) {
@@ -293,11 +421,18 @@ bool DMApplication::notify(QObject* receiver, QEvent* event)
         case QEvent::KeyPress: {
             auto* key = static_cast<QKeyEvent*>(event);
             if (key->modifiers() & Qt::ControlModifier) break;
+            if (keyBelongsToWidget(receiver)) break;
+            MovieDoc* doc = documentFor(receiver);
+            if (!doc) break;
             auto range = selectorMapPtr_->equal_range(NSStringWrapper(characters(key)));
-            if (range.first == range.second) break;
-            updateMenu();
-            for (auto it = range.first; it != range.second; ++it)
-                if (it->second->isEnabled() && sendAction(it->second->objectName())) return true;
+            if (range.first != range.second) {
+                updateMenu();
+                for (auto it = range.first; it != range.second; ++it)
+                    if (it->second->isEnabled() && sendAction(it->second->objectName())) return true;
+            }
+            // Keys the Sync menu did not take move the play head in the movie window.
+            QWidget* w = static_cast<QWidget*>(receiver);
+            if (doc->movieWindow() && w->window() == doc->movieWindow() && doc->transportKey(key->key(), key->modifiers())) return true;
             break;
         }
         default: break;

@@ -49,12 +49,29 @@ public:
 
     bool notify(QObject* receiver, QEvent* event) override;
 
+    // Quit: asks every open document as closing its window does, one after
+    // the other; when all may close, closes them and leaves the event loop.
+    // Returns whether the application is quitting.
+    bool terminate();
+    // SIGINT and SIGTERM ask the documents as Quit does (through a pipe
+    // read by the event loop, never from inside the signal handler).
+    void installSignalHandlers();
+    // The About box.
+    void showAbout();
+    // Whether a key press belongs to a menu, a dialog or a cell editor
+    // rather than to the document's key table.
+    static bool keyBelongsToWidget(QObject* receiver);
+
 signals:
+    // A termination signal arrived (before the documents are asked).
+    void terminationRequested(int signal);
     // The arrow direction changed: tables redisplay their offsets.
     void reverseArrowsChanged();
 
 private:
     QAction* addSyncItem(QString const& title, QString const& name, int tag, QString const& key);
+    void lastDocumentMayHaveClosed();
+    bool terminating_ = false;
     std::unique_ptr<KeyTable> selectorMapPtr_;
     QList<QMenu*> menus_; // File, Edit, Sync: shared by every window's menu bar
     QMenu* syncMenu_ = nullptr;

@@ -1,5 +1,10 @@
-// The movie document: one open movie, its sync point list, the sync
-// workflow (start, nudge, accept, edit, delete, abandon) and its mode.
+// The movie document: one open movie, its player and its sync session, as
+// the document framework knows it. The workflow itself lives in SyncSession;
+// this class turns it into menu actions, keys, a table and windows. Its
+// member functions are spread over four files by responsibility:
+// MovieDoc.cpp (actions, keys, the table's data), MovieDocFile.cpp (reading
+// and writing), MovieDocWindows.cpp (the windows), MovieDocExport.cpp
+// (export and print).
 #pragma once
 
 #include "ImportDocument.h"
@@ -8,6 +13,7 @@
 #include "OffsetList.h"
 #include "Player.h"
 #include "Refusal.h"
+#include "SyncSession.h"
 #include "kit/QtBridge.h"
 
 #include <QLabel>
@@ -21,7 +27,7 @@ class OffsetListWindowController;
 class DMTableView;
 class QProgressDialog;
 
-class MovieDoc : public ImportDocument, public SyncDocument {
+class MovieDoc : public ImportDocument {
     Q_OBJECT
 public:
     MovieDoc();
@@ -30,7 +36,14 @@ public:
     // The file types: QuickTime and MPEG-4 movies are written back in place;
     // every other container opens as an imported document.
     static QString typeForFile(QString const& path);
-    QStringList writableTypes() const override { return {"QuickTime Movie", "MPEG-4 Movie"}; }
+    // The document type of a container the writer writes ("mov", "mp4",
+    // "matroska", "webm"), else "UnsavedDocument"; and back.
+    static QString typeForContainer(std::string const& container);
+    static std::string containerForType(QString const& type);
+    QStringList writableTypes() const override { return {"QuickTime Movie", "MPEG-4 Movie", "Matroska Movie", "WebM Movie"}; }
+    // The container Save As writes: the document's own, or the writer's
+    // choice for a file that is read but not written.
+    std::string saveAsContainer() const;
     QStringList fileExtensionsFromType(QString const& type) const override;
 
     // Reading: refusals appear as alerts with their fixed texts (or, with
@@ -46,12 +59,15 @@ public:
     // The first Save As proposes "<name>-synced.<ext>" in the document's own
     // panel; later ones use the ordinary panel.
     void runModalSavePanel(kit::SaveOperation op, std::function<void(bool)> done) override;
+    bool saveToFile(QString const& path, kit::SaveOperation op) override;
 
     // The sync point table's data source.
     int numberOfRows() const;
     Offset GetOffset(int row) const;
     QVariant objectValue(QString const& column, int row) const;
     void setObjectValue(QVariant const& value, QString const& column, int row);
+    // Cells can be edited (not while a save or export runs).
+    bool canEditTable() const;
     void tableViewSelectionDidChange();
     OffsetListWindowController* findInfoWindowController() const;
     DMTableView* getTableView() const;
@@ -64,11 +80,14 @@ public:
 
     // Export: a save panel with a chooser of the seven formats.
     void doExport();
+    // `path` with the extension of the chosen format (a movie or export
+    // extension it has is replaced).
+    static QString exportPathWithExtension(QString const& path, QString const& extension);
     // Prints the picture now shown (to the printer chosen in the dialog, or
     // to `printer` as it is set up when no dialog is asked for).
     bool printShowingPrintPanel(bool showPanel, class QPrinter* printer = nullptr);
     // The progress sheet of a running save or export (null otherwise).
-    QProgressDialog* progressPanel() const { return progressPanel_; }
+    QProgressDialog* progressPanel() const;
     bool isBusy() const { return busy_; }
 
     // Movie window sizing.
@@ -91,6 +110,12 @@ public:
     void scrollWheel(double deltaY);
     void otherMouseDown();
     void togglePlay();
+    // Keyboard transport outside a sync: Left/Right one frame, with Shift
+    // one second, Home/End, J/K/L shuttle. True when the key was a
+    // transport key and the document took it.
+    bool transportKey(int key, Qt::KeyboardModifiers modifiers);
+    // The shuttle speed J/K/L set last (0: stopped).
+    double shuttleRate() const { return shuttle_; }
 
     // Whether an action (by name, e.g. "startSync") is enabled now.
     bool validateAction(QString const& action) const;
@@ -101,12 +126,9 @@ public:
     // "checkRedDiamonds", "morePointsIfNeeded" or "unknown".
     QString movieMode() const;
     static QString instructionForMode(QString const& mode);
-    void willUpdateMode() override;
-    void didUpdateMode() override;
 
-    bool syncInProgress() const { return syncInProgress_; }
-    bool allowSelectionChange() const { return documentIsChangingSelection_; }
-    void setSyncNotInProgress();
+    bool syncInProgress() const { return session_ && session_->syncInProgress(); }
+    bool allowSelectionChange() const { return session_ && session_->allowSelectionChange(); }
 
     // Selected rows of the sync point table (the table comes with its window).
     // The selected rows of the sync point table (none without the window).
@@ -114,13 +136,14 @@ public:
     void setSelectedRows(IndexSet rows);
 
     // For tests and the time read-outs.
-    OffsetList* offsets() const { return offsets_.get(); }
+    SyncSession* session() const { return session_.get(); }
+    OffsetList* offsets() const { return session_ ? session_->offsets() : nullptr; }
     media::Player* player() const { return player_.get(); }
     dm::Movie* movie() const { return opened_ ? opened_->movie.get() : nullptr; }
-    myQTTime startTime() const { return startTime_; }
-    myQTTime endTime() const { return endTime_; }
-    myQTTime audioTime() const { return audioTime_; }
-    int syncRow() const { return syncRow_; }
+    myQTTime startTime() const { return session_ ? session_->startTime() : myQTTime(); }
+    myQTTime endTime() const { return session_ ? session_->endTime() : myQTTime(); }
+    myQTTime audioTime() const { return session_ ? session_->audioTime() : myQTTime(); }
+    int syncRow() const { return session_ ? session_->syncRow() : 0; }
     QMainWindow* movieWindow() const { return mMovieWindow; }
     MovieView* movieView() const { return mMovieView; }
     myQTTime loopMiddle() const;
@@ -129,19 +152,20 @@ signals:
     void movieModeChanged(QString const& mode);
     // The sync points or the point in progress changed (the table reloads).
     void pointsChanged();
+    // A playback fault was reported (once per player).
+    void playbackFault(QString const& message);
 
 private:
-    void setMovie(media::OpenedMovie movie);
-    void saveNewEditState();
-    void resetAudioTrack();
-    void offsetAudioTrack();
-    void trimAndSetSelection();
-    void setMovieSelection();
-    void clearMovieSelection();
-    void setSelection(QTTimeRange r);
-    void setAudioTimeFromMovieTime(myQTTime t);
-    // startTime and endTime: "loopLength" seconds centred on a point.
-    void loopAround(myQTTime const& p);
+    void didUpdateMode();
+    // The save options for writing the movie in `container` (the sound
+    // codec preference; streams left out only when the user agrees), or
+    // nullopt when the user cancelled or the container cannot take the
+    // movie (after an alert). `what` is "saved" or "exported".
+    std::optional<media::SaveOptions> saveOptionsFor(std::string const& container, QString const& what);
+    void showWriterNotes(std::vector<std::string> const& notes, QString const& what);
+    void normalSpeed();
+    SyncSession::Hooks sessionHooks();
+    void showPlaybackFault(QString const& message);
     void onIdle(myQTTime now);
     void updateMenu();
     int durationFields() const;
@@ -151,25 +175,29 @@ private:
     // Runs a long movie operation on a worker thread behind the progress
     // sheet; the document's state stays frozen meanwhile. Returns the
     // operation's error message ("" when it worked), or nullopt if cancelled.
-    std::optional<std::string> runWithProgress(std::function<void(media::Progress const&)> work);
+    std::optional<std::string> runWithProgress(QString const& title, std::function<void(media::Progress const&)> work);
     void windowBecameKey(QWidget* window);
+    // Moves `window` beside `anchor` the first time it is shown.
+    void placeBeside(QWidget* window, QWidget* anchor);
+    void placeWindows();
+    // Notes the movie times of the selected points.
+    void rememberSelection();
+    // Gives the hint line the height its longest text needs at `width`.
+    void fitHintHeight(int width);
     bool eventFilter(QObject* watched, QEvent* event) override;
 
     std::optional<media::OpenedMovie> opened_;
     std::unique_ptr<media::Player> player_;
-    std::unique_ptr<OffsetList> offsets_;
-    dm::MovieEditState state_;
-    dm::TrackPtr audioTrack_;
-    bool syncInProgress_ = false;
-    int syncRow_ = 0;
-    myQTTime startTime_, endTime_, audioTime_;
+    std::unique_ptr<SyncSession> session_;
     myQTTime previousPlayTime_{QTZeroTime};
     bool alreadySavedAs_ = false;
-    bool documentIsChangingSelection_ = false;
     bool nowSizing_ = false;
     bool dontOrder_ = false;
     bool busy_ = false;
-    QProgressDialog* progressPanel_ = nullptr;
+    bool faultShown_ = false;
+    double shuttle_ = 0;
+    std::vector<myQTTime> selectedTimes_; // the points the table's selection marks
+    class ProgressSheet* progress_ = nullptr;
     QMainWindow* mMovieWindow = nullptr;
     MovieView* mMovieView = nullptr;
     QLabel* instruction_ = nullptr;

@@ -8,6 +8,15 @@
 #include <QFormLayout>
 #include <QLabel>
 
+std::vector<std::pair<QString, QString>> PreferencesWindow::soundCodecChoices()
+{
+    return {{"Same codec as the movie (lossless stays lossless)", "same"},
+            {"Uncompressed (PCM)", "pcm"},
+            {"FLAC (lossless)", "flac"},
+            {"Apple Lossless (ALAC)", "alac"},
+            {"AAC", "aac"}};
+}
+
 namespace {
 // A check box bound to a sign-valued default through a named transformer.
 void bindSign(QCheckBox* box, QString const& key, QString const& transformer, std::function<void()> changed)
@@ -37,11 +46,15 @@ PreferencesWindow::PreferencesWindow(QWidget* parent) : QWidget(parent, Qt::Wind
     wheel_ = new QCheckBox("Turning the wheel up moves the sound earlier", this);
     inspector_ = new QCheckBox("Open the sync point window with every movie", this);
     updates_ = new QCheckBox("Check for updates when Dubmatch starts", this);
+    soundCodec_ = new QComboBox(this);
+    soundCodec_->setObjectName("soundCodec");
+    for (auto const& [title, name] : soundCodecChoices()) soundCodec_->addItem(title, name);
     form->addRow("Loop length:", loop_);
     form->addRow("Nudge step:", step_);
     form->addRow("Arrow keys:", arrows_);
     form->addRow("Mouse wheel:", wheel_);
     form->addRow("Windows:", inspector_);
+    form->addRow("Re-timed sound:", soundCodec_);
     form->addRow("Updates:", updates_);
     refresh();
 
@@ -52,6 +65,9 @@ PreferencesWindow::PreferencesWindow(QWidget* parent) : QWidget(parent, Qt::Wind
         if (auto* app = DMApplication::instance()) app->reverseArrows();
     });
     bindSign(wheel_, "reverseWheel", "BooleanToSignTransformer", {});
+    connect(soundCodec_, &QComboBox::currentIndexChanged, this, [this](int i) {
+        kit::Defaults::standard().setValue("soundCodec", soundCodec_->itemData(i).toString());
+    });
     connect(inspector_, &QCheckBox::toggled, this, [](bool on) { kit::Defaults::standard().setValue("openInspector", on); });
     // The update checker stores this one itself (and resets its last check).
 }
@@ -60,7 +76,9 @@ void PreferencesWindow::refresh()
 {
     auto& d = kit::Defaults::standard();
     auto sign = ValueTransformer::valueTransformerForName("BooleanToSignTransformer");
-    QSignalBlocker b1(loop_), b2(step_), b3(arrows_), b4(wheel_), b5(inspector_), b6(updates_);
+    QSignalBlocker b1(loop_), b2(step_), b3(arrows_), b4(wheel_), b5(inspector_), b6(updates_), b7(soundCodec_);
+    int codec = soundCodec_->findData(d.value("soundCodec").toString());
+    soundCodec_->setCurrentIndex(codec < 0 ? 0 : codec);
     loop_->setValue(d.value("loopLength").toDouble());
     step_->setValue(d.value("audioStep").toDouble());
     arrows_->setChecked(sign->reverseTransformedValue(d.value("reverseArrows")).toBool());

@@ -3,8 +3,12 @@
 #pragma once
 
 #include <QCheckBox>
+#include <QComboBox>
 #include <QDoubleSpinBox>
 #include <QWidget>
+
+#include <utility>
+#include <vector>
 
 class PreferencesWindow : public QWidget {
     Q_OBJECT
@@ -16,6 +20,10 @@ public:
     QCheckBox* updatesBox() const { return updates_; }
     QDoubleSpinBox* loopLengthBox() const { return loop_; }
     QDoubleSpinBox* audioStepBox() const { return step_; }
+    QComboBox* soundCodecBox() const { return soundCodec_; }
+    // The choices of the "soundCodec" default: a title and the codec's name
+    // as the writer knows it.
+    static std::vector<std::pair<QString, QString>> soundCodecChoices();
     // Reads every control back from the defaults.
     void refresh();
 
@@ -25,4 +33,5 @@ protected:
 private:
     QCheckBox *arrows_, *wheel_, *inspector_, *updates_;
     QDoubleSpinBox *loop_, *step_;
+    QComboBox* soundCodec_;
 };

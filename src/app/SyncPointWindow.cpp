@@ -3,7 +3,9 @@
 #include "MovieDoc.h"
 
 #include <QGridLayout>
+#include <QDoubleValidator>
 #include <QHeaderView>
+#include <QLineEdit>
 #include <QPainter>
 #include <QPainterPath>
 #include <QVBoxLayout>
@@ -82,7 +84,7 @@ bool OffsetTableModel::setData(QModelIndex const& index, QVariant const& value, 
 Qt::ItemFlags OffsetTableModel::flags(QModelIndex const& index) const
 {
     Qt::ItemFlags f = Qt::ItemIsSelectable | Qt::ItemIsEnabled;
-    if (index.column() != kFlag) f |= Qt::ItemIsEditable;
+    if (index.column() != kFlag && doc_->canEditTable()) f |= Qt::ItemIsEditable;
     return f;
 }
 
@@ -98,8 +100,57 @@ QVariant OffsetTableModel::headerData(int section, Qt::Orientation o, int role) 
 
 void OffsetTableModel::reloadData()
 {
+    int rows = doc_->numberOfRows();
+    if (rows == rows_ && rows > 0) {
+        emit dataChanged(index(0, 0), index(rows - 1, columnCount() - 1));
+        return;
+    }
     beginResetModel();
+    rows_ = rows;
     endResetModel();
+}
+
+QWidget* OffsetCellDelegate::createEditor(QWidget* parent, QStyleOptionViewItem const&, QModelIndex const& index) const
+{
+    auto* edit = new QLineEdit(parent);
+    edit->setObjectName("cellEditor");
+    edit->setAutoFillBackground(true);
+    edit->setFrame(false);
+    edit->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    if (index.column() == OffsetTableModel::kOffset) {
+        auto* v = new QDoubleValidator(edit);
+        v->setNotation(QDoubleValidator::StandardNotation);
+        v->setLocale(QLocale::c());
+        edit->setValidator(v);
+    }
+    editor_ = edit;
+    return edit;
+}
+
+void OffsetCellDelegate::setEditorData(QWidget* editor, QModelIndex const& index) const
+{
+    auto* edit = static_cast<QLineEdit*>(editor);
+    QVariant v = index.data(Qt::EditRole);
+    edit->setText(index.column() == OffsetTableModel::kOffset ? QString::number(v.toDouble(), 'f', 1) : v.toString());
+    edit->selectAll();
+}
+
+void OffsetCellDelegate::setModelData(QWidget* editor, QAbstractItemModel* model, QModelIndex const& index) const
+{
+    model->setData(index, static_cast<QLineEdit*>(editor)->text(), Qt::EditRole);
+}
+
+DMTableView::DMTableView(QWidget* parent) : QTableView(parent), delegate_(new OffsetCellDelegate(this))
+{
+    setItemDelegate(delegate_);
+}
+
+void DMTableView::commitEditing()
+{
+    QWidget* editor = delegate_->openEditor();
+    if (!isEditing() || !editor) return;
+    commitData(editor);
+    closeEditor(editor, QAbstractItemDelegate::NoHint);
 }
 
 void DMTableView::closeEditor(QWidget* editor, QAbstractItemDelegate::EndEditHint hint)

@@ -7,6 +7,8 @@
 #include <QAbstractTableModel>
 #include <QLabel>
 #include <QPixmap>
+#include <QPointer>
+#include <QStyledItemDelegate>
 #include <QTableView>
 
 class MovieDoc;
@@ -29,21 +31,46 @@ public:
     QVariant headerData(int section, Qt::Orientation o, int role) const override;
     // The column identifiers: "time", "offset", "flag".
     static QString identifier(int column);
+    // Shows the document's rows again. When the number of rows is the same,
+    // the cells are refreshed in place, so an open editor stays valid.
     void reloadData();
 
 private:
     MovieDoc* doc_;
+    int rows_ = -1; // as last shown
+};
+
+// The cell editor: an opaque line edit (the cell's old text does not show
+// through), numbers only in the offset column.
+class OffsetCellDelegate : public QStyledItemDelegate {
+    Q_OBJECT
+public:
+    using QStyledItemDelegate::QStyledItemDelegate;
+    QWidget* createEditor(QWidget* parent, QStyleOptionViewItem const& option, QModelIndex const& index) const override;
+    void setEditorData(QWidget* editor, QModelIndex const& index) const override;
+    void setModelData(QWidget* editor, QAbstractItemModel* model, QModelIndex const& index) const override;
+    // The editor now open, if any.
+    QWidget* openEditor() const { return editor_; }
+
+private:
+    mutable QPointer<QWidget> editor_;
 };
 
 // The table. Return ends an edit without moving on to the next row.
 class DMTableView : public QTableView {
     Q_OBJECT
 public:
-    using QTableView::QTableView;
+    explicit DMTableView(QWidget* parent = nullptr);
     bool isEditing() const { return state() == QAbstractItemView::EditingState; }
+    // Commits and closes the editor that is open, if any.
+    void commitEditing();
+    OffsetCellDelegate* cellDelegate() const { return delegate_; }
 
 protected:
     void closeEditor(QWidget* editor, QAbstractItemDelegate::EndEditHint hint) override;
+
+private:
+    OffsetCellDelegate* delegate_;
 };
 
 class OffsetListWindowController : public kit::WindowController {

@@ -15,6 +15,7 @@ int main(int argc, char** argv)
     if (!versionCheck(argc, argv)) return 1;
     media::setupMediaLogging();
     DMApplication app(argc, argv);
+    app.installSignalHandlers();
     DMAppDelegate delegate; // factory defaults and transformers before anything reads them
     app.setDelegate(&delegate);
     DMDocumentController controller;

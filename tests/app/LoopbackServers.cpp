@@ -110,8 +110,8 @@ int HttpServer::requests(std::string const& path) const
     return it == hits_.end() ? 0 : it->second;
 }
 
-SmtpSink::SmtpSink(bool refusing)
-    : refusing_(refusing), server_([this](int fd, std::atomic<bool> const& stop) {
+SmtpSink::SmtpSink(bool refusing, int dataDelayMs)
+    : refusing_(refusing), dataDelayMs_(dataDelayMs), server_([this](int fd, std::atomic<bool> const& stop) {
           std::string buffer, line;
           Message m;
           writeAll(fd, "220 127.0.0.1 test sink\r\n");
@@ -129,6 +129,9 @@ SmtpSink::SmtpSink(bool refusing)
                       writeAll(fd, "250 OK\r\n");
                   }
               } else if (verb == "DATA") {
+                  auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(dataDelayMs_);
+                  while (!stop && std::chrono::steady_clock::now() < until)
+                      std::this_thread::sleep_for(std::chrono::milliseconds(10));
                   writeAll(fd, "354 Go on\r\n");
                   std::string data;
                   if (!readUntil(fd, buffer, "\r\n.\r\n", stop, data)) return;

@@ -42,18 +42,20 @@ private:
     LoopbackServer server_;
 };
 
-// SMTP: takes every message, or (refusing) turns every recipient away.
+// SMTP: takes every message, or (refusing) turns every recipient away. A
+// slow sink waits `dataDelayMs` before it lets the client send the text.
 class SmtpSink {
 public:
     struct Message {
         std::string from, to, data;
     };
-    explicit SmtpSink(bool refusing = false);
+    explicit SmtpSink(bool refusing = false, int dataDelayMs = 0);
     std::string url() const { return "smtp://127.0.0.1:" + std::to_string(server_.port()); }
     std::vector<Message> messages() const;
 
 private:
     bool refusing_;
+    int dataDelayMs_;
     mutable std::mutex lock_;
     std::vector<Message> messages_;
     LoopbackServer server_;

@@ -88,7 +88,14 @@ QString runSavePanel(SavePanelSpec const& spec)
     }
     dialog.selectFile(spec.proposedName);
     dialog.setWindowModality(spec.sheetParent ? Qt::WindowModal : Qt::ApplicationModal);
-    if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty()) return {};
+    if (spec.customize) spec.customize(dialog);
+    int result = dialog.exec();
+    // The accessory goes back to its owner before the dialog is destroyed.
+    if (spec.accessory) {
+        spec.accessory->hide();
+        spec.accessory->setParent(nullptr);
+    }
+    if (result != QDialog::Accepted || dialog.selectedFiles().isEmpty()) return {};
     QString path = dialog.selectedFiles().front();
     if (!spec.requiredExtension.isEmpty() && QFileInfo(path).suffix().compare(spec.requiredExtension, Qt::CaseInsensitive) != 0)
         path += "." + spec.requiredExtension;

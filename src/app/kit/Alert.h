@@ -7,6 +7,8 @@
 #include <QStringList>
 #include <QWidget>
 
+class QFileDialog;
+
 #include <functional>
 
 namespace kit {
@@ -35,8 +37,9 @@ struct SavePanelSpec {
     QString proposedName;
     QString requiredExtension; // without the point; empty: any
     QStringList nameFilters;
-    QWidget* accessory = nullptr; // shown under the file list
+    QWidget* accessory = nullptr; // shown under the file list; still the caller's after the panel
     QWidget* sheetParent = nullptr;
+    std::function<void(QFileDialog&)> customize; // runs on the real panel before it shows
 };
 // The chosen path, or empty for Cancel.
 QString runSavePanel(SavePanelSpec const& spec);

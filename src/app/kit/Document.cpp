@@ -71,6 +71,16 @@ void Document::updateChangeCount(ChangeType change)
     }
 }
 
+void Document::changesSaved(int saved)
+{
+    bool was = isDocumentEdited();
+    changeCount_ -= saved;
+    if (was != isDocumentEdited()) {
+        updateWindowTitles();
+        emit editedChanged(isDocumentEdited());
+    }
+}
+
 QString Document::displayName() const
 {
     return fileName_.isEmpty() ? QStringLiteral("Untitled") : QFileInfo(fileName_).fileName();
@@ -152,11 +162,12 @@ bool Document::saveToFile(QString const& path, SaveOperation op)
 {
     QString type = writableTypes().isEmpty() ? fileType_ : writableTypes().front();
     if (op == SaveOperation::Save) type = fileType_;
+    int before = changeCount_;
     if (!writeToFile(path, type, op)) return false;
     if (op != SaveOperation::SaveTo) {
         setFileType(type);
         setFileName(path);
-        updateChangeCount(ChangeType::Cleared);
+        changesSaved(before);
     }
     return true;
 }

@@ -57,6 +57,8 @@ public:
 
     // Changes: Done +1, Undone -1, Cleared 0. Edited while not 0.
     void updateChangeCount(ChangeType change);
+    // Takes back `saved` changes, as a save of them does.
+    void changesSaved(int saved);
     int changeCount() const { return changeCount_; }
     bool isDocumentEdited() const { return changeCount_ != 0; }
     // The file's name, or "Untitled".
@@ -79,8 +81,9 @@ public:
     // Asks for a file and saves to it; `done` gets whether it was saved.
     virtual void runModalSavePanel(SaveOperation op, std::function<void(bool)> done);
     // Writes to `path`; Save and Save As make it the document's file and
-    // clear the change count. Shows an alert on failure.
-    bool saveToFile(QString const& path, SaveOperation op);
+    // take back the changes that were saved (changes made while the write
+    // ran stay counted). Shows an alert on failure.
+    virtual bool saveToFile(QString const& path, SaveOperation op);
 
     // Asks the save-changes question when edited; `done` gets whether the
     // document may close.

@@ -1,6 +1,7 @@
 #include "PXUpdateChecker.h"
 
 #include "Resources.h"
+#include "version.h"
 #include "kit/Alert.h"
 #include "kit/UserDefaults.h"
 
@@ -8,12 +9,43 @@
 #include <QDateTime>
 #include <QDesktopServices>
 #include <QFile>
+#include <QThread>
 #include <QUrl>
+
+#include <iostream>
+#include <regex>
 
 namespace {
 constexpr char const* kCheckAtStartup = "PXUpdateCheckerCheckAtStartup";
 constexpr char const* kLastCheckDate = "PXUpdateCheckerLastCheckDate";
+
+void report(std::string const& what) { std::cerr << "Update check: " << what << std::endl; }
+
+// A version number exactly as version_t reads it, with every number small
+// enough to be kept whole (version_t keeps only the low 16 bits).
+std::optional<version_t> strictVersion(std::string const& s)
+{
+    static const std::regex grammar(R"(([0-9]+)(\.([0-9]+)(\.([0-9]+))?((d|a|\xCE\xB1|b|\xCE\xB2|rc|r)([0-9]+))?)?)");
+    std::smatch m;
+    if (!std::regex_match(s, m, grammar)) return std::nullopt;
+    for (int group : {1, 3, 5, 8})
+        if (m[group].matched && (m[group].length() > 9 || std::stol(m[group].str()) > 32767)) return std::nullopt;
+    return version_t(s);
+}
 } // namespace
+
+std::optional<bool> PXUpdateChecker::isNewerVersion(std::string const& published, std::string const& running)
+{
+    auto p = strictVersion(published), r = strictVersion(running);
+    if (!p || !r) return std::nullopt;
+    return *r < *p;
+}
+
+bool PXUpdateChecker::isWebPage(std::string const& url)
+{
+    QUrl u(QString::fromStdString(url), QUrl::StrictMode);
+    return u.isValid() && (u.scheme() == "http" || u.scheme() == "https") && !u.host().isEmpty();
+}
 
 PXUpdateChecker::Config PXUpdateChecker::Config::fromResources()
 {
@@ -29,7 +61,8 @@ PXUpdateChecker::Config PXUpdateChecker::Config::fromResources()
 
 PXUpdateChecker::PXUpdateChecker(Config config) : config_(std::move(config))
 {
-    if (!config_.openUrl) config_.openUrl = [](QString const& url) { QDesktopServices::openUrl(QUrl(url)); };
+    if (!config_.openUrl)
+        config_.openUrl = [](QString const& url) { QDesktopServices::openUrl(QUrl(url, QUrl::StrictMode)); };
 }
 
 PXUpdateChecker::~PXUpdateChecker()
@@ -99,13 +132,53 @@ void PXUpdateChecker::checkForUpdates() { startCheck(true); }
 void PXUpdateChecker::startCheck(bool notify)
 {
     ++running_;
-    threads_.emplace_back([this, notify] {
-        checkForUpdatesAndNotify(notify);
+    try {
+        threads_.emplace_back([this, notify] {
+            runCheck(notify);
+            --running_;
+        });
+    } catch (std::exception const& e) { // no thread could be started
         --running_;
-    });
+        report(std::string("cannot start: ") + e.what());
+        if (notify) hand({{"isError", "1"}});
+    }
 }
 
-std::optional<net::PlistValue> PXUpdateChecker::latestVersionsDictionary() const
+void PXUpdateChecker::runCheck(bool notify) noexcept
+{
+    try {
+        checkForUpdatesAndNotify(notify);
+        return;
+    } catch (std::exception const& e) {
+        report(std::string("failed: ") + e.what());
+    } catch (...) {
+        report("failed");
+    }
+    if (!notify) return;
+    try {
+        hand({{"isError", "1"}});
+    } catch (...) {
+        report("the error alert could not be shown");
+    }
+}
+
+void PXUpdateChecker::hand(Outcome const& outcome)
+{
+    if (closing_) return;
+    auto show = [this, outcome] {
+        try {
+            notifyAboutUpdateToNewVersion(outcome);
+        } catch (std::exception const& e) {
+            report(std::string("alert failed: ") + e.what());
+        } catch (...) {
+            report("alert failed");
+        }
+    };
+    if (QThread::currentThread() == thread()) show(); // already on the main thread
+    else QMetaObject::invokeMethod(this, show, Qt::BlockingQueuedConnection);
+}
+
+std::optional<net::PlistValue> PXUpdateChecker::latestVersionsDictionary(std::string* error) const
 {
     if (config_.macPadUrl) {
         // The last line of MacPAD.url is the address (the last non-empty one
@@ -120,25 +193,27 @@ std::optional<net::PlistValue> PXUpdateChecker::latestVersionsDictionary() const
             if (end == std::string::npos) break;
             start = end + 1;
         }
-        if (url.empty()) return std::nullopt;
+        if (url.empty()) {
+            if (error) *error = "MacPAD.url holds no address";
+            return std::nullopt;
+        }
         if (url.back() == '/' || url.back() == '=') url += config_.bundleIdentifier.toStdString() + ".plist";
-        return net::dictionaryWithContentsOfURL(url, config_.limits);
+        return net::dictionaryWithContentsOfURL(url, config_.limits, error);
     }
-    auto all = net::dictionaryWithContentsOfURL(config_.updatePlistUrl.toStdString(), config_.limits);
+    auto all = net::dictionaryWithContentsOfURL(config_.updatePlistUrl.toStdString(), config_.limits, error);
     if (!all) return std::nullopt;
     auto it = all->dict.find(config_.bundleIdentifier.toStdString());
-    if (it == all->dict.end() || !it->second.isDict) return std::nullopt;
-    return it->second;
+    if (it == all->dict.end() || !it->second.isDict) {
+        if (error) *error = "no entry for " + config_.bundleIdentifier.toStdString();
+        return std::nullopt;
+    }
+    return std::move(it->second);
 }
 
 void PXUpdateChecker::checkForUpdatesAndNotify(bool notify)
 {
-    auto hand = [this](Outcome outcome) {
-        if (closing_) return;
-        QMetaObject::invokeMethod(
-            this, [this, outcome] { notifyAboutUpdateToNewVersion(outcome); }, Qt::BlockingQueuedConnection);
-    };
-    auto info = latestVersionsDictionary();
+    std::string error;
+    auto info = latestVersionsDictionary(&error);
     if (info) {
         auto str = [&](char const* key) -> std::optional<std::string> {
             auto it = info->dict.find(key);
@@ -149,17 +224,21 @@ void PXUpdateChecker::checkForUpdatesAndNotify(bool notify)
             version = str("version");
             page = str("url");
         }
-        if (version && *version == config_.bundleVersion.toStdString()) {
+        std::optional<bool> newer = version ? isNewerVersion(*version, config_.bundleVersion.toStdString()) : std::nullopt;
+        if (newer && !*newer) { // ours is as new or newer
             if (notify) hand({});
             return;
         }
-        if (version) {
+        if (newer) {
             Outcome o{{"productVersion", *version}};
-            if (page) o["productPageURL"] = *page;
+            if (page && isWebPage(*page)) o["productPageURL"] = *page;
+            else if (page) report("download page refused (not an http or https address): " + *page);
             hand(o);
             return;
         }
+        error = version ? "not a version number: " + *version : "the update information names no version";
     }
+    report(error);
     if (notify) hand({{"isError", "1"}});
 }
 
@@ -181,7 +260,7 @@ void PXUpdateChecker::notifyAboutUpdateToNewVersion(Outcome const& outcome)
         a.icon = QMessageBox::Information;
         if (kit::runAlert(a) == 0) {
             auto page = outcome.find("productPageURL");
-            if (page != outcome.end()) config_.openUrl(QString::fromStdString(page->second));
+            if (page != outcome.end() && isWebPage(page->second)) config_.openUrl(QString::fromStdString(page->second));
         }
     } else {
         a.title = text("UPDATE_ERROR_TITLE");

@@ -43,10 +43,14 @@ public:
     void awakeFromNib();
     // A check from the menu: every outcome is shown.
     void checkForUpdates();
-    std::optional<net::PlistValue> latestVersionsDictionary() const;
+    // The update information, or nullopt with `error` set.
+    std::optional<net::PlistValue> latestVersionsDictionary(std::string* error = nullptr) const;
     // The check itself (background thread); `notify` shows every outcome.
+    // Only a published version newer than ours is announced; an older or
+    // equal one counts as up to date.
     void checkForUpdatesAndNotify(bool notify);
-    // Shows the alert for an outcome (main thread).
+    // Shows the alert for an outcome (main thread). Download opens the page
+    // only when it is an http or https address.
     void notifyAboutUpdateToNewVersion(Outcome const& outcome);
     // The preferences check box.
     void setPrefsButton(QCheckBox* box) { prefsButton_ = box; }
@@ -56,12 +60,24 @@ public:
     // Waits for the background checks that are running (tests, shutdown).
     void waitForChecks();
 
+    // Whether `published` is a newer version than `running`; nullopt when
+    // either is not a version number (major[.minor[.subminor][marker build]],
+    // each number at most 32767).
+    static std::optional<bool> isNewerVersion(std::string const& published, std::string const& running);
+    // Whether the browser may be given `url`: an http or https address with
+    // a host. Anything else (file:, javascript:, no scheme) is refused.
+    static bool isWebPage(std::string const& url);
+
     // Seconds since 1 January 2001, 00:00 GMT.
     static double referenceDateNow();
     static constexpr double kInterval = 864000; // ten days
 
 private:
     void startCheck(bool notify);
+    // Runs a check and reports any failure instead of letting it leave the thread.
+    void runCheck(bool notify) noexcept;
+    // Shows `outcome` on the main thread and waits until the alert is closed.
+    void hand(Outcome const& outcome);
     QString text(QString const& key) const;
     Config config_;
     QPointer<QCheckBox> prefsButton_;

@@ -1,0 +1,350 @@
+// The document's file handling: the file types, reading a movie into a
+// player and a sync session, writing it back, the first Save As panel, and
+// refusing to close while a write runs.
+#include "MovieDoc.h"
+
+#include "FileErrors.h"
+
+#include "DMApplication.h"
+#include "MovieView.h"
+#include "ProgressSheet.h"
+#include "SyncPointWindow.h"
+#include "kit/Alert.h"
+#include "kit/UserDefaults.h"
+
+#include <QFileInfo>
+
+namespace {
+
+// The settings the workflow reads on every step; made once, live until exit.
+kit::UserDefaults<float> const loopLength("loopLength");
+kit::UserDefaults<float> const audioStep("audioStep");
+
+media::SoundCodec soundCodecPreference()
+{
+    try {
+        return media::soundCodecNamed(kit::Defaults::standard().value("soundCodec").toString().toStdString());
+    } catch (media::MediaError const&) {
+        return media::SoundCodec::Same;
+    }
+}
+
+QString joined(std::vector<std::string> const& lines)
+{
+    QStringList out;
+    for (auto const& l : lines) out << QString::fromStdString(l);
+    return out.join("\n");
+}
+
+SyncSession::Settings currentSettings()
+{
+    SyncSession::Settings s;
+    s.loopLength = loopLength;
+    s.audioStep = audioStep;
+    s.reverseWheel = kit::UserDefaults<int>("reverseWheel");
+    s.reverseArrows = kit::UserDefaults<int>("reverseArrows");
+    return s;
+}
+
+} // namespace
+
+QString MovieDoc::typeForContainer(std::string const& container)
+{
+    if (container == "mov") return "QuickTime Movie";
+    if (container == "mp4") return "MPEG-4 Movie";
+    if (container == "matroska") return "Matroska Movie";
+    if (container == "webm") return "WebM Movie";
+    return "UnsavedDocument";
+}
+
+std::string MovieDoc::containerForType(QString const& type)
+{
+    if (type == "QuickTime Movie") return "mov";
+    if (type == "MPEG-4 Movie") return "mp4";
+    if (type == "Matroska Movie") return "matroska";
+    if (type == "WebM Movie") return "webm";
+    return {};
+}
+
+QString MovieDoc::typeForFile(QString const& path)
+{
+    QString ext = QFileInfo(path).suffix().toLower();
+    if (ext == "qt") return "QuickTime Movie";
+    return typeForContainer(media::containerForPath(path.toStdString()));
+}
+
+QStringList MovieDoc::fileExtensionsFromType(QString const& type) const
+{
+    if (type == "QuickTime Movie") return {"mov", "qt"};
+    if (type == "MPEG-4 Movie") return {"mp4", "m4v"};
+    if (type == "Matroska Movie") return {"mkv"};
+    if (type == "WebM Movie") return {"webm"};
+    return {};
+}
+
+std::string MovieDoc::saveAsContainer() const
+{
+    std::string own = containerForType(fileType());
+    if (!own.empty()) return own;
+    return media::containerForSaveAs(opened_ ? opened_->container : std::string(), opened_ ? opened_->formatName : std::string());
+}
+
+std::optional<media::SaveOptions> MovieDoc::saveOptionsFor(std::string const& container, QString const& what)
+{
+    media::SaveOptions options;
+    options.container = container;
+    options.soundCodec = soundCodecPreference();
+    media::SavePlan plan;
+    try {
+        plan = media::planSave(*opened_->movie, options);
+    } catch (media::MediaError const& e) {
+        kit::AlertSpec spec;
+        spec.message = QString("The movie cannot be %1 as a %2 file.").arg(what, QString::fromStdString(media::containerTitle(container)));
+        spec.informative = QString::fromStdString(e.what());
+        spec.sheetParent = mMovieWindow;
+        kit::runAlert(spec);
+        return std::nullopt;
+    }
+    if (!plan.losses.empty()) {
+        // Nothing is left out unless the user says so.
+        kit::AlertSpec spec;
+        spec.message = QString("Some streams of this movie cannot go into a %1 file.").arg(QString::fromStdString(media::containerTitle(container)));
+        spec.informative = joined(plan.losses) +
+                           "\n\nThey can be left out of the new file, or you can cancel and choose another format (Matroska holds the most).";
+        spec.buttons = {"Leave Them Out", "Cancel"};
+        spec.sheetParent = mMovieWindow;
+        if (kit::runAlert(spec) != 0) return std::nullopt;
+        options.dropUnsupported = true;
+    }
+    return options;
+}
+
+void MovieDoc::showWriterNotes(std::vector<std::string> const& notes, QString const& what)
+{
+    if (notes.empty()) return;
+    kit::AlertSpec spec;
+    spec.message = what;
+    spec.informative = joined(notes);
+    spec.icon = QMessageBox::Information;
+    spec.sheetParent = mMovieWindow;
+    kit::runAlert(spec);
+}
+
+bool MovieDoc::readFromFile(QString const& path, QString const& type) { return readFromFile(path, type, nullptr); }
+
+bool MovieDoc::readFromFile(QString const& path, QString const& type, Refusal* error)
+{
+    auto report = [&](Refusal const& r) {
+        if (error) {
+            *error = r;
+            return;
+        }
+        kit::AlertSpec spec;
+        spec.message = QString::fromStdString(r.message);
+        spec.informative = QString::fromStdString(r.suggestion);
+        kit::runAlert(spec);
+    };
+    // Everything that can fail is built into locals first: a refused movie
+    // leaves the document as it was.
+    std::optional<media::OpenedMovie> opened;
+    std::unique_ptr<media::Player> player;
+    std::unique_ptr<SyncSession> session;
+    try {
+        opened = media::openMovie(path.toStdString());
+        // The player opens the sound decoder: a sound that can be read but
+        // not decoded is refused here, with the movie.
+        player = std::make_unique<media::Player>(opened->movie);
+        auto made = SyncSession::make(opened->movie.get(), player.get(), currentSettings, sessionHooks());
+        if (auto* refusal = std::get_if<Refusal>(&made)) {
+            report(*refusal);
+            return false;
+        }
+        session = std::move(std::get<std::unique_ptr<SyncSession>>(made));
+    } catch (std::bad_alloc const&) {
+        report({"The file could not be opened as a movie.", "There is not enough memory to open it."});
+        return false;
+    } catch (std::exception const& e) {
+        report({"The file could not be opened as a movie.", e.what()});
+        return false;
+    }
+    if (mMovieView) mMovieView->setPlayer(nullptr, {}, 0);
+    session_.reset();
+    player_.reset();
+    opened_ = std::move(opened);
+    player_ = std::move(player);
+    session_ = std::move(session);
+    faultShown_ = false;
+    setFileName(path);
+    // Saved in place only in a container the writer writes; any other file
+    // is an imported document, saved as a new file.
+    (void)type;
+    setFileType(typeForContainer(opened_->container));
+    player_->setSelectionFilter([this](QTTimeRange const&) { return allowSelectionChange(); });
+    player_->setIdleCallback([this](myQTTime now) { onIdle(now); },
+                             [this](std::function<void()> task) { QMetaObject::invokeMethod(this, std::move(task), Qt::QueuedConnection); });
+    // Called at most once, on a playback thread.
+    player_->setFaultCallback([this](std::string const& message) { emit playbackFault(QString::fromStdString(message)); });
+    updateMenu();
+    if (opened_->truncated) {
+        // Told once, at opening: the movie plays and saves as far as it can be read.
+        kit::AlertSpec spec;
+        spec.message = QString("\"%1\" is cut short.").arg(QFileInfo(path).fileName());
+        spec.informative = QString("It can be read to %1 s of the %2 s it declares; a save keeps only what can be read.")
+                               .arg(opened_->readableSeconds, 0, 'f', 1)
+                               .arg(opened_->declaredSeconds, 0, 'f', 1);
+        spec.icon = QMessageBox::Warning;
+        kit::runAlert(spec);
+    }
+    if (!opened_->notes.empty()) {
+        std::vector<std::string> notes = opened_->notes;
+        kit::AlertSpec spec;
+        spec.message = QString("\"%1\" was read with a change.").arg(QFileInfo(path).fileName());
+        spec.informative = joined(notes) + ".";
+        spec.icon = QMessageBox::Information;
+        kit::runAlert(spec);
+    }
+    return true;
+}
+
+bool MovieDoc::writeToFile(QString const& path, QString const& type, kit::SaveOperation op)
+{
+    if (!opened_ || busy_) return false;
+    myQTTime remembered = player_->currentTime();
+    bool wasPlaying = player_->isPlaying();
+    player_->pause();
+    player_->setCurrentTime(myQTTime(0LL, player_->sampleRate()));
+
+    (void)type; // the container follows the file: its own in place, the name's for a new file
+    std::string container = op == kit::SaveOperation::Save ? containerForType(fileType()) : media::containerForPath(path.toStdString());
+    if (container.empty()) container = saveAsContainer();
+    std::optional<media::SaveOptions> options = saveOptionsFor(container, "saved");
+    if (!options) {
+        player_->setCurrentTime(remembered);
+        if (wasPlaying) player_->play();
+        return false;
+    }
+    std::string target = path.toStdString();
+    dm::Movie& movie = *opened_->movie;
+    media::WriteResult result;
+    // What stopped the write, when the user can do something about it.
+    enum class Stop { None, WriteProtected, ChangedOnDisk } stop = Stop::None;
+    std::optional<std::string> outcome;
+    for (;;) {
+        stop = Stop::None;
+        // The worker writes `result` and `stop`; they are read only after the worker has ended.
+        outcome = runWithProgress(op == kit::SaveOperation::Save ? "Saving" : "Writing",
+                                  [&movie, &result, &stop, target, op, opts = *options](media::Progress const& progress) {
+                                      try {
+                                          if (op == kit::SaveOperation::Save) result = media::saveInPlace(movie, target, progress, opts);
+                                          else result = media::writeMovie(movie, target, progress, opts);
+                                      } catch (media::TargetWriteProtected const&) {
+                                          stop = Stop::WriteProtected;
+                                          throw;
+                                      } catch (media::FileChangedOnDisk const&) {
+                                          stop = Stop::ChangedOnDisk;
+                                          throw;
+                                      }
+                                  });
+        if (stop != Stop::WriteProtected || options->target.replaceWriteProtected) break;
+        // Nothing was written: ask, and write again only on a yes.
+        kit::AlertSpec ask;
+        ask.message = QString("\"%1\" is write-protected.").arg(QFileInfo(path).fileName());
+        ask.informative = "Replace it anyway? It stays write-protected.";
+        ask.buttons = {"Replace", "Cancel"};
+        ask.sheetParent = mMovieWindow;
+        if (kit::runAlert(ask) != 0) {
+            outcome = std::nullopt; // cancelled: no error to show
+            break;
+        }
+        options->target.replaceWriteProtected = true;
+    }
+    if (stop == Stop::ChangedOnDisk) {
+        // Another program changed the file: never overwrite its work; offer a new name.
+        kit::AlertSpec spec;
+        spec.message = "The file was changed by another program, so it was not replaced.";
+        spec.informative = QString::fromStdString(*outcome) + "\n\nSave the movie under another name to keep both versions.";
+        spec.buttons = {"Save As...", "Cancel"};
+        spec.sheetParent = mMovieWindow;
+        bool saveAs = kit::runAlert(spec) == 0;
+        player_->setCurrentTime(remembered);
+        if (wasPlaying) player_->play();
+        if (saveAs) QMetaObject::invokeMethod(this, [this] { saveDocumentAs(); }, Qt::QueuedConnection);
+        return false;
+    }
+    bool ok = outcome && outcome->empty();
+    if (ok) showWriterNotes(result.notes, "The movie was saved, with these changes:");
+    if (outcome && !outcome->empty()) {
+        kit::AlertSpec spec;
+        spec.message = "The movie could not be saved.";
+        spec.informative = QString::fromStdString(*outcome);
+        spec.sheetParent = mMovieWindow;
+        kit::runAlert(spec);
+    }
+    if (op == kit::SaveOperation::SaveAs) alreadySavedAs_ = ok;
+    player_->setCurrentTime(remembered);
+    if (wasPlaying) player_->play();
+    return ok;
+}
+
+bool MovieDoc::saveToFile(QString const& path, kit::SaveOperation op)
+{
+    bool ok = ImportDocument::saveToFile(path, op);
+    if (ok && op != kit::SaveOperation::SaveTo) setFileType(typeForFile(path));
+    // The title of the sync point window follows the file's new name.
+    reloadTable();
+    return ok;
+}
+
+void MovieDoc::canClose(std::function<void(bool)> done)
+{
+    if (busy_) {
+        kit::beep();
+        done(false);
+        return;
+    }
+    ImportDocument::canClose(std::move(done));
+}
+
+void MovieDoc::runModalSavePanel(kit::SaveOperation op, std::function<void(bool)> done)
+{
+    // The proposal has the extension of the container the movie is written
+    // in: its own, or for a file that is read but not written, the one the
+    // writer chooses. The first Save As proposes "<name>-synced".
+    QString ext = QString::fromStdString(media::extensionOfContainer(saveAsContainer()));
+    bool first = op == kit::SaveOperation::SaveAs && !alreadySavedAs_;
+    kit::SavePanelSpec spec;
+    spec.title = op == kit::SaveOperation::SaveTo ? "Save a Copy" : "Save As";
+    QFileInfo info(fileName());
+    spec.directory = info.absolutePath();
+    spec.proposedName = info.completeBaseName() + (first ? "-synced." : ".") + ext;
+    spec.nameFilters = QStringList{"Movies (*.mov *.mp4 *.m4v *.mkv *.webm)", "All Files (*)"};
+    spec.sheetParent = mMovieWindow;
+    QString path = kit::runSavePanel(spec);
+    if (path.isEmpty()) {
+        done(false);
+        return;
+    }
+    // A name without a movie extension gets the proposed one.
+    if (media::containerForPath(path.toStdString()).empty()) path += "." + ext;
+    done(saveToFile(path, op));
+}
+
+std::optional<std::string> MovieDoc::runWithProgress(QString const& title, std::function<void(media::Progress const&)> work)
+{
+    // The table must not change the tracks while the worker reads them.
+    if (DMTableView* t = getTableView()) t->commitEditing(); // an open edit lands before the write starts
+    busy_ = true;
+    updateMenu();
+    std::optional<std::string> outcome;
+    {
+        ProgressSheet sheet(mMovieWindow, title);
+        progress_ = &sheet;
+        outcome = sheet.run(std::move(work));
+        progress_ = nullptr;
+    }
+    busy_ = false;
+    updateMenu();
+    return outcome;
+}
+
+QProgressDialog* MovieDoc::progressPanel() const { return progress_ ? progress_->panel() : nullptr; }

@@ -1,0 +1,81 @@
+#include "ProgressSheet.h"
+
+#include "FFmpeg.h"
+
+#include <QEventLoop>
+#include <QTimer>
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+ProgressSheet::ProgressSheet(QWidget* parent, QString const& title) : panel_(parent)
+{
+    panel_.setWindowTitle(title);
+    panel_.setWindowModality(Qt::WindowModal);
+    panel_.setRange(0, 100);
+    panel_.setMinimumDuration(0);
+    panel_.setAutoClose(false);
+    panel_.setAutoReset(false);
+    panel_.setLabelText("Preparing\u2026");
+}
+
+ProgressSheet::~ProgressSheet() { panel_.hide(); }
+
+std::optional<std::string> ProgressSheet::run(std::function<void(media::Progress const&)> work)
+{
+    // Shared with the worker; it may outlive this call only by the join below.
+    struct Shared {
+        std::mutex lock;
+        std::string operation;     // guarded by lock
+        double fraction = 0;       // guarded by lock
+        std::optional<std::string> outcome; // guarded by lock
+        std::atomic<bool> stop{false};
+        std::atomic<bool> done{false};
+    };
+    auto shared = std::make_shared<Shared>();
+    QObject::connect(&panel_, &QProgressDialog::canceled, &panel_, [shared] { shared->stop = true; });
+    panel_.show();
+
+    media::Progress progress = [shared](std::string const& op, media::Phase, double f) {
+        std::lock_guard<std::mutex> g(shared->lock);
+        shared->operation = op;
+        shared->fraction = f;
+        return !shared->stop.load();
+    };
+    QEventLoop loop;
+    std::thread worker([&loop, shared, progress, work = std::move(work)] {
+        std::optional<std::string> outcome;
+        try {
+            work(progress);
+            outcome = std::string();
+        } catch (media::Cancelled const&) {
+        } catch (std::exception const& e) {
+            outcome = std::string(e.what()).empty() ? std::string("unknown error") : std::string(e.what());
+        } catch (...) {
+            outcome = std::string("unknown error");
+        }
+        {
+            std::lock_guard<std::mutex> g(shared->lock);
+            shared->outcome = outcome;
+        }
+        shared->done = true;
+        QMetaObject::invokeMethod(&loop, "quit", Qt::QueuedConnection);
+    });
+    QTimer ticker;
+    QObject::connect(&ticker, &QTimer::timeout, &panel_, [this, shared] {
+        if (panel_.wasCanceled()) shared->stop = true;
+        std::lock_guard<std::mutex> g(shared->lock);
+        if (!shared->operation.empty()) panel_.setLabelText(QString::fromStdString(shared->operation) + "\u2026");
+        panel_.setValue(static_cast<int>(shared->fraction * 100));
+    });
+    ticker.start(50);
+    if (!shared->done) loop.exec();
+    if (!shared->done) shared->stop = true; // the event loop was told to end: cancel, then wait
+    worker.join();
+    ticker.stop();
+    panel_.hide();
+    std::lock_guard<std::mutex> g(shared->lock);
+    return shared->outcome;
+}

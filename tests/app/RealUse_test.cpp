@@ -1,0 +1,509 @@
+// The application as people use it: the real file panels, Quit and the
+// termination signals, which keys reach which widget, the keyboard
+// transport, the cell editor, the window layout, and that no edit is lost.
+#include "AppTestSupport.h"
+#include "DMApplication.h"
+#include "DMDocumentController.h"
+#include "MediaTestSupport.h"
+#include "MovieDoc.h"
+#include "MovieView.h"
+#include "SyncPointWindow.h"
+#include "kit/Alert.h"
+#include "kit/UserDefaults.h"
+
+#include <QComboBox>
+#include <QFileDialog>
+#include <QLineEdit>
+#include <QMenuBar>
+#include <QTest>
+#include <QTimer>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <sys/stat.h>
+
+using namespace testsupport;
+
+namespace {
+
+constexpr int kRate = 48000;
+
+DMDocumentController& controller() { return *static_cast<DMDocumentController*>(kit::DocumentController::shared()); }
+
+myQTTime at(double s) { return myQTTime(static_cast<long long>(std::llround(s * kRate)), kRate); }
+
+// Qt's warnings while it lives.
+struct WarningRecorder {
+    static inline std::vector<std::string>* sink = nullptr;
+    std::vector<std::string> warnings;
+    QtMessageHandler previous;
+    WarningRecorder()
+    {
+        sink = &warnings;
+        previous = qInstallMessageHandler([](QtMsgType type, QMessageLogContext const&, QString const& m) {
+            if (type != QtDebugMsg && type != QtInfoMsg && sink) sink->push_back(m.toStdString());
+        });
+    }
+    ~WarningRecorder()
+    {
+        qInstallMessageHandler(previous);
+        sink = nullptr;
+    }
+};
+
+class RealUse : public DocumentTest {
+protected:
+    // A copy of `movie` in `dir`, opened: for tests that save.
+    MovieDoc* openCopy(ScratchDir const& dir, std::string const& name, std::string const& movie)
+    {
+        std::string path = dir.file(name);
+        writeFile(path, readFile(movie));
+        return open(path);
+    }
+    static bool key(QWidget* w, Qt::Key k, Qt::KeyboardModifiers m = Qt::NoModifier, QString text = {})
+    {
+        QKeyEvent press(QEvent::KeyPress, k, m, text);
+        QApplication::sendEvent(w, &press);
+        return press.isAccepted();
+    }
+    // Runs `answer` on the next modal file dialog that opens.
+    static void onFileDialog(std::function<void(QFileDialog&)> answer)
+    {
+        auto* poll = new QTimer;
+        auto seen = std::make_shared<int>(0);
+        QObject::connect(poll, &QTimer::timeout, poll, [poll, answer, seen] {
+            for (QWidget* w : QApplication::topLevelWidgets()) {
+                auto* d = qobject_cast<QFileDialog*>(w);
+                if (!d || !d->isVisible()) continue;
+                // As a person would: once the panel has listed its folder
+                // (which selects the proposed file again).
+                if (++*seen < 40) return;
+                poll->stop();
+                poll->deleteLater();
+                answer(*d);
+                return;
+            }
+        });
+        poll->start(10);
+    }
+};
+
+std::string movie12() { return cachedMovie("realuse-12s.mov", smallSpec(12, 0.0, 1.0)); }
+
+TEST_F(RealUse, ExportThroughTheRealPanelTakesTheFormatsExtension)
+{
+    ScratchDir dir;
+    MovieDoc* doc = openCopy(dir, "talk.mov", movie12());
+    ASSERT_TRUE(doc);
+    AlertRecorder alerts;
+
+    // Cancelled: nothing written, nothing freed twice.
+    onFileDialog([](QFileDialog& d) { d.reject(); });
+    doc->doExport();
+    EXPECT_EQ(listDir(dir.path()), std::vector<std::string>{"talk.mov"});
+
+    // MPEG-4 chosen in the real panel: the proposed name follows it.
+    QString shownName;
+    onFileDialog([&](QFileDialog& d) {
+        auto* chooser = d.findChild<QComboBox*>("exportType");
+        ASSERT_TRUE(chooser);
+        chooser->setCurrentIndex(chooser->findText("MPEG-4"));
+        for (auto* edit : d.findChildren<QLineEdit*>())
+            if (edit->isVisible() && edit->text().startsWith("talk")) shownName = edit->text();
+        QMetaObject::invokeMethod(&d, "accept");
+    });
+    doc->doExport();
+    EXPECT_EQ(shownName, "talk.mp4");
+    EXPECT_TRUE(exists(dir.file("talk.mp4")));
+    EXPECT_TRUE(alerts.shown.empty());
+
+    // Through a panel that answers with the old extension: the file still
+    // gets the format's.
+    kit::setSavePanelResponder([&](kit::SavePanelSpec const& s) {
+        auto* chooser = s.accessory->findChild<QComboBox*>("exportType");
+        chooser->setCurrentIndex(chooser->findText("MPEG-4"));
+        return QString::fromStdString(dir.file("copy.mov"));
+    });
+    doc->doExport();
+    EXPECT_TRUE(exists(dir.file("copy.mp4")));
+    EXPECT_FALSE(exists(dir.file("copy.mov")));
+    EXPECT_EQ(MovieDoc::exportPathWithExtension("/a/b.x.mov", "mp4"), "/a/b.x.mp4");
+    EXPECT_EQ(MovieDoc::exportPathWithExtension("/a/notes.txt", "aiff"), "/a/notes.txt.aiff");
+}
+
+TEST_F(RealUse, QuitAsksEveryDocumentAndSignalsAskAsQuitDoes)
+{
+    auto* app = DMApplication::instance();
+    MovieDoc* a = open(movie12());
+    MovieDoc* b = open(cachedMovie("realuse-other.mov", smallSpec(6, 0.0, 1.0)));
+    ASSERT_TRUE(a && b);
+    focus(b);
+    b->player()->setCurrentTime(at(5));
+    b->startSync();
+    b->acceptSync();
+    ASSERT_TRUE(b->isDocumentEdited());
+    {
+        AlertRecorder alerts;
+        alerts.answer = 1; // Cancel: nothing closes
+        EXPECT_FALSE(app->terminate());
+        ASSERT_EQ(alerts.shown.size(), 1u);
+        EXPECT_EQ(controller().documents().size(), 2);
+    }
+    {
+        AlertRecorder alerts;
+        alerts.answer = 2; // Don't Save
+        EXPECT_TRUE(app->terminate());
+        EXPECT_EQ(alerts.shown.size(), 1u);
+        EXPECT_TRUE(controller().documents().isEmpty());
+    }
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+
+    // SIGTERM and SIGINT reach the event loop and ask the same way.
+    app->installSignalHandlers();
+    MovieDoc* c = open(movie12());
+    ASSERT_TRUE(c);
+    std::vector<int> received;
+    auto connection = QObject::connect(app, &DMApplication::terminationRequested, [&](int s) { received.push_back(s); });
+    std::raise(SIGTERM);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return controller().documents().isEmpty(); }, 3000));
+    std::raise(SIGINT);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return received.size() == 2; }, 3000));
+    QTest::qWait(100); // its Quit runs too, with nothing left to ask
+    QObject::disconnect(connection);
+    EXPECT_EQ(received, (std::vector<int>{SIGTERM, SIGINT}));
+}
+
+TEST_F(RealUse, MenusAndEditorsTakeTheirKeysFirst)
+{
+    MovieDoc* doc = open(movie12());
+    ASSERT_TRUE(doc);
+    doc->player()->setCurrentTime(at(6));
+    QMenu* sync = DMApplication::instance()->getSyncMenu();
+    sync->popup(QPoint(10, 10));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return QApplication::activePopupWidget() == sync; }, 2000));
+    key(doc->movieView(), Qt::Key_Return);
+    EXPECT_FALSE(doc->syncInProgress()); // the open menu had Return
+    sync->close();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !QApplication::activePopupWidget(); }, 2000));
+    focus(doc);
+    key(doc->movieView(), Qt::Key_Return);
+    ASSERT_TRUE(doc->syncInProgress());
+
+    // An open cell editor has Escape and Return; the point stays in progress.
+    doc->createInfoWindow(true);
+    DMTableView* table = doc->getTableView();
+    QApplication::setActiveWindow(doc->getInfoWindow());
+    table->edit(table->model()->index(doc->syncRow(), OffsetTableModel::kOffset));
+    ASSERT_TRUE(table->isEditing());
+    QWidget* editor = table->cellDelegate()->openEditor();
+    ASSERT_TRUE(editor);
+    key(editor, Qt::Key_Escape);
+    EXPECT_TRUE(doc->syncInProgress());
+    table->edit(table->model()->index(doc->syncRow(), OffsetTableModel::kOffset));
+    editor = table->cellDelegate()->openEditor();
+    ASSERT_TRUE(editor);
+    static_cast<QLineEdit*>(editor)->setText("30");
+    key(editor, Qt::Key_Return);
+    QCoreApplication::processEvents();
+    EXPECT_TRUE(doc->syncInProgress()); // Return ended the edit, it did not accept the point
+    EXPECT_NEAR(doc->objectValue("offset", doc->syncRow()).toDouble(), 30, 1e-3);
+}
+
+TEST_F(RealUse, KeyboardTransportOutsideASync)
+{
+    MovieDoc* doc = open(movie12());
+    ASSERT_TRUE(doc);
+    media::Player* p = doc->player();
+    p->setCurrentTime(at(5));
+    QWidget* view = doc->movieView();
+    key(view, Qt::Key_Right, Qt::ShiftModifier);
+    EXPECT_NEAR(p->currentTime().seconds(), 6.0, 1e-6);
+    key(view, Qt::Key_Left, Qt::ShiftModifier);
+    key(view, Qt::Key_Left, Qt::ShiftModifier);
+    EXPECT_NEAR(p->currentTime().seconds(), 4.0, 1e-6);
+    key(view, Qt::Key_Right); // one frame of 25 fps
+    EXPECT_NEAR(p->currentTime().seconds(), 4.04, 0.021);
+    EXPECT_FALSE(p->isPlaying());
+    key(view, Qt::Key_End);
+    EXPECT_NEAR(p->currentTime().seconds(), 12.0, 1e-6);
+    key(view, Qt::Key_Home);
+    EXPECT_NEAR(p->currentTime().seconds(), 0.0, 1e-6);
+    key(view, Qt::Key_L, Qt::NoModifier, "l");
+    EXPECT_EQ(doc->shuttleRate(), 1.0);
+    key(view, Qt::Key_L, Qt::NoModifier, "l");
+    EXPECT_EQ(doc->shuttleRate(), 2.0);
+    EXPECT_TRUE(p->isPlaying());
+    key(view, Qt::Key_J, Qt::NoModifier, "j"); // the other way first slows to a stop
+    EXPECT_EQ(doc->shuttleRate(), 0.0);
+    key(view, Qt::Key_J, Qt::NoModifier, "j");
+    EXPECT_EQ(doc->shuttleRate(), -1.0);
+    key(view, Qt::Key_K, Qt::NoModifier, "k");
+    EXPECT_EQ(doc->shuttleRate(), 0.0);
+    EXPECT_FALSE(p->isPlaying());
+
+    // In a sync the Sync menu keeps its keys: the arrows nudge the sound.
+    p->setCurrentTime(at(6));
+    key(view, Qt::Key_Return);
+    ASSERT_TRUE(doc->syncInProgress());
+    myQTTime audio = doc->audioTime();
+    key(view, Qt::Key_Right, Qt::ShiftModifier);
+    EXPECT_FALSE(doc->audioTime() == audio);
+    EXPECT_LE(p->currentTime().seconds(), 6.0 + 1e-6); // still inside the loop
+    EXPECT_FALSE(doc->transportKey(Qt::Key_Home, Qt::NoModifier));
+}
+
+TEST_F(RealUse, EditsAreNeverLost)
+{
+    ScratchDir dir;
+    std::string path = dir.file("talk.mov");
+    writeFile(path, readFile(cachedMovie("realuse-long.mov", smallSpec(60, 0.0, 1.0))));
+    MovieDoc* doc = open(path);
+    ASSERT_TRUE(doc);
+    doc->offsets()->replacePoints({Offset(at(2), at(2.04)), Offset(at(50), at(50.04))});
+    doc->createInfoWindow(true);
+    doc->reloadTable();
+    auto* model = doc->findInfoWindowController()->model();
+
+    // A table edit marks the document edited, so closing asks.
+    model->setData(model->index(0, OffsetTableModel::kOffset), "25", Qt::EditRole);
+    EXPECT_TRUE(doc->isDocumentEdited());
+
+    // While the save runs the table cannot change the movie.
+    bool triedDuringSave = false;
+    QTimer poll;
+    QObject::connect(&poll, &QTimer::timeout, [&] {
+        if (!doc->isBusy() || triedDuringSave) return;
+        triedDuringSave = true;
+        EXPECT_FALSE(model->flags(model->index(1, OffsetTableModel::kOffset)) & Qt::ItemIsEditable);
+        model->setData(model->index(1, OffsetTableModel::kOffset), "90", Qt::EditRole);
+    });
+    poll.start(5);
+    AlertRecorder alerts;
+    doc->saveDocument();
+    poll.stop();
+    EXPECT_TRUE(triedDuringSave);
+    EXPECT_NEAR(doc->offsets()->points()[1].offset().seconds(), -0.04, 1e-4);
+    EXPECT_FALSE(doc->isDocumentEdited());
+    for (auto const& a : alerts.shown) ADD_FAILURE() << a.message.toStdString();
+
+    // After a save the next table edit counts again.
+    model->setData(model->index(1, OffsetTableModel::kOffset), "-35", Qt::EditRole);
+    EXPECT_TRUE(doc->isDocumentEdited());
+}
+
+// A document whose write makes one more change while it runs.
+class ChangingDocument : public kit::Document {
+public:
+    bool readFromFile(QString const&, QString const&) override { return true; }
+    bool writeToFile(QString const&, QString const&, kit::SaveOperation) override
+    {
+        updateChangeCount(kit::ChangeType::Done);
+        return true;
+    }
+    QStringList writableTypes() const override { return {"Text"}; }
+};
+
+TEST(Kit, ChangesMadeDuringASaveStayCounted)
+{
+    ScratchDir dir;
+    ChangingDocument doc;
+    doc.setFileType("Text");
+    doc.updateChangeCount(kit::ChangeType::Done);
+    doc.updateChangeCount(kit::ChangeType::Done);
+    ASSERT_TRUE(doc.saveToFile(QString::fromStdString(dir.file("a.txt")), kit::SaveOperation::Save));
+    EXPECT_EQ(doc.changeCount(), 1);
+    EXPECT_TRUE(doc.isDocumentEdited());
+}
+
+TEST_F(RealUse, TheCellEditorAndTheSelection)
+{
+    MovieDoc* doc = open(movie12());
+    ASSERT_TRUE(doc);
+    doc->offsets()->replacePoints({Offset(at(5), at(5.04)), Offset(at(9), at(9.04))});
+    doc->createInfoWindow(true);
+    doc->reloadTable();
+    DMTableView* table = doc->getTableView();
+    QApplication::setActiveWindow(doc->getInfoWindow());
+    WarningRecorder warnings;
+
+    // The editor hides the cell's text and commits with Return, quietly.
+    table->setCurrentIndex(table->model()->index(0, OffsetTableModel::kOffset));
+    table->edit(table->currentIndex());
+    auto* editor = qobject_cast<QLineEdit*>(table->cellDelegate()->openEditor());
+    ASSERT_TRUE(editor);
+    EXPECT_TRUE(editor->autoFillBackground());
+    EXPECT_EQ(editor->text(), "-40.0");
+    editor->setText("-12.5");
+    key(editor, Qt::Key_Return);
+    QCoreApplication::processEvents();
+    EXPECT_FALSE(table->isEditing());
+    EXPECT_NEAR(doc->offsets()->points()[0].offset().seconds(), -0.0125, 1e-6);
+    for (auto const& w : warnings.warnings) ADD_FAILURE() << w;
+
+    // The selection stays on the point it marked when a point comes before it.
+    doc->setSelectedRows({1}); // the point at 9 s
+    focus(doc);
+    doc->player()->setCurrentTime(at(4));
+    doc->startSync();
+    EXPECT_TRUE(doc->selectedRows().empty() || doc->GetOffset(*doc->selectedRows().begin()).movieTime == at(9));
+    doc->acceptSync();
+    ASSERT_EQ(doc->selectedRows().size(), 1u);
+    EXPECT_TRUE(doc->GetOffset(*doc->selectedRows().begin()).movieTime == at(9));
+}
+
+TEST_F(RealUse, MenusShortcutsAndAbout)
+{
+    auto* app = DMApplication::instance();
+    ScratchDir dir; // a copy: the test saves in place
+    MovieDoc* doc = openCopy(dir, "menus.mov", movie12());
+    ASSERT_TRUE(doc);
+    // Every mnemonic is used once in its menu, and once in the menu bar.
+    QSet<QChar> bar;
+    for (QAction* top : doc->movieWindow()->menuBar()->actions()) {
+        QString t = top->text();
+        int amp = static_cast<int>(t.indexOf('&'));
+        ASSERT_GE(amp, 0) << t.toStdString();
+        EXPECT_FALSE(bar.contains(t[amp + 1].toLower())) << t.toStdString();
+        bar.insert(t[amp + 1].toLower());
+        QSet<QChar> items;
+        for (QAction* a : top->menu()->actions()) {
+            QString text = a->text().section('\t', 0, 0);
+            int i = static_cast<int>(text.indexOf('&'));
+            if (i < 0) continue;
+            EXPECT_FALSE(items.contains(text[i + 1].toLower())) << text.toStdString();
+            items.insert(text[i + 1].toLower());
+        }
+    }
+    EXPECT_EQ(app->getSyncMenu()->title(), "&Sync");
+    EXPECT_EQ(app->actionNamed("saveDocumentAs")->shortcut(), QKeySequence(Qt::CTRL | Qt::SHIFT | Qt::Key_S));
+
+    // Ctrl+S works from the sync point window too.
+    doc->player()->setCurrentTime(at(6));
+    doc->startSync();
+    doc->acceptSync();
+    ASSERT_TRUE(doc->isDocumentEdited());
+    doc->createInfoWindow(true);
+    QWidget* info = doc->getInfoWindow();
+    QApplication::setActiveWindow(info);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return QApplication::activeWindow() == info; }, 2000));
+    int saveAsked = 0;
+    kit::setSavePanelResponder([&](kit::SavePanelSpec const&) {
+        ++saveAsked;
+        return QString();
+    });
+    AlertRecorder alerts;
+    QTest::keyClick(info, Qt::Key_S, Qt::ControlModifier);
+    EXPECT_EQ(saveAsked, 0);
+    EXPECT_FALSE(doc->isDocumentEdited()); // saved in place
+    for (auto const& a : alerts.shown) ADD_FAILURE() << a.message.toStdString();
+
+    app->actionNamed("showAbout")->trigger();
+    ASSERT_EQ(alerts.shown.size(), 1u);
+    EXPECT_TRUE(alerts.shown[0].title.contains("About"));
+    EXPECT_TRUE(alerts.shown[0].message.startsWith("Dubmatch"));
+}
+
+TEST_F(RealUse, WindowLayout)
+{
+    ScratchDir dir;
+    MovieDoc* doc = openCopy(dir, "interview.mov", movie12());
+    ASSERT_TRUE(doc);
+    doc->createInfoWindow(true);
+    QWidget* info = doc->getInfoWindow();
+    QWidget* movie = doc->movieWindow();
+    EXPECT_FALSE(info->frameGeometry().intersects(movie->frameGeometry()));
+    QRect screen = movie->screen()->availableGeometry();
+    EXPECT_TRUE(screen.contains(info->frameGeometry().topLeft()));
+
+    // The picture keeps its size whatever the hint says.
+    int pictureHeight = doc->movieView()->height();
+    doc->player()->setCurrentTime(at(6));
+    doc->startSync();
+    QCoreApplication::processEvents();
+    EXPECT_EQ(doc->movieView()->height(), pictureHeight);
+    doc->acceptSync();
+    QCoreApplication::processEvents();
+    EXPECT_EQ(doc->movieView()->height(), pictureHeight);
+
+    // Save As renames the sync point window too.
+    kit::setSavePanelResponder([&](kit::SavePanelSpec const& s) { return QString::fromStdString(dir.file(s.proposedName.toStdString())); });
+    AlertRecorder alerts;
+    doc->saveDocumentAs();
+    EXPECT_EQ(info->windowTitle(), "interview-synced.mov Sync Points");
+
+    // A movie without pictures still gets a usable window.
+    std::string sound = dir.file("sound.aiff");
+    media::exportMovie(*media::openMovie(movie12()).movie, sound, media::ExportType::AIFF);
+    MovieDoc* audio = open(sound);
+    ASSERT_TRUE(audio);
+    EXPECT_GE(audio->movieWindow()->width(), 320);
+    EXPECT_GE(audio->movieView()->height(), audio->movieView()->controllerBarHeight());
+}
+
+TEST_F(RealUse, PlaybackFaultsAreToldOnce)
+{
+    MovieDoc* doc = open(movie12());
+    ASSERT_TRUE(doc);
+    AlertRecorder alerts;
+    emit doc->playbackFault("The sound stopped: decoder broke");
+    emit doc->playbackFault("The pictures stopped: again");
+    QCoreApplication::processEvents();
+    ASSERT_EQ(alerts.shown.size(), 1u);
+    EXPECT_TRUE(alerts.shown[0].informative.contains("decoder broke"));
+}
+
+} // namespace
+
+namespace {
+
+// A file the user may not mean to replace, and one another program changed:
+// the save asks first, and never overwrites the other program's work.
+TEST_F(RealUse, ProtectedAndChangedFilesAreNotReplacedBehindTheUsersBack)
+{
+    ScratchDir dir;
+    std::string path = dir.file("locked.mov");
+    std::string original = cachedMovie("realuse-protected.mov", smallSpec(12, 0.0, 1.0));
+    writeFile(path, readFile(original));
+    MovieDoc* doc = open(path);
+    ASSERT_TRUE(doc);
+    doc->offsets()->replacePoints({Offset(at(2), at(2.04)), Offset(at(10), at(10.04))});
+    ::chmod(path.c_str(), 0444);
+    std::string before = readFile(path);
+    {
+        AlertRecorder alerts;
+        alerts.answer = 1; // Cancel
+        doc->saveDocument();
+        ASSERT_EQ(alerts.shown.size(), 1u);
+        EXPECT_NE(alerts.shown[0].message.toStdString().find("write-protected"), std::string::npos);
+        EXPECT_EQ(readFile(path), before);
+    }
+    {
+        AlertRecorder alerts;
+        alerts.answer = 0; // Replace
+        doc->saveDocument();
+        ASSERT_GE(alerts.shown.size(), 1u);
+        EXPECT_NE(readFile(path), before);
+        EXPECT_EQ(disabledSoundTracks(path), 1);
+        struct stat st {};
+        ::stat(path.c_str(), &st);
+        EXPECT_EQ(st.st_mode & 0777, 0444u);
+    }
+
+    // Another program writes its own version of the file: the next save
+    // stops, says so and offers a new name.
+    ::chmod(path.c_str(), 0644);
+    std::string theirs = readFile(original);
+    writeFile(path, theirs);
+    doc->offsets()->replacePoints({Offset(at(2), at(2.05)), Offset(at(10), at(10.05))});
+    AlertRecorder alerts;
+    alerts.answer = 1; // Cancel, not Save As
+    doc->saveDocument();
+    ASSERT_EQ(alerts.shown.size(), 1u);
+    EXPECT_NE(alerts.shown[0].message.toStdString().find("changed by another program"), std::string::npos);
+    ASSERT_EQ(alerts.shown[0].buttons.size(), 2);
+    EXPECT_EQ(alerts.shown[0].buttons[0].toStdString(), "Save As...");
+    EXPECT_EQ(readFile(path), theirs);
+}
+
+} // namespace

@@ -1,0 +1,188 @@
+// The sync workflow without any window: a session over a movie and a
+// player on a manual sound device.
+#include "AudioOutput.h"
+#include "MediaTestSupport.h"
+#include "SyncSession.h"
+
+#include <gtest/gtest.h>
+
+using namespace testsupport;
+
+namespace {
+
+constexpr int kRate = 48000;
+
+myQTTime at(double s) { return myQTTime(static_cast<long long>(std::llround(s * kRate)), kRate); }
+
+struct Fixture {
+    media::OpenedMovie om;
+    std::unique_ptr<media::Player> player;
+    std::unique_ptr<SyncSession> session;
+    SyncSession::Settings settings;
+    int changes = 0, modeChanges = 0, pointChanges = 0;
+    std::optional<QTTimeRange> shown;
+
+    explicit Fixture(std::string const& path) : om(media::openMovie(path))
+    {
+        media::PlayerOptions o;
+        o.output = std::make_unique<media::ManualAudioOutput>();
+        o.video = false;
+        player = std::make_unique<media::Player>(om.movie, std::move(o));
+        SyncSession::Hooks h;
+        h.changed = [this](int d) { changes += d; };
+        h.modeChanged = [this] { ++modeChanges; };
+        h.pointsChanged = [this] { ++pointChanges; };
+        h.selectionShown = [this](QTTimeRange r) { shown = r; };
+        auto made = SyncSession::make(om.movie.get(), player.get(), [this] { return settings; }, h);
+        if (auto* s = std::get_if<std::unique_ptr<SyncSession>>(&made)) session = std::move(*s);
+    }
+    void startAt(double seconds)
+    {
+        player->setCurrentTime(at(seconds));
+        session->startSync();
+    }
+};
+
+std::string movie12() { return cachedMovie("session-12s.mov", smallSpec(12, 0.0, 1.0)); }
+
+TEST(SyncSession, StartNudgeAcceptFollowTheModes)
+{
+    Fixture f(movie12());
+    ASSERT_TRUE(f.session);
+    EXPECT_EQ(f.session->movieMode(), "noPoints");
+    EXPECT_EQ(f.session->numberOfRows(), 0);
+
+    f.startAt(6);
+    EXPECT_EQ(f.session->movieMode(), "pointInProgress");
+    EXPECT_EQ(f.session->startTime().timeValue, 2 * kRate); // "loopLength" before the play head
+    EXPECT_EQ(f.session->endTime().timeValue, 6 * kRate);
+    EXPECT_TRUE(f.player->isPlaying());
+    EXPECT_TRUE(f.om.movie->loops());
+    ASSERT_TRUE(f.shown);
+    EXPECT_NEAR(myQTTime(f.shown->duration).seconds(), 4.0, 1e-9);
+    EXPECT_EQ(f.session->numberOfRows(), 1);
+    EXPECT_TRUE(f.session->GetOffset(0).movieTime == at(4));
+
+    // Each nudge moves the heard sound by "audioStep" milliseconds.
+    myQTTime before = f.session->audioTime();
+    f.session->advanceAudio();
+    f.session->advanceAudio();
+    f.session->retardAudio();
+    EXPECT_NEAR(f.session->audioTime().seconds() - before.seconds(), -0.010, 1e-6);
+    EXPECT_NEAR(f.session->displayedOffset(0), 10.0, 1e-3);
+    f.settings.reverseArrows = -1;
+    EXPECT_NEAR(f.session->displayedOffset(0), -10.0, 1e-3);
+    f.settings.reverseArrows = 1;
+    f.session->scrollWheel(-5); // one millisecond per notch
+    EXPECT_NEAR(f.session->audioTime().seconds() - before.seconds(), -0.015, 1e-6);
+
+    int modesBefore = f.modeChanges;
+    f.session->acceptSync();
+    EXPECT_GT(f.modeChanges, modesBefore);
+    EXPECT_EQ(f.session->movieMode(), "endNeedsSync");
+    ASSERT_EQ(f.session->offsets()->points().size(), 1u);
+    EXPECT_NEAR(f.session->offsets()->points()[0].offset().seconds(), 0.015, 1e-6);
+    EXPECT_FALSE(f.om.movie->loops());
+    EXPECT_EQ(f.changes, 1);
+
+    // A second point near the end: the line is fitted through both.
+    f.startAt(11);
+    f.session->acceptSync();
+    EXPECT_EQ(f.session->movieMode(), "morePointsIfNeeded");
+
+    // Misuse is refused without a change.
+    f.session->acceptSync();
+    EXPECT_EQ(f.session->offsets()->points().size(), 2u);
+}
+
+TEST(SyncSession, EveryChangeOfThePointsCounts)
+{
+    Fixture f(movie12());
+    ASSERT_TRUE(f.session);
+    f.startAt(6);
+    f.session->abandonSync(); // started and abandoned: nothing changed
+    EXPECT_EQ(f.changes, 0);
+    EXPECT_EQ(f.session->numberOfRows(), 0);
+
+    f.startAt(6);
+    f.session->acceptSync();
+    f.startAt(11);
+    f.session->acceptSync();
+    EXPECT_EQ(f.changes, 2);
+
+    // Taking a point back into progress changes the movie even if abandoned:
+    // the point has left the list.
+    f.session->editSync(0);
+    EXPECT_EQ(f.session->syncRow(), 0);
+    EXPECT_EQ(f.session->numberOfRows(), 2);
+    EXPECT_EQ(f.changes, 3);
+    f.session->abandonSync();
+    EXPECT_EQ(f.changes, 3);
+    EXPECT_EQ(f.session->offsets()->points().size(), 1u);
+
+    // Table edits of a point are changes; refused text is not.
+    EXPECT_TRUE(f.session->setRowTime(0, "10.5"));
+    EXPECT_EQ(f.changes, 4);
+    f.session->setRowOffset(0, 25);
+    EXPECT_EQ(f.changes, 5);
+    EXPECT_NEAR(f.session->offsets()->points()[0].offset().seconds(), 0.025, 1e-4);
+    EXPECT_FALSE(f.session->setRowTime(0, "soon"));
+    EXPECT_FALSE(f.session->setRowTime(7, "1"));
+    EXPECT_EQ(f.changes, 5);
+
+    // The row of the point in progress moves the loop, not the list.
+    f.startAt(6);
+    int changes = f.changes;
+    auto points = f.session->offsets()->points();
+    EXPECT_TRUE(f.session->setRowTime(f.session->syncRow(), "5"));
+    EXPECT_TRUE(f.session->loopMiddle() == at(5));
+    EXPECT_EQ(f.changes, changes);
+    ASSERT_EQ(f.session->offsets()->points().size(), points.size());
+    EXPECT_TRUE(f.session->offsets()->points()[0].movieTime == points[0].movieTime);
+
+    // Deleting takes changes back.
+    f.session->abandonSync();
+    f.session->deleteSync({0, 5});
+    EXPECT_TRUE(f.session->offsets()->points().empty());
+    EXPECT_EQ(f.changes, changes - 2); // the abandon and the one point there was (row 5 does not exist)
+}
+
+TEST(SyncSession, SettingsAreReadAtEveryStep)
+{
+    Fixture f(movie12());
+    ASSERT_TRUE(f.session);
+    f.settings.loopLength = 2;
+    f.startAt(6);
+    EXPECT_EQ(f.session->startTime().timeValue, 4 * kRate);
+    f.settings.audioStep = 1;
+    myQTTime before = f.session->audioTime();
+    f.session->retardAudio();
+    EXPECT_NEAR(f.session->audioTime().seconds() - before.seconds(), 0.001, 1e-6);
+    f.settings.reverseWheel = -1;
+    f.session->scrollWheel(2);
+    EXPECT_NEAR(f.session->audioTime().seconds() - before.seconds(), -0.001, 1e-6);
+    f.session->acceptSync();
+
+    // Selecting one point loops around it; none plays the whole movie.
+    f.session->selectionChanged({0});
+    EXPECT_TRUE(f.om.movie->loops());
+    EXPECT_TRUE(f.session->loopMiddle() == f.session->offsets()->points()[0].movieTime);
+    f.session->selectionChanged({});
+    EXPECT_FALSE(f.om.movie->loops());
+}
+
+TEST(SyncSession, AMovieWithoutSoundIsRefused)
+{
+    auto spec = smallSpec(4, 0.0, 1.0);
+    spec.withSound = false;
+    media::OpenedMovie om = media::openMovie(cachedMovie("session-silent.mov", spec));
+    media::PlayerOptions o;
+    o.output = std::make_unique<media::ManualAudioOutput>();
+    o.video = false;
+    media::Player player(om.movie, std::move(o));
+    auto made = SyncSession::make(om.movie.get(), &player, {});
+    ASSERT_TRUE(std::holds_alternative<Refusal>(made));
+    EXPECT_FALSE(std::get<Refusal>(made).message.empty());
+}
+
+} // namespace
