@@ -16,6 +16,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <ostream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -271,6 +272,8 @@ std::string describeMismatch(StreamInfo const& a, StreamInfo const& b)
     }
     return d;
 }
+
+void PrintTo(Case const& c, std::ostream* os) { *os << c.name; }
 
 class Fidelity : public ::testing::TestWithParam<Case> {};
 
