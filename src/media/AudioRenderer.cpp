@@ -3,6 +3,7 @@
 #include "Codec.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <numeric>
 
@@ -65,6 +66,18 @@ void AudioDecoder::append(AVFrame const* frame, std::int64_t position)
     if (!haveStart_) {
         windowStart_ = position;
         haveStart_ = true;
+        framesInWindow_ = 0;
+        firstFrameSamples_ = n;
+    } else if (position != AV_NOPTS_VALUE && framesInWindow_ == 1 && firstFrameSamples_ < n
+               && std::llabs(position - end) <= std::max(32, sampleRate_ / 500)) {
+        // A first frame shorter than the next had its priming dropped by the
+        // decoder, which moves its time by that amount rounded to the
+        // container's time base (whole milliseconds in Matroska). The window
+        // is placed by the second frame's time instead, as a read that starts
+        // after a seek is, so that reading from the start and reading after
+        // a seek agree.
+        windowStart_ += position - end;
+        end = position;
     } else if (position != AV_NOPTS_VALUE) {
         // Follow the stream's own time stamps across gaps and overlaps; small
         // jitter (less than 2 ms) is rounding and is ignored.
@@ -81,6 +94,7 @@ void AudioDecoder::append(AVFrame const* frame, std::int64_t position)
             skip = static_cast<std::size_t>(std::min<std::int64_t>(n, end - position));
         }
     }
+    ++framesInWindow_;
     std::size_t old = window_[0].size();
     bool direct = frame->format == AV_SAMPLE_FMT_FLTP && frame->sample_rate == sampleRate_
                && av_channel_layout_compare(&frame->ch_layout, &layout_) == 0;

@@ -233,7 +233,14 @@ SoundEncoder::SoundEncoder(AVFormatContext* out, dm::Track const& track, SoundFo
         // moving the block times, and readers take it off again: the first
         // packet must then start at the timeline's start, not before it, or
         // the writer moves the other streams and the sound comes early.
-        ptsShift_ = delay + c->initial_padding;
+        // Readers take off the CodecDelay rounded to whole milliseconds and
+        // place the sound by its second packet: the sound starts a few
+        // samples early so that every block time falls on a millisecond and
+        // the decoded samples land where the timeline has them.
+        std::int64_t grid = c->sample_rate / std::gcd(c->sample_rate, 1000);
+        std::int64_t rounded = av_rescale(av_rescale(c->initial_padding, 1000, c->sample_rate), c->sample_rate, 1000);
+        ptsShift_ = delay + rounded;
+        pos_ = -(((delay + rounded - c->initial_padding) % grid + grid) % grid);
         matroska = false;
     }
 #endif

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -383,7 +384,7 @@ std::vector<Case> cases()
         {"flac-to-mov", "hifi2.mkv", [](auto& s) { s.format = "matroska"; s.audioCodec = "flac"; s.bitsPerSample = 24; s.channelLayout = "3.0"; },
          "hifi2-synced.mov", "mov", 0.00005},
         {"webm", "clip.webm", [](auto& s) { s.format = "webm"; s.videoCodec = "libvpx-vp9"; s.audioCodec = "libopus"; s.audioBitRate = 96000; },
-         "", "matroska", 0.00105}, // WebM keeps milliseconds; Opus's priming of 6.5 ms does not fall on them
+         "", "matroska", 0.00005},
         {"mp4-rotated", "phone.mp4", [](auto& s) { s.format = "mp4"; s.rotation = 90; }, "", "mp4", 0.00005},
         {"mp4-hevc", "hevc.mp4", [](auto& s) { s.format = "mp4"; s.videoCodec = "libx265"; s.videoTag = "hvc1"; }, "", "mp4", 0.00005},
         {"mov-timecode", "tc.mov", [](auto& s) { s.timecode = "01:00:00:00"; }, "", "mov", 0.00005},
@@ -406,6 +407,43 @@ INSTANTIATE_TEST_SUITE_P(Movies, Fidelity, ::testing::ValuesIn(cases()),
                                  if (!std::isalnum(static_cast<unsigned char>(ch))) ch = '_';
                              return n;
                          });
+
+// Movies made by another tool: the ffmpeg program transcodes a test movie
+// the way users' files are made (its own muxer settings, its own priming
+// and start offsets), and each is synced and measured.
+TEST(FidelityForeign, MoviesMadeByFfmpegComeOutInSync)
+{
+    if (std::system("command -v ffmpeg >/dev/null 2>&1") != 0) GTEST_SKIP() << "the ffmpeg program is not installed";
+    ScratchDir dir;
+    media::TestMovieSpec spec = baseSpec();
+    std::string master = dir.file("master.mov");
+    media::writeTestMovie(master, spec);
+    struct Foreign {
+        char const* name;
+        char const* args;
+        char const* output; // empty: in place
+    };
+    std::vector<Foreign> rows = {
+        {"vp9-opus.webm", "-c:v libvpx-vp9 -b:v 200k -deadline realtime -c:a libopus -b:a 96k", ""},
+        {"h264-opus.mkv", "-c:v copy -c:a libopus -b:a 96k", ""},
+        {"h264-flac.mkv", "-c:v copy -c:a flac", "h264-flac-synced.mov"},
+        {"h264-ac3.ts", "-c:v copy -c:a ac3 -b:a 192k -output_ts_offset 1.4", "h264-ac3-synced.mkv"},
+        {"h264-aac.mp4", "-c:v copy -c:a aac -b:a 128k", ""},
+    };
+    for (auto const& r : rows) {
+        std::string input = dir.file(r.name);
+        std::string cmd = "ffmpeg -nostdin -y -v error -i '" + master + "' " + r.args + " '" + input + "'";
+        ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
+        std::string points = pointsFrom(input, dir.file("points.txt"));
+        std::string output = *r.output ? dir.file(r.output) : input;
+        CliRun run = cli("sync '" + input + "' --points '" + points + "' " + (*r.output ? "-o '" + output + "'" : "--in-place") + " --quiet");
+        ASSERT_EQ(run.status, 0) << r.name << ": " << run.output;
+        media::SyncMeasurement m = media::measureSync(output);
+        std::printf("[ fidelity ] ffmpeg-made %-14s worst sync error %.4f ms over %zu flashes\n", r.name, m.worst() * 1000, m.flashes.size());
+        EXPECT_GE(m.flashes.size(), 4u) << r.name;
+        EXPECT_LE(m.worst(), 0.00005) << r.name << ": worst " << m.worst() * 1000 << " ms";
+    }
+}
 
 } // namespace
 
