@@ -1,5 +1,8 @@
 #include "DMApplication.h"
 
+#include <QDir>
+#include <QFileInfo>
+
 #include "DMAppDelegate.h"
 #include "DMDocumentController.h"
 #include "PXFeedbackProvider.h"
@@ -13,6 +16,8 @@
 
 #include <QAbstractSpinBox>
 #include <QClipboard>
+#include <QDir>
+#include <QFileInfo>
 #include <QKeyEvent>
 #include <QLineEdit>
 #include <QPlainTextEdit>
@@ -81,6 +86,28 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
     auto current = [] { return qobject_cast<MovieDoc*>(kit::DocumentController::shared() ? kit::DocumentController::shared()->currentDocument() : nullptr); };
     add(file, "&Open\u2026", "openDocument", QKeySequence::Open, [controller] {
         if (controller()) controller()->openDocument();
+    });
+    // Open Recent: rebuilt each time it opens, from the list the controller keeps.
+    auto* recent = file->addMenu("Open &Recent");
+    recent->setObjectName("openRecent");
+    connect(recent, &QMenu::aboutToShow, this, [recent, controller] {
+        recent->clear();
+        QStringList files = DMDocumentController::recentFiles();
+        int n = 0;
+        for (QString const& path : files) {
+            QFileInfo info(path);
+            QString title = QString("&%1 %2 \u2014 %3").arg(++n % 10).arg(info.fileName(), QDir::toNativeSeparators(info.absolutePath()));
+            QAction* a = recent->addAction(title);
+            a->setData(path);
+            connect(a, &QAction::triggered, recent, [path, controller] {
+                if (controller()) controller()->openDocumentWithContentsOfFile(path, true);
+            });
+        }
+        if (files.isEmpty()) recent->addAction("No Recent Movies")->setEnabled(false);
+        recent->addSeparator();
+        QAction* clear = recent->addAction("&Clear Menu");
+        clear->setEnabled(!files.isEmpty());
+        connect(clear, &QAction::triggered, recent, [] { DMDocumentController::clearRecentFiles(); });
     });
     add(file, "Open &Demo Movie", "openDemo", {}, [controller] {
         if (controller()) controller()->openDemo();

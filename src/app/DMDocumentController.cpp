@@ -3,6 +3,7 @@
 #include "MovieDoc.h"
 #include "TestMovie.h"
 #include "kit/Alert.h"
+#include "kit/UserDefaults.h"
 
 #include <QApplication>
 #include <QDir>
@@ -21,6 +22,7 @@ kit::Document* DMDocumentController::openDocumentWithContentsOfFile(QString cons
         return nullptr;
     }
     addDocument(doc);
+    noteRecentFile(path);
     if (shouldCreateUI()) doc->makeWindowControllers();
     if (display) doc->showWindows();
     return doc;
@@ -59,3 +61,23 @@ MovieDoc* DMDocumentController::openDemo()
     }
     return qobject_cast<MovieDoc*>(openDocumentWithContentsOfFile(path, true));
 }
+
+QStringList DMDocumentController::recentFiles()
+{
+    QStringList kept;
+    for (QString const& p : kit::Defaults::standard().value("recentFiles").toStringList())
+        if (QFileInfo(p).isFile()) kept << p;
+    return kept;
+}
+
+void DMDocumentController::noteRecentFile(QString const& path)
+{
+    QString full = QFileInfo(path).absoluteFilePath();
+    QStringList list = kit::Defaults::standard().value("recentFiles").toStringList();
+    list.removeAll(full);
+    list.prepend(full);
+    while (list.size() > kRecentLimit) list.removeLast();
+    kit::Defaults::standard().setValue("recentFiles", list);
+}
+
+void DMDocumentController::clearRecentFiles() { kit::Defaults::standard().removeValue("recentFiles"); }

@@ -14,4 +14,10 @@ public:
     // Opens the demo movie, making it first when it does not exist yet.
     MovieDoc* openDemo();
     static QString demoMoviePath();
+
+    // The movies opened most recently, newest first, that still exist.
+    static QStringList recentFiles();
+    static void noteRecentFile(QString const& path);
+    static void clearRecentFiles();
+    static constexpr int kRecentLimit = 10;
 };

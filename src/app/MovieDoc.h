@@ -180,6 +180,9 @@ private:
     // Moves `window` beside `anchor` the first time it is shown.
     void placeBeside(QWidget* window, QWidget* anchor);
     void placeWindows();
+    // Where the user left this movie's windows, kept per file.
+    bool restoreWindowPositions();
+    void rememberWindowPositions();
     // Notes the movie times of the selected points.
     void rememberSelection();
     // Gives the hint line the height its longest text needs at `width`.

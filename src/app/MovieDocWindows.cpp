@@ -11,6 +11,9 @@
 #include "kit/UserDefaults.h"
 
 #include <QApplication>
+#include <QCryptographicHash>
+#include <QFileInfo>
+#include <QGuiApplication>
 #include <QDragEnterEvent>
 #include <QHBoxLayout>
 #include <QMimeData>
@@ -282,6 +285,7 @@ void MovieDoc::placeWindows()
     // positions before the windows map, so it does not cascade them.
     if (!mMovieWindow || mMovieWindow->property("placed").toBool()) return;
     mMovieWindow->setProperty("placed", true);
+    if (restoreWindowPositions()) return;
     QRect avail = availableGeometryFor(mMovieWindow);
     constexpr int frame = 12, gap = 12; // room for the window manager's borders
     QWidget* info = getInfoWindow();
@@ -294,6 +298,47 @@ void MovieDoc::placeWindows()
         info->move(x + mMovieWindow->width() + frame + gap, y);
         info->setProperty("placed", true);
     }
+}
+
+namespace {
+QString positionsKey(QString const& file)
+{
+    QByteArray hash = QCryptographicHash::hash(QFileInfo(file).absoluteFilePath().toUtf8(), QCryptographicHash::Sha1);
+    return "windowPositions/" + QString::fromLatin1(hash.toHex().left(16));
+}
+
+// Whether a window at `topLeft` would show its title bar on some screen.
+bool onSomeScreen(QPoint topLeft)
+{
+    for (QScreen* screen : QGuiApplication::screens())
+        if (screen->availableGeometry().adjusted(-40, 0, -40, -40).contains(topLeft + QPoint(40, 10))) return true;
+    return false;
+}
+} // namespace
+
+bool MovieDoc::restoreWindowPositions()
+{
+    if (fileName().isEmpty()) return false;
+    QVariantMap saved = kit::Defaults::standard().value(positionsKey(fileName())).toMap();
+    QPoint movie = saved.value("movie").toPoint();
+    if (!saved.contains("movie") || !onSomeScreen(movie)) return false;
+    mMovieWindow->move(movie);
+    QWidget* info = getInfoWindow();
+    if (info && saved.contains("points") && onSomeScreen(saved.value("points").toPoint())) {
+        info->move(saved.value("points").toPoint());
+        info->setProperty("placed", true);
+    }
+    return true;
+}
+
+void MovieDoc::rememberWindowPositions()
+{
+    if (fileName().isEmpty() || !mMovieWindow || !mMovieWindow->property("placed").toBool()) return;
+    QVariantMap saved;
+    saved["movie"] = mMovieWindow->pos();
+    QWidget* info = getInfoWindow();
+    if (info && info->property("placed").toBool()) saved["points"] = info->pos();
+    kit::Defaults::standard().setValue(positionsKey(fileName()), saved);
 }
 
 void MovieDoc::showWindows()
@@ -322,6 +367,7 @@ void MovieDoc::showWindows()
 bool MovieDoc::eventFilter(QObject* watched, QEvent* event)
 {
     if (event->type() == QEvent::WindowActivate) windowBecameKey(qobject_cast<QWidget*>(watched));
+    if (event->type() == QEvent::Hide && watched == mMovieWindow) rememberWindowPositions();
     if (event->type() == QEvent::Resize && watched == mMovieWindow) fitHintHeight(mMovieWindow->width());
     return ImportDocument::eventFilter(watched, event);
 }

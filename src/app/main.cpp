@@ -9,9 +9,15 @@
 #include <QTimer>
 
 #include <iostream>
+#include <string>
 
 int main(int argc, char** argv)
 {
+    for (int i = 1; i < argc; ++i)
+        if (std::string(argv[i]) == "--version") {
+            std::cout << "dubmatch " << DUBMATCH_VERSION << "\n";
+            return 0;
+        }
     if (!versionCheck(argc, argv)) return 1;
     media::setupMediaLogging();
     DMApplication app(argc, argv);
@@ -23,7 +29,7 @@ int main(int argc, char** argv)
 
     QStringList args = app.arguments().mid(1);
     if (args.contains("--help") || args.contains("-h")) {
-        std::cout << "Usage: dubmatch [--demo] [MOVIE...]\n"
+        std::cout << "Usage: dubmatch [--demo] [MOVIE...] | --version\n"
                      "Opens each movie in its own window; --demo opens the demo movie.\n"
                      "In a movie window: play, press Return at a face, nudge the sound with the\n"
                      "arrow keys until the lips match, press Return again. Save when done.\n";

@@ -1,14 +1,20 @@
 // dubmatch-cli: re-times the sound of a movie to sync points given on the
 // command line, without the application.
 #include "AtomicFile.h"
+#include "Containers.h"
 #include "MovieFile.h"
 #include "MovieWriter.h"
 #include "OffsetList.h"
 #include "Refusal.h"
 #include "SaveCheck.h"
+#include "Options.h"
 #include "TestMovie.h"
 
+#include <nlohmann/json.hpp>
+
 #include <atomic>
+#include <chrono>
+#include <cstdlib>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
@@ -25,15 +31,15 @@ namespace {
 enum Status { kOk = 0, kFailed = 1, kUsage = 2, kStopped = 130, kTerminated = 143 };
 
 constexpr char const* kUsageText = R"(Usage:
-  dubmatch-cli info MOVIE
+  dubmatch-cli info MOVIE [--json]
   dubmatch-cli sync MOVIE [--point MOVIE_TIME=AUDIO_TIME]... [--points FILE]
                     (-o OUT | --in-place) [--type TYPE] [--sound-codec CODEC]
                     [--drop-unsupported] [--force] [--accept-truncated]
-                    [--dry-run] [--quiet]
+                    [--dry-run] [--quiet] [--json]
   dubmatch-cli demo OUT [--seconds S] [--size WxH] [--fps N] [--offset S] [--rate R]
                     [--points-file FILE]
   dubmatch-cli measure MOVIE
-  dubmatch-cli --help
+  dubmatch-cli --help | --version | --completion bash|zsh
 
 Commands:
   info     List the tracks of MOVIE, the sound track that would be synced,
@@ -53,7 +59,8 @@ Commands:
 
 Options of sync:
   --point M=A      a sync point (repeatable)
-  --points FILE    sync points, one "M=A" or "M A" per line; # starts a comment
+  --points FILE    sync points, one "M=A" or "M A" per line; # starts a comment;
+                   - reads them from standard input
   -o, --output OUT write the synced movie to OUT (replaced if it exists), in
                    the container of its extension: .mov, .mp4, .m4v, .mkv, .webm
   --in-place       save over MOVIE in its own container (written beside it,
@@ -73,12 +80,16 @@ Options of sync:
   --accept-truncated
                    sync a movie whose file ends before its declared length
   --dry-run        fit and report, write nothing
-  --quiet          no progress bar
+  --quiet          no progress bar (it shows only on a terminal anyway)
+  --json           print one JSON document on standard output instead of the
+                   report (also for info); see dubmatch-cli(1) for its fields
 
 Only regular files are read and replaced; a symbolic link is followed and
 the file it points to is replaced. A file with several hard links is not
 replaced (that would split the links): write to another name instead. A file
 changed by another program while it was being synced is not replaced.
+
+Messages are coloured on a terminal unless NO_COLOR is set.
 
 Exit status: 0 done, 1 the movie was refused or could not be read or written,
 2 bad command line, 130 stopped (Ctrl-C), 143 terminated (SIGTERM); a stopped
@@ -111,21 +122,24 @@ void installSignalHandlers()
     sigaction(SIGTERM, &sa, nullptr);
 }
 
-class UsageError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
+using commandline::UsageError;
+using json = nlohmann::json;
 
-struct Args {
-    std::vector<std::string> items;
-    std::size_t next = 0;
-    bool more() const { return next < items.size(); }
-    std::string take(std::string const& what)
-    {
-        if (!more()) throw UsageError("missing " + what);
-        return items[next++];
-    }
-};
+// Colour for messages on a terminal, unless NO_COLOR is set (any value).
+bool colourOn(int fd)
+{
+    char const* no = std::getenv("NO_COLOR");
+    char const* term = std::getenv("TERM");
+    return isatty(fd) && !(no && *no) && !(term && std::string(term) == "dumb");
+}
+
+void message(std::string const& prefix, std::string const& text, char const* colour)
+{
+    if (colourOn(STDERR_FILENO)) std::cerr << "\033[" << colour << "m" << prefix << "\033[0m" << text << "\n";
+    else std::cerr << prefix << text << "\n";
+}
+void error(std::string const& text) { message("dubmatch-cli: ", text, "1;31"); }
+void note(std::string const& text) { message("note: ", text, "33"); }
 
 media::Progress progressBar(bool quiet)
 {
@@ -144,35 +158,95 @@ media::Progress progressBar(bool quiet)
 
 std::string clock(myQTTime const& t, int fields) { return t.asString(fields, 3); }
 
-int info(Args& args)
+double secondsSince(std::chrono::steady_clock::time_point t0)
 {
-    std::string path = args.take("MOVIE");
-    if (args.more()) throw UsageError("unexpected argument " + args.items[args.next]);
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+// A command that ends early with exit status 1 after saying why; with
+// --json the reason is also the document on standard output.
+struct Refused {
+    std::string message;
+    std::string suggestion;
+};
+
+json trackJson(dm::Track const& t)
+{
+    auto const& m = media::OpenedMovie::mediaOf(t);
+    QTTimeRange r = t.range();
+    json j = {{"id", t.id()},
+              {"type", dm::mediaTypeName(t.mediaType())},
+              {"codec", avcodec_get_name(m.codecpar->codec_id)},
+              {"enabled", t.isEnabled()},
+              {"name", t.displayName()},
+              {"start", myQTTime(r.time).seconds()},
+              {"duration", myQTTime(r.duration).seconds()}};
+    if (t.mediaType() == dm::MediaType::Sound) {
+        j["sample_rate"] = m.sampleRate;
+        j["channels"] = m.channels;
+    }
+    if (t.mediaType() == dm::MediaType::Video) {
+        j["width"] = m.width;
+        j["height"] = m.height;
+    }
+    return j;
+}
+
+std::string howName(media::TrackPlan::How how)
+{
+    switch (how) {
+    case media::TrackPlan::How::Copied: return "copied";
+    case media::TrackPlan::How::Encoded: return "encoded";
+    case media::TrackPlan::How::Recreated: return "recreated";
+    case media::TrackPlan::How::LeftOut: return "left-out";
+    }
+    return "copied";
+}
+
+int info(commandline::Parsed const& args, json& out)
+{
+    bool asJson = args.has("--json");
+    std::string path = args.positionals.at(0);
     media::OpenedMovie om = media::openMovie(path);
-    for (auto const& n : om.notes) std::cerr << "note: " << n << ".\n";
+    for (auto const& n : om.notes) note(n + ".");
     dm::Movie& movie = *om.movie;
     myQTTime duration = movie.duration();
     int fields = duration.width();
-    std::cout << path << " (" << om.formatName << "), duration " << clock(duration, fields) << "\n";
-    if (om.truncated)
-        std::printf("  the file is cut short: readable to %.3f s of %.3f s\n", om.readableSeconds, om.declaredSeconds);
+    out = {{"file", path}, {"format", om.formatName}, {"duration", duration.seconds()}, {"truncated", om.truncated},
+           {"notes", om.notes}, {"tracks", json::array()}, {"sound_track", nullptr}, {"save", nullptr}};
+    if (om.truncated) {
+        out["readable_seconds"] = om.readableSeconds;
+        out["declared_seconds"] = om.declaredSeconds;
+    }
+    std::ostringstream text;
+    text << path << " (" << om.formatName << "), duration " << clock(duration, fields) << "\n";
+    if (om.truncated) {
+        char line[128];
+        std::snprintf(line, sizeof line, "  the file is cut short: readable to %.3f s of %.3f s\n", om.readableSeconds, om.declaredSeconds);
+        text << line;
+    }
     for (auto const& t : movie.tracks()) {
         auto const& m = media::OpenedMovie::mediaOf(*t);
         QTTimeRange r = t->range();
-        std::cout << "  track " << t->id() << ": " << dm::mediaTypeName(t->mediaType()) << ", "
-                  << avcodec_get_name(m.codecpar->codec_id);
-        if (t->mediaType() == dm::MediaType::Sound) std::cout << ", " << m.sampleRate << " Hz, " << m.channels << " channels";
-        if (t->mediaType() == dm::MediaType::Video) std::cout << ", " << m.width << "x" << m.height;
-        std::cout << ", " << (t->isEnabled() ? "enabled" : "disabled") << ", \"" << t->displayName() << "\", "
-                  << clock(myQTTime(r.time), fields) << " + " << clock(myQTTime(r.duration), fields) << "\n";
+        text << "  track " << t->id() << ": " << dm::mediaTypeName(t->mediaType()) << ", " << avcodec_get_name(m.codecpar->codec_id);
+        if (t->mediaType() == dm::MediaType::Sound) text << ", " << m.sampleRate << " Hz, " << m.channels << " channels";
+        if (t->mediaType() == dm::MediaType::Video) text << ", " << m.width << "x" << m.height;
+        text << ", " << (t->isEnabled() ? "enabled" : "disabled") << ", \"" << t->displayName() << "\", " << clock(myQTTime(r.time), fields)
+             << " + " << clock(myQTTime(r.duration), fields) << "\n";
+        out["tracks"].push_back(trackJson(*t));
     }
+    auto finish = [&](int status) {
+        if (!asJson) std::cout << text.str();
+        return status;
+    };
     auto made = makeOffsetList(&movie, nullptr);
     if (auto* refusal = std::get_if<Refusal>(&made)) {
-        std::cerr << refusal->message << "\n" << refusal->suggestion << "\n";
-        return kFailed;
+        finish(kFailed);
+        throw Refused{refusal->message, refusal->suggestion};
     }
     auto const& list = *std::get<std::unique_ptr<OffsetList>>(made);
-    std::cout << "sound track to sync: track " << list.soundTrack()->id() << " (\"" << list.soundTrack()->displayName() << "\")\n";
+    text << "sound track to sync: track " << list.soundTrack()->id() << " (\"" << list.soundTrack()->displayName() << "\")\n";
+    out["sound_track"] = list.soundTrack()->id();
 
     // What a save does: in place where the container is written, else as a copy.
     std::vector<std::string> tried = {media::containerForSaveAs(om.container, om.formatName)};
@@ -189,19 +263,29 @@ int info(Args& args)
             if (failure.empty()) failure = e.what();
             continue;
         }
-        if (container == tried.front() && !om.container.empty())
-            std::cout << "saving in place (" << media::containerTitle(container) << "):\n";
+        bool inPlace = container == tried.front() && !om.container.empty();
+        if (inPlace) text << "saving in place (" << media::containerTitle(container) << "):\n";
         else
-            std::cout << "saving as a new " << media::containerTitle(container) << " file (-o NAME." << media::extensionOfContainer(container)
-                      << ")" << (om.container.empty() ? "; this container is read, not written, so --in-place is refused" : "") << ":\n";
-        for (auto const& t : plan.tracks) std::cout << "  " << t.description << ": " << t.detail << "\n";
-        for (auto const& n : plan.notes) std::cout << "  note: " << n << "\n";
+            text << "saving as a new " << media::containerTitle(container) << " file (-o NAME." << media::extensionOfContainer(container) << ")"
+                 << (om.container.empty() ? "; this container is read, not written, so --in-place is refused" : "") << ":\n";
+        json save = {{"mode", inPlace ? "in-place" : "new-file"},
+                     {"container", container},
+                     {"extension", media::extensionOfContainer(container)},
+                     {"tracks", json::array()},
+                     {"notes", plan.notes},
+                     {"losses", plan.losses}};
+        for (auto const& t : plan.tracks) {
+            text << "  " << t.description << ": " << t.detail << "\n";
+            save["tracks"].push_back({{"id", t.trackId}, {"description", t.description}, {"how", howName(t.how)}, {"detail", t.detail}});
+        }
+        for (auto const& n : plan.notes) text << "  note: " << n << "\n";
         if (!plan.losses.empty())
-            std::cout << "  " << plan.losses.size() << " stream(s) would be left out: sync refuses unless --drop-unsupported\n";
-        return kOk;
+            text << "  " << plan.losses.size() << " stream(s) would be left out: sync refuses unless --drop-unsupported\n";
+        out["save"] = save;
+        return finish(kOk);
     }
-    std::cerr << "This movie cannot be saved in any container Dubmatch writes: " << failure << "\n";
-    return kFailed;
+    finish(kFailed);
+    throw Refused{"This movie cannot be saved in any container Dubmatch writes: " + failure, ""};
 }
 
 // "M=A" or "M A".
@@ -223,46 +307,50 @@ Offset parsePoint(std::string const& text, long scale)
     }
 }
 
-int sync(Args& args)
+// The points of a points file ("-": standard input), one per line.
+std::vector<std::string> readPoints(std::string const& file)
 {
-    std::string path = args.take("MOVIE");
-    std::vector<std::string> pointTexts;
-    std::string output, type;
-    bool inPlace = false, dryRun = false, quiet = false, acceptTruncated = false;
+    std::ifstream f;
+    std::istream* in = &std::cin;
+    if (file != "-") {
+        f.open(file);
+        if (!f) throw UsageError("cannot read the points file \"" + file + "\"");
+        in = &f;
+    }
+    std::vector<std::string> points;
+    std::string line;
+    while (std::getline(*in, line)) {
+        auto hash = line.find('#');
+        if (hash != std::string::npos) line.resize(hash);
+        if (line.find_first_not_of(" \t\r") != std::string::npos) points.push_back(line);
+    }
+    return points;
+}
+
+int sync(commandline::Parsed const& args, json& out)
+{
+    auto t0 = std::chrono::steady_clock::now();
+    bool asJson = args.has("--json");
+    std::string path = args.positionals.at(0);
+    std::vector<std::string> pointTexts = args.all("--point");
+    if (args.has("--points"))
+        for (auto const& p : readPoints(args.value("--points"))) pointTexts.push_back(p);
+    std::string output = args.value("--output"), type = args.value("--type");
+    bool inPlace = args.has("--in-place"), dryRun = args.has("--dry-run"), quiet = args.has("--quiet") || asJson;
+    bool acceptTruncated = args.has("--accept-truncated");
     media::SaveOptions options;
-    while (args.more()) {
-        std::string a = args.take("option");
-        if (a == "--point") pointTexts.push_back(args.take("a point after --point"));
-        else if (a.rfind("--point=", 0) == 0) pointTexts.push_back(a.substr(8));
-        else if (a == "--points") {
-            std::string file = args.take("a file after --points");
-            std::ifstream in(file);
-            if (!in) throw UsageError("cannot read the points file \"" + file + "\"");
-            std::string line;
-            while (std::getline(in, line)) {
-                auto hash = line.find('#');
-                if (hash != std::string::npos) line.resize(hash);
-                if (line.find_first_not_of(" \t\r") != std::string::npos) pointTexts.push_back(line);
-            }
-        } else if (a == "-o" || a == "--output") output = args.take("a file after " + a);
-        else if (a == "--in-place") inPlace = true;
-        else if (a == "--type") type = args.take("a type after --type");
-        else if (a == "--dry-run") dryRun = true;
-        else if (a == "--quiet") quiet = true;
-        else if (a == "--drop-unsupported") options.dropUnsupported = true;
-        else if (a == "--sound-codec") {
-            std::string c = args.take("a codec after --sound-codec");
-            try {
-                options.soundCodec = media::soundCodecNamed(c);
-            } catch (media::MediaError const& e) {
-                throw UsageError(e.what());
-            }
-        } else if (a == "--force") options.target.replaceWriteProtected = true;
-        else if (a == "--accept-truncated") acceptTruncated = true;
-        else throw UsageError("unknown option " + a);
+    options.dropUnsupported = args.has("--drop-unsupported");
+    options.target.replaceWriteProtected = args.has("--force");
+    if (args.has("--sound-codec")) {
+        try {
+            options.soundCodec = media::soundCodecNamed(args.value("--sound-codec"));
+        } catch (media::MediaError const& e) {
+            throw UsageError(e.what());
+        }
     }
     if (!dryRun && output.empty() == !inPlace) throw UsageError("give either -o OUT or --in-place (or --dry-run)");
     if (inPlace && !type.empty()) throw UsageError("--type exports to a new file; it cannot be used with --in-place");
+    if (output == "-") throw UsageError("a movie cannot be written to standard output: it is checked as a file before it gets its name");
     std::optional<media::ExportType> exportType;
     if (!type.empty()) {
         try {
@@ -279,102 +367,111 @@ int sync(Args& args)
         throw UsageError("cannot tell the container of \"" + output
                          + "\" from its extension: use .mov, .mp4, .m4v, .mkv or .webm (or --type for the other export types)");
 
+    out = {{"file", path}, {"output", inPlace ? path : output}, {"in_place", inPlace}, {"dry_run", dryRun}};
     media::OpenedMovie om = media::openMovie(path);
-    for (auto const& n : om.notes) std::cerr << "note: " << n << ".\n";
+    for (auto const& n : om.notes) note(n + ".");
+    double openSeconds = secondsSince(t0);
     if (inPlace && om.container.empty()) {
         auto dot = path.find_last_of('.');
         auto slash = path.find_last_of('/');
         std::string stem = dot == std::string::npos || (slash != std::string::npos && dot < slash) ? path : path.substr(0, dot);
-        std::cerr << "dubmatch-cli: \"" << path << "\" is a " << om.formatName
-                  << " file, which Dubmatch reads but does not write, so it cannot be saved in place.\n"
-                  << "Save a copy instead: -o " << stem << "-synced."
-                  << media::extensionOfContainer(media::containerForSaveAs(om.container, om.formatName)) << "\n";
-        return kFailed;
+        throw Refused{"\"" + path + "\" is a " + om.formatName + " file, which Dubmatch reads but does not write, so it cannot be saved in place.",
+                      "Save a copy instead: -o " + stem + "-synced."
+                          + media::extensionOfContainer(media::containerForSaveAs(om.container, om.formatName))};
     }
     options.container = inPlace ? om.container : media::containerForPath(output);
     if (!inPlace && options.container.empty()) options.container = "mov"; // not a file: refused before anything is written
     if (om.truncated) {
-        std::fprintf(stderr, "\"%s\" is cut short: it can be read to %.3f s of the %.3f s it declares.\n", path.c_str(),
-                     om.readableSeconds, om.declaredSeconds);
-        if (!acceptTruncated) {
-            std::fprintf(stderr, "Nothing was written; give --accept-truncated to sync what there is.\n");
-            return kFailed;
-        }
+        char line[256];
+        std::snprintf(line, sizeof line, "\"%s\" is cut short: it can be read to %.3f s of the %.3f s it declares.", path.c_str(),
+                      om.readableSeconds, om.declaredSeconds);
+        if (!acceptTruncated) throw Refused{line, "Nothing was written; give --accept-truncated to sync what there is."};
+        note(line);
     }
     auto made = makeOffsetList(om.movie.get(), nullptr);
-    if (auto* refusal = std::get_if<Refusal>(&made)) {
-        std::cerr << refusal->message << "\n" << refusal->suggestion << "\n";
-        return kFailed;
-    }
+    if (auto* refusal = std::get_if<Refusal>(&made)) throw Refused{refusal->message, refusal->suggestion};
     OffsetList& list = *std::get<std::unique_ptr<OffsetList>>(made);
     long scale = list.soundTrack()->timeScale();
     std::vector<Offset> points;
     for (auto const& t : pointTexts) points.push_back(parsePoint(t, scale));
-    if (points.empty()) std::cerr << "No sync points given: the sound is written unchanged.\n";
+    if (points.empty()) note("no sync points given: the sound is written unchanged.");
     list.replacePoints(points);
 
     int fields = list.duration().width();
-    std::printf("slope %.9f (sound runs %+.4f %% against the picture), intercept %+.6f s\n", list.slope(),
-                (list.slope() - 1) * 100, list.intercept());
-    if (list.keptPreviousLine())
-        std::printf("These points admit no line with a positive slope; the sound is left as it was.\n");
-    std::printf("%-14s %-14s %12s  %s\n", "movie time", "audio time", "residual ms", "flag");
+    out["fit"] = {{"slope", list.slope()}, {"intercept", list.intercept()}, {"kept_previous_line", list.keptPreviousLine()}};
+    out["points"] = json::array();
+    std::ostringstream text;
+    char line[256];
+    std::snprintf(line, sizeof line, "slope %.9f (sound runs %+.4f %% against the picture), intercept %+.6f s\n", list.slope(),
+                  (list.slope() - 1) * 100, list.intercept());
+    text << line;
+    if (list.keptPreviousLine()) text << "These points admit no line with a positive slope; the sound is left as it was.\n";
+    std::snprintf(line, sizeof line, "%-14s %-14s %12s  %s\n", "movie time", "audio time", "residual ms", "flag");
+    text << line;
     for (auto const& p : list.points()) {
         double r = list.slope() * p.movieTime.seconds() + list.intercept() - p.audioTime.seconds();
-        std::printf("%-14s %-14s %12.3f  %s\n", clock(p.movieTime, fields).c_str(), clock(p.audioTime, fields).c_str(), r * 1000,
-                    p.flag ? "strays" : "");
+        std::snprintf(line, sizeof line, "%-14s %-14s %12.3f  %s\n", clock(p.movieTime, fields).c_str(), clock(p.audioTime, fields).c_str(),
+                      r * 1000, p.flag ? "strays" : "");
+        text << line;
+        out["points"].push_back(
+            {{"movie_time", p.movieTime.seconds()}, {"audio_time", p.audioTime.seconds()}, {"residual_ms", r * 1000}, {"strays", p.flag}});
     }
-    if (dryRun) return kOk;
+    if (!asJson) std::cout << text.str() << std::flush;
+    out["written"] = nullptr;
+    if (dryRun) {
+        out["timings"] = {{"open_seconds", openSeconds}, {"write_seconds", 0.0}, {"total_seconds", secondsSince(t0)}};
+        return kOk;
+    }
 
     media::WriteResult result;
     options.stop = &gStop;
+    auto w0 = std::chrono::steady_clock::now();
     try {
         if (inPlace) result = media::saveInPlace(*om.movie, path, progressBar(quiet), options);
         else if (exportType) result = media::exportMovie(*om.movie, output, *exportType, myQTTime(), progressBar(quiet), options);
         else result = media::writeMovie(*om.movie, output, progressBar(quiet), options);
     } catch (media::StreamsLeftOut const& e) {
-        std::cerr << "dubmatch-cli: nothing was written. " << e.what() << "\n"
-                  << "Write to another container (-o NAME.mkv takes almost anything), or accept the loss with --drop-unsupported.\n";
-        return kFailed;
+        throw Refused{std::string("nothing was written. ") + e.what(),
+                      "Write to another container (-o NAME.mkv takes almost anything), or accept the loss with --drop-unsupported."};
     }
-    for (auto const& n : result.notes) std::cerr << "note: " << n << "\n";
-    std::printf("wrote %s (%.1f MB)\n", inPlace ? path.c_str() : output.c_str(), static_cast<double>(result.bytes) / 1e6);
+    for (auto const& n : result.notes) note(n);
+    std::string written = inPlace ? path : output;
+    out["written"] = {{"path", written}, {"bytes", result.bytes}, {"notes", result.notes}};
+    out["timings"] = {{"open_seconds", openSeconds}, {"write_seconds", secondsSince(w0)}, {"total_seconds", secondsSince(t0)}};
+    if (!asJson) std::printf("wrote %s (%.1f MB)\n", written.c_str(), static_cast<double>(result.bytes) / 1e6);
     return kOk;
 }
 
-int demo(Args& args)
+int demo(commandline::Parsed const& args)
 {
-    std::string out = args.take("OUT");
+    std::string out = args.positionals.at(0);
     media::TestMovieSpec spec;
     spec.seconds = 30;
-    std::string pointsFile;
-    auto number = [&](std::string const& what) {
-        std::string v = args.take(what);
+    auto number = [&](std::string const& option, std::string const& what, double fallback) {
+        if (!args.has(option)) return fallback;
+        std::string v = args.value(option);
         try {
             std::size_t used = 0;
             double d = std::stod(v, &used);
             if (used != v.size() || !std::isfinite(d)) throw std::invalid_argument(v);
             return d;
         } catch (std::exception const&) {
-            throw UsageError("not a number: \"" + v + "\"");
+            throw UsageError("not a number for " + what + ": \"" + v + "\"");
         }
     };
-    while (args.more()) {
-        std::string a = args.take("option");
-        if (a == "--seconds") spec.seconds = number("seconds");
-        else if (a == "--fps") spec.fpsNum = static_cast<int>(number("frames per second"));
-        else if (a == "--offset") spec.audioOffset = number("an offset in seconds");
-        else if (a == "--rate") spec.audioRate = number("a rate");
-        else if (a == "--size") {
-            std::string v = args.take("WxH");
-            if (std::sscanf(v.c_str(), "%dx%d", &spec.width, &spec.height) != 2 || spec.width < 16 || spec.height < 16
-                || spec.width > 7680 || spec.height > 4320)
-                throw UsageError("bad size \"" + v + "\" (use WxH, e.g. 1280x720)");
-            spec.width &= ~1;
-            spec.height &= ~1;
-        } else if (a == "--points-file") pointsFile = args.take("a file");
-        else throw UsageError("unknown option " + a);
+    spec.seconds = number("--seconds", "seconds", spec.seconds);
+    spec.fpsNum = static_cast<int>(number("--fps", "frames per second", spec.fpsNum));
+    spec.audioOffset = number("--offset", "an offset in seconds", spec.audioOffset);
+    spec.audioRate = number("--rate", "a rate", spec.audioRate);
+    if (args.has("--size")) {
+        std::string v = args.value("--size");
+        if (std::sscanf(v.c_str(), "%dx%d", &spec.width, &spec.height) != 2 || spec.width < 16 || spec.height < 16 || spec.width > 7680
+            || spec.height > 4320)
+            throw UsageError("bad size \"" + v + "\" (use WxH, e.g. 1280x720)");
+        spec.width &= ~1;
+        spec.height &= ~1;
     }
+    std::string pointsFile = args.value("--points-file");
     if (spec.seconds < 3 || spec.seconds > 6 * 3600) throw UsageError("--seconds must lie between 3 and 21600");
     if (spec.fpsNum < 1 || spec.fpsNum > 120) throw UsageError("--fps must lie between 1 and 120");
     if (!(spec.audioRate > 0.5 && spec.audioRate < 2)) throw UsageError("--rate must lie between 0.5 and 2");
@@ -411,14 +508,61 @@ int demo(Args& args)
     return kOk;
 }
 
-int measure(Args& args)
+int measure(commandline::Parsed const& args)
 {
-    std::string path = args.take("MOVIE");
-    auto m = media::measureSync(path);
+    auto m = media::measureSync(args.positionals.at(0));
     std::printf("%zu flashes, %zu clicks\n", m.flashes.size(), m.clicks.size());
     for (std::size_t i = 0; i < m.flashes.size(); ++i) std::printf("  flash at %9.3f s: click %+9.3f ms\n", m.flashes[i], m.errors[i] * 1000);
     std::printf("worst: %.3f ms\n", m.worst() * 1000);
     return m.flashes.empty() ? kFailed : kOk;
+}
+
+// Runs one command; with --json, every outcome but a usage error prints one
+// JSON document on standard output: the result, or the failure with its
+// message and exit status.
+int run(std::string const& name, std::vector<std::string> const& rest)
+{
+    commandline::Command const* command = commandline::findCommand(name);
+    if (!command) throw UsageError("unknown command \"" + name + "\"");
+    commandline::Parsed args = commandline::parse(*command, rest);
+    bool asJson = args.has("--json");
+    json out;
+    auto failed = [&](int status, std::string const& message, std::string const& suggestion) {
+        error(message);
+        if (!suggestion.empty()) std::cerr << suggestion << "\n";
+        if (asJson) {
+            json doc = {{"command", name}, {"exit_status", status}, {"error", message}};
+            if (!suggestion.empty()) doc["suggestion"] = suggestion;
+            for (auto const& [k, v] : out.items()) doc.emplace(k, v);
+            std::cout << doc.dump(2) << "\n";
+        }
+        return status;
+    };
+    try {
+        int status = kOk;
+        if (name == "info") status = info(args, out);
+        else if (name == "sync") status = sync(args, out);
+        else if (name == "demo") return demo(args);
+        else return measure(args);
+        if (asJson) {
+            json doc = {{"command", name}, {"exit_status", status}};
+            for (auto const& [k, v] : out.items()) doc.emplace(k, v);
+            std::cout << doc.dump(2) << "\n";
+        }
+        return status;
+    } catch (Refused const& r) {
+        return failed(kFailed, r.message, r.suggestion);
+    } catch (media::Cancelled const&) {
+        return failed(kStopped, "stopped; nothing was written.", "");
+    } catch (UsageError const&) {
+        throw;
+    } catch (std::exception const& e) {
+        return failed(kFailed, e.what(), "");
+    } catch (OffsetList::BadBackup const&) {
+        return failed(kFailed, "the movie cannot hold a backup of its sound track.", "");
+    } catch (myQTTime::BadScale const&) {
+        return failed(kFailed, "the movie has a track with a bad time scale.", "");
+    }
 }
 
 } // namespace
@@ -427,34 +571,31 @@ int main(int argc, char** argv)
 {
     installSignalHandlers();
     media::setupMediaLogging();
-    Args args;
-    for (int i = 1; i < argc; ++i) args.items.emplace_back(argv[i]);
+    std::vector<std::string> args(argv + 1, argv + argc);
     try {
-        if (!args.more()) throw UsageError("no command given");
-        std::string cmd = args.take("command");
+        if (args.empty()) throw UsageError("no command given");
+        std::string cmd = args.front();
+        std::vector<std::string> rest(args.begin() + 1, args.end());
         if (cmd == "--help" || cmd == "-h" || cmd == "help") {
             std::cout << kUsageText;
             return kOk;
         }
-        if (cmd == "info") return info(args);
-        if (cmd == "sync") return sync(args);
-        if (cmd == "demo") return demo(args);
-        if (cmd == "measure") return measure(args);
-        throw UsageError("unknown command \"" + cmd + "\"");
+        if (cmd == "--version") {
+            std::cout << "dubmatch-cli " << DUBMATCH_VERSION << "\n";
+            return kOk;
+        }
+        if (cmd == "--completion") {
+            if (rest.size() != 1) throw UsageError("--completion takes one shell: bash or zsh");
+            std::cout << commandline::completionScript(rest.front());
+            return kOk;
+        }
+        return run(cmd, rest);
     } catch (UsageError const& e) {
-        std::cerr << "dubmatch-cli: " << e.what() << "\nTry 'dubmatch-cli --help'.\n";
+        error(e.what());
+        std::cerr << "Try 'dubmatch-cli --help'.\n";
         return kUsage;
-    } catch (media::Cancelled const&) {
-        std::cerr << "\ndubmatch-cli: stopped; nothing was written.\n";
-        return kStopped;
     } catch (std::exception const& e) {
-        std::cerr << "dubmatch-cli: " << e.what() << "\n";
-        return kFailed;
-    } catch (OffsetList::BadBackup const&) {
-        std::cerr << "dubmatch-cli: the movie cannot hold a backup of its sound track.\n";
-        return kFailed;
-    } catch (myQTTime::BadScale const&) {
-        std::cerr << "dubmatch-cli: the movie has a track with a bad time scale.\n";
+        error(e.what());
         return kFailed;
     }
 }

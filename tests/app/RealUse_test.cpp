@@ -14,6 +14,7 @@
 #include <QComboBox>
 #include <QFileDialog>
 #include <QLineEdit>
+#include <QMenu>
 #include <QMenuBar>
 #include <QTest>
 #include <QTimer>
@@ -22,6 +23,7 @@
 
 #include <csignal>
 #include <sys/stat.h>
+#include <unistd.h>
 
 using namespace testsupport;
 
@@ -504,6 +506,70 @@ TEST_F(RealUse, ProtectedAndChangedFilesAreNotReplacedBehindTheUsersBack)
     ASSERT_EQ(alerts.shown[0].buttons.size(), 2);
     EXPECT_EQ(alerts.shown[0].buttons[0].toStdString(), "Save As...");
     EXPECT_EQ(readFile(path), theirs);
+}
+
+} // namespace
+
+namespace {
+
+// Open Recent lists what was opened, newest first, only files that still
+// exist; each movie's windows come back where the user left them.
+TEST_F(RealUse, RecentMoviesAndWindowPositionsAreRemembered)
+{
+    ScratchDir dir;
+    DMDocumentController::clearRecentFiles();
+    std::string first = dir.file("first.mov"), second = dir.file("second.mov"), gone = dir.file("gone.mov");
+    for (auto const& p : {first, second, gone}) writeFile(p, readFile(movie12()));
+    for (auto const& p : {gone, first, second}) ASSERT_TRUE(open(p));
+    ::unlink(gone.c_str());
+    EXPECT_EQ(DMDocumentController::recentFiles(), (QStringList{QString::fromStdString(second), QString::fromStdString(first)}));
+
+    auto* app = static_cast<DMApplication*>(QApplication::instance());
+    QMenu* recent = nullptr;
+    for (auto* m : app->findChildren<QMenu*>())
+        if (m->objectName() == "openRecent") recent = m;
+    if (!recent)
+        for (QWidget* w : QApplication::allWidgets())
+            if (auto* m = qobject_cast<QMenu*>(w); m && m->objectName() == "openRecent") recent = m;
+    ASSERT_TRUE(recent);
+    emit recent->aboutToShow();
+    QStringList titles;
+    for (QAction* a : recent->actions())
+        if (!a->isSeparator()) titles << a->text();
+    ASSERT_EQ(titles.size(), 3) << titles.join("|").toStdString();
+    EXPECT_TRUE(titles[0].startsWith("&1 second.mov")) << titles[0].toStdString();
+    EXPECT_TRUE(titles[1].startsWith("&2 first.mov")) << titles[1].toStdString();
+    EXPECT_EQ(titles[2], "&Clear Menu");
+
+    // Choosing an entry opens that movie (here: the open one comes forward).
+    for (auto* d : documents().documents()) {
+        d->updateChangeCount(kit::ChangeType::Cleared);
+        d->close();
+    }
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    recent->actions()[1]->trigger();
+    ASSERT_EQ(documents().documents().size(), 1);
+    auto* doc = qobject_cast<MovieDoc*>(documents().documents().front());
+    EXPECT_EQ(doc->fileName(), QString::fromStdString(first));
+
+    // Moved, closed, opened again: where it was left.
+    QRect avail = doc->movieWindow()->screen()->availableGeometry();
+    QPoint where = avail.topLeft() + QPoint(37, 41);
+    doc->movieWindow()->move(where);
+    QPoint actual = doc->movieWindow()->pos();
+    doc->close();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    MovieDoc* again = open(first);
+    ASSERT_TRUE(again);
+    EXPECT_EQ(again->movieWindow()->pos(), actual);
+    // Another movie is not put there.
+    MovieDoc* other = open(second);
+    EXPECT_NE(other->movieWindow()->pos(), actual);
+
+    // Clear Menu empties the list.
+    emit recent->aboutToShow();
+    recent->actions().back()->trigger();
+    EXPECT_TRUE(DMDocumentController::recentFiles().isEmpty());
 }
 
 } // namespace

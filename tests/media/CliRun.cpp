@@ -6,9 +6,9 @@
 
 namespace testsupport {
 
-CliRun cli(std::string const& args)
+namespace {
+CliRun runShell(std::string const& cmd)
 {
-    std::string cmd = std::string(DUBMATCH_CLI) + " " + args + " 2>&1";
     FILE* p = popen(cmd.c_str(), "r");
     if (!p) return {-1, ""};
     std::string out;
@@ -18,5 +18,10 @@ CliRun cli(std::string const& args)
     int st = pclose(p);
     return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out};
 }
+} // namespace
+
+CliRun cli(std::string const& args) { return runShell(std::string(DUBMATCH_CLI) + " " + args + " 2>&1"); }
+
+CliRun cliStdout(std::string const& args) { return runShell(std::string(DUBMATCH_CLI) + " " + args + " 2>/dev/null"); }
 
 } // namespace testsupport

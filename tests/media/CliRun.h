@@ -12,5 +12,7 @@ struct CliRun {
     std::string output;
 };
 CliRun cli(std::string const& args);
+// The same, with only standard output in `output` (errors are dropped).
+CliRun cliStdout(std::string const& args);
 
 } // namespace testsupport
