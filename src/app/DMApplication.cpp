@@ -129,6 +129,13 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
         if (auto* d = current()) d->doExport();
     });
     file->addSeparator();
+    add(file, "&Import Sync Points\u2026", "importSyncPoints", {}, [current] {
+        if (auto* d = current()) d->importSyncPoints();
+    });
+    add(file, "Expor&t Sync Points\u2026", "exportSyncPoints", {}, [current] {
+        if (auto* d = current()) d->exportSyncPoints();
+    });
+    file->addSeparator();
     add(file, "&Print\u2026", "print", QKeySequence::Print, [current] {
         if (auto* d = current()) d->printShowingPrintPanel(true);
     });
@@ -286,7 +293,8 @@ void DMApplication::updateMenu()
     if (QMenu* sync = getSyncMenu())
         for (QAction* a : sync->actions())
             if (!a->isSeparator()) a->setEnabled(doc && doc->validateAction(a->objectName()));
-    for (char const* name : {"performClose", "saveDocument", "saveDocumentAs", "saveDocumentTo", "copySyncPoints"})
+    for (char const* name :
+         {"performClose", "saveDocument", "saveDocumentAs", "saveDocumentTo", "copySyncPoints", "importSyncPoints", "exportSyncPoints"})
         if (QAction* a = actionNamed(name)) a->setEnabled(doc != nullptr && !doc->isBusy());
     for (char const* name : {"doExport", "print", "showInfo"})
         if (QAction* a = actionNamed(name)) a->setEnabled(doc != nullptr && doc->validateAction(name));

@@ -80,6 +80,10 @@ public:
 
     // Export: a save panel with a chooser of the seven formats.
     void doExport();
+    // The sync points as text (the format dubmatch-cli reads with --points).
+    void exportSyncPoints();
+    // Replaces the points with those of a text file; bad text changes nothing.
+    void importSyncPoints();
     // `path` with the extension of the chosen format (a movie or export
     // extension it has is replaced).
     static QString exportPathWithExtension(QString const& path, QString const& extension);

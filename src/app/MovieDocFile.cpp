@@ -3,6 +3,12 @@
 // refusing to close while a write runs.
 #include "MovieDoc.h"
 
+#include "PointsText.h"
+#include "SavedSync.h"
+
+#include <QFile>
+#include <QSaveFile>
+
 #include "FileErrors.h"
 
 #include "DMApplication.h"
@@ -94,6 +100,11 @@ std::optional<media::SaveOptions> MovieDoc::saveOptionsFor(std::string const& co
     media::SaveOptions options;
     options.container = container;
     options.soundCodec = soundCodecPreference();
+    // The points travel with the movie, so that it can be opened again and refined.
+    if (session_ && session_->offsets())
+        options.syncPoints = session_->offsets()->points().empty()
+                                 ? std::string()
+                                 : encodeSyncPoints(session_->offsets()->points(), session_->offsets()->soundTrack()->timeScale());
     media::SavePlan plan;
     try {
         plan = media::planSave(*opened_->movie, options);
@@ -149,8 +160,12 @@ bool MovieDoc::readFromFile(QString const& path, QString const& type, Refusal* e
     std::optional<media::OpenedMovie> opened;
     std::unique_ptr<media::Player> player;
     std::unique_ptr<SyncSession> session;
+    SavedSync saved;
     try {
         opened = media::openMovie(path.toStdString());
+        // A movie saved after a sync plays its unedited sound again, from
+        // its backup, and gets its points back below.
+        saved = adoptSavedSync(*opened->movie, opened->syncPointsTag);
         // The player opens the sound decoder: a sound that can be read but
         // not decoded is refused here, with the movie.
         player = std::make_unique<media::Player>(opened->movie);
@@ -160,6 +175,7 @@ bool MovieDoc::readFromFile(QString const& path, QString const& type, Refusal* e
             return false;
         }
         session = std::move(std::get<std::unique_ptr<SyncSession>>(made));
+        if (saved.points) session->replacePoints(*saved.points, false);
     } catch (std::bad_alloc const&) {
         report({"The file could not be opened as a movie.", "There is not enough memory to open it."});
         return false;
@@ -195,8 +211,9 @@ bool MovieDoc::readFromFile(QString const& path, QString const& type, Refusal* e
         spec.icon = QMessageBox::Warning;
         kit::runAlert(spec);
     }
-    if (!opened_->notes.empty()) {
+    if (!opened_->notes.empty() || !saved.note.empty()) {
         std::vector<std::string> notes = opened_->notes;
+        if (!saved.note.empty()) notes.push_back(saved.note.substr(0, saved.note.size() - 1)); // without its full stop
         kit::AlertSpec spec;
         spec.message = QString("\"%1\" was read with a change.").arg(QFileInfo(path).fileName());
         spec.informative = joined(notes) + ".";
@@ -348,3 +365,54 @@ std::optional<std::string> MovieDoc::runWithProgress(QString const& title, std::
 }
 
 QProgressDialog* MovieDoc::progressPanel() const { return progress_ ? progress_->panel() : nullptr; }
+
+void MovieDoc::exportSyncPoints()
+{
+    if (!session_ || busy_) return;
+    kit::SavePanelSpec spec;
+    spec.title = "Export Sync Points";
+    QFileInfo info(fileName());
+    spec.directory = info.absolutePath();
+    spec.proposedName = info.completeBaseName() + ".points";
+    spec.requiredExtension = "points";
+    spec.sheetParent = mMovieWindow;
+    QString path = kit::runSavePanel(spec);
+    if (path.isEmpty()) return;
+    std::string text = formatPointsText(session_->offsets()->points(), "sync points of " + info.fileName().toStdString());
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(text.data(), static_cast<qint64>(text.size())) != static_cast<qint64>(text.size())
+        || !file.commit()) {
+        kit::AlertSpec a;
+        a.message = "The sync points could not be exported.";
+        a.informative = file.errorString();
+        kit::runAlert(a);
+    }
+}
+
+void MovieDoc::importSyncPoints()
+{
+    if (!session_ || busy_) return;
+    kit::OpenPanelSpec spec;
+    spec.title = "Import Sync Points";
+    spec.directory = QFileInfo(fileName()).absolutePath();
+    QString path = kit::runOpenPanel(spec);
+    if (path.isEmpty()) return;
+    kit::AlertSpec a;
+    a.message = QString("\"%1\" could not be imported.").arg(QFileInfo(path).fileName());
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly) || file.size() > 16 * 1024 * 1024) {
+        a.informative = file.isOpen() ? "It is too large for a list of sync points." : file.errorString();
+        kit::runAlert(a);
+        return;
+    }
+    QByteArray bytes = file.readAll();
+    std::vector<Offset> points;
+    try {
+        points = parsePointsText(bytes.toStdString(), session_->offsets()->soundTrack()->timeScale());
+    } catch (PointsTextError const& e) {
+        a.informative = QString::fromStdString(e.what()) + ". The sync points were not changed.";
+        kit::runAlert(a);
+        return;
+    }
+    session_->replacePoints(std::move(points));
+}

@@ -242,6 +242,14 @@ void SyncSession::editSync(int r)
     player_->play();
 }
 
+void SyncSession::replacePoints(std::vector<Offset> points, bool counted)
+{
+    if (syncInProgress_) abandonSync();
+    offsets_->replacePoints(std::move(points));
+    if (counted) changed(+1);
+    pointsChanged();
+}
+
 void SyncSession::deleteSync(std::set<int> const& rows)
 {
     if (syncInProgress_) return;

@@ -63,6 +63,12 @@ public:
     // Wheel motion in notches: one millisecond per notch, signed by "reverseWheel".
     void scrollWheel(double notches);
 
+    // Replaces every point at once (the points a movie carries, an import,
+    // undo and redo): the list refits from the unedited sound. A sync in
+    // progress is abandoned first. One change unless `counted` is false
+    // (points that came with the movie when it opened).
+    void replacePoints(std::vector<Offset> points, bool counted = true);
+
     // The table: the points with the point in progress at `syncRow`.
     int numberOfRows() const;
     Offset GetOffset(int row) const;

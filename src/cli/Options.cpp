@@ -29,7 +29,7 @@ std::vector<Command> const& commands()
         t.push_back({"sync",
                      {"MOVIE"},
                      Completes::Movie,
-                     {point, valued("--points", "FILE", Completes::File), output, flag("--in-place"),
+                     {point, valued("--points", "FILE", Completes::File), flag("--from-movie"), output, flag("--in-place"),
                       valued("--type", "TYPE", Completes::Words, {"mov", "web", "mp4", "aiff", "dv", "flc", "bmp"}),
                       valued("--sound-codec", "CODEC", Completes::Words, {"same", "pcm", "flac", "alac", "aac"}),
                       flag("--drop-unsupported"), flag("--force"), flag("--accept-truncated"), flag("--dry-run"), flag("--quiet"),

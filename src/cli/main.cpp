@@ -5,8 +5,10 @@
 #include "MovieFile.h"
 #include "MovieWriter.h"
 #include "OffsetList.h"
+#include "PointsText.h"
 #include "Refusal.h"
 #include "SaveCheck.h"
+#include "SavedSync.h"
 #include "Options.h"
 #include "TestMovie.h"
 
@@ -32,7 +34,7 @@ enum Status { kOk = 0, kFailed = 1, kUsage = 2, kStopped = 130, kTerminated = 14
 
 constexpr char const* kUsageText = R"(Usage:
   dubmatch-cli info MOVIE [--json]
-  dubmatch-cli sync MOVIE [--point MOVIE_TIME=AUDIO_TIME]... [--points FILE]
+  dubmatch-cli sync MOVIE [--point MOVIE_TIME=AUDIO_TIME]... [--points FILE] [--from-movie]
                     (-o OUT | --in-place) [--type TYPE] [--sound-codec CODEC]
                     [--drop-unsupported] [--force] [--accept-truncated]
                     [--dry-run] [--quiet] [--json]
@@ -50,7 +52,9 @@ Commands:
            along it. Each point pairs a movie time (where a picture is) with
            the time of the unedited sound that belongs there. Times are typed
            as [-][[hours:]minutes:]seconds[.fraction], e.g. 1:02:03.5 or 90.25.
-           The unedited sound is kept in a disabled "Backup Sound Track".
+           The unedited sound is kept in a disabled "Backup Sound Track",
+           and the points are stored in the movie: a movie synced before
+           is synced again from its unedited sound, never from a copy.
   demo     Write a demo movie: a test pattern with a white flash every two
            seconds and a click at each flash, the sound 0.35 s late and 0.4 %
            fast (change with --offset and --rate). --points-file writes four
@@ -61,6 +65,8 @@ Options of sync:
   --point M=A      a sync point (repeatable)
   --points FILE    sync points, one "M=A" or "M A" per line; # starts a comment;
                    - reads them from standard input
+  --from-movie     the points a save stored in MOVIE (the default when no
+                   points are given and the movie carries some)
   -o, --output OUT write the synced movie to OUT (replaced if it exists), in
                    the container of its extension: .mov, .mp4, .m4v, .mkv, .webm
   --in-place       save over MOVIE in its own container (written beside it,
@@ -210,6 +216,8 @@ int info(commandline::Parsed const& args, json& out)
     media::OpenedMovie om = media::openMovie(path);
     for (auto const& n : om.notes) note(n + ".");
     dm::Movie& movie = *om.movie;
+    SavedSync saved = adoptSavedSync(movie, om.syncPointsTag);
+    if (!saved.note.empty()) note(saved.note);
     myQTTime duration = movie.duration();
     int fields = duration.width();
     out = {{"file", path}, {"format", om.formatName}, {"duration", duration.seconds()}, {"truncated", om.truncated},
@@ -247,6 +255,14 @@ int info(commandline::Parsed const& args, json& out)
     auto const& list = *std::get<std::unique_ptr<OffsetList>>(made);
     text << "sound track to sync: track " << list.soundTrack()->id() << " (\"" << list.soundTrack()->displayName() << "\")\n";
     out["sound_track"] = list.soundTrack()->id();
+    out["saved_sync"] = {{"backup_adopted", saved.backupAdopted},
+                         {"points", saved.points ? json(saved.points->size()) : json(nullptr)},
+                         {"note", saved.note}};
+    if (saved.backupAdopted)
+        text << "synced before: the backup is the sound to sync"
+             << (saved.points ? ", with " + std::to_string(saved.points->size()) + " stored sync point(s) (sync uses them when given none)"
+                              : "; no sync points stored")
+             << "\n";
 
     // What a save does: in place where the container is written, else as a copy.
     std::vector<std::string> tried = {media::containerForSaveAs(om.container, om.formatName)};
@@ -288,27 +304,8 @@ int info(commandline::Parsed const& args, json& out)
     throw Refused{"This movie cannot be saved in any container Dubmatch writes: " + failure, ""};
 }
 
-// "M=A" or "M A".
-Offset parsePoint(std::string const& text, long scale)
-{
-    std::string s = text;
-    auto eq = s.find('=');
-    if (eq == std::string::npos) eq = s.find_first_of(" \t");
-    if (eq == std::string::npos) throw UsageError("a sync point needs MOVIE_TIME=AUDIO_TIME: \"" + text + "\"");
-    auto trim = [](std::string v) {
-        auto a = v.find_first_not_of(" \t\r"), b = v.find_last_not_of(" \t\r");
-        return a == std::string::npos ? std::string() : v.substr(a, b - a + 1);
-    };
-    std::string m = trim(s.substr(0, eq)), a = trim(s.substr(eq + 1));
-    try {
-        return Offset(myQTTime(m, scale), myQTTime(a, scale));
-    } catch (myQTTime::BadDuration const&) {
-        throw UsageError("bad time in sync point \"" + text + "\" (use [-][[h:]m:]s[.frac])");
-    }
-}
-
-// The points of a points file ("-": standard input), one per line.
-std::vector<std::string> readPoints(std::string const& file)
+// The points of a points file ("-": standard input).
+std::vector<Offset> readPoints(std::string const& file, long scale)
 {
     std::ifstream f;
     std::istream* in = &std::cin;
@@ -317,14 +314,13 @@ std::vector<std::string> readPoints(std::string const& file)
         if (!f) throw UsageError("cannot read the points file \"" + file + "\"");
         in = &f;
     }
-    std::vector<std::string> points;
-    std::string line;
-    while (std::getline(*in, line)) {
-        auto hash = line.find('#');
-        if (hash != std::string::npos) line.resize(hash);
-        if (line.find_first_not_of(" \t\r") != std::string::npos) points.push_back(line);
+    std::ostringstream text;
+    text << in->rdbuf();
+    try {
+        return parsePointsText(text.str(), scale);
+    } catch (PointsTextError const& e) {
+        throw UsageError(std::string(file == "-" ? "standard input" : "\"" + file + "\"") + ", " + e.what());
     }
-    return points;
 }
 
 int sync(commandline::Parsed const& args, json& out)
@@ -333,8 +329,6 @@ int sync(commandline::Parsed const& args, json& out)
     bool asJson = args.has("--json");
     std::string path = args.positionals.at(0);
     std::vector<std::string> pointTexts = args.all("--point");
-    if (args.has("--points"))
-        for (auto const& p : readPoints(args.value("--points"))) pointTexts.push_back(p);
     std::string output = args.value("--output"), type = args.value("--type");
     bool inPlace = args.has("--in-place"), dryRun = args.has("--dry-run"), quiet = args.has("--quiet") || asJson;
     bool acceptTruncated = args.has("--accept-truncated");
@@ -370,6 +364,8 @@ int sync(commandline::Parsed const& args, json& out)
     out = {{"file", path}, {"output", inPlace ? path : output}, {"in_place", inPlace}, {"dry_run", dryRun}};
     media::OpenedMovie om = media::openMovie(path);
     for (auto const& n : om.notes) note(n + ".");
+    SavedSync saved = adoptSavedSync(*om.movie, om.syncPointsTag);
+    if (!saved.note.empty()) note(saved.note);
     double openSeconds = secondsSince(t0);
     if (inPlace && om.container.empty()) {
         auto dot = path.find_last_of('.');
@@ -393,9 +389,26 @@ int sync(commandline::Parsed const& args, json& out)
     OffsetList& list = *std::get<std::unique_ptr<OffsetList>>(made);
     long scale = list.soundTrack()->timeScale();
     std::vector<Offset> points;
-    for (auto const& t : pointTexts) points.push_back(parsePoint(t, scale));
+    try {
+        for (auto const& t : pointTexts) points.push_back(parsePoint(t, scale));
+    } catch (PointsTextError const& e) {
+        throw UsageError(e.what());
+    }
+    if (args.has("--points"))
+        for (auto const& p : readPoints(args.value("--points"), scale)) points.push_back(p);
+    bool fromMovie = args.has("--from-movie") || (points.empty() && saved.points && !saved.points->empty());
+    if (fromMovie) {
+        if (!points.empty()) throw UsageError("--from-movie takes the points stored in the movie: give no other points");
+        if (!saved.points) throw Refused{"\"" + path + "\" carries no sync points that can be used.", saved.note};
+        points = *saved.points;
+        note("using the " + std::to_string(points.size()) + " sync point(s) stored in the movie.");
+    }
     if (points.empty()) note("no sync points given: the sound is written unchanged.");
     list.replacePoints(points);
+    out["points_from_movie"] = fromMovie;
+    // The points travel with the movie, so that it can be opened again and refined.
+    options.syncPoints = encodeSyncPoints(list.points(), static_cast<std::int32_t>(scale));
+    if (list.points().empty()) options.syncPoints = std::string();
 
     int fields = list.duration().width();
     out["fit"] = {{"slope", list.slope()}, {"intercept", list.intercept()}, {"kept_previous_line", list.keptPreviousLine()}};

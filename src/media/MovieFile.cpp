@@ -1,5 +1,7 @@
 #include "MovieFile.h"
 
+#include "SavedSync.h"
+
 extern "C" {
 #include <libavutil/parseutils.h>
 }
@@ -362,6 +364,7 @@ OpenedMovie openMovie(std::string const& path)
     AVFormatContext* fmt = in.format.get();
     out.formatName = fmt->iformat->name;
     out.container = containerOfInput(fmt, path);
+    if (AVDictionaryEntry* tag = av_dict_get(fmt->metadata, kSyncPointsTag, nullptr, 0)) out.syncPointsTag = tag->value;
     bool useFlag = containerHasEnabledFlag(out.formatName);
     out.movie = std::make_shared<dm::Movie>(600);
 

@@ -103,6 +103,8 @@ struct OpenedMovie {
     std::vector<std::string> notes;
     double readableSeconds = 0;
     double declaredSeconds = 0;
+    // The sync points a save stored in the file (kSyncPointsTag), or empty.
+    std::string syncPointsTag;
     // Tracks in stream order; the media of each is a FileMedia.
     static FileMedia const& mediaOf(dm::Track const& track);
 };

@@ -1,5 +1,7 @@
 #include "MovieWriter.h"
 
+#include "SavedSync.h"
+
 #include "AtomicFile.h"
 #include "AudioRenderer.h"
 #include "Codec.h"
@@ -453,11 +455,17 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
     if (copies.empty() && sounds.empty() && videos.empty()) throw MediaError("The movie has nothing to write in this format.");
     bool rich = plan.container == "mov" || plan.container == "mp4" || plan.container == "matroska" || plan.container == "webm";
     if (mainFile && rich) copyFileDetails(out.get(), inputs.of(*mainFile), fileMedia(*decisions.front().track).origin);
+    // Points only go with a backup: a file of the enabled tracks alone carries none.
+    if (plan.enabledOnly) av_dict_set(&out->metadata, kSyncPointsTag, nullptr, 0);
+    else if (rich && plan.options.syncPoints.has_value())
+        av_dict_set(&out->metadata, kSyncPointsTag, plan.options.syncPoints->empty() ? nullptr : plan.options.syncPoints->c_str(), 0);
 
     output.attach(out.get());
     AVDictionary* opts = nullptr;
     if (plan.container == "mov" || plan.container == "mp4") {
         if (plan.fastStart) av_dict_set(&opts, "movflags", "+faststart", 0);
+        // A key of our own is written only as a QuickTime metadata item (mdta).
+        if (av_dict_get(out->metadata, kSyncPointsTag, nullptr, 0)) av_dict_set(&opts, "movflags", "+use_metadata_tags", AV_DICT_APPEND);
         if (soundRate > 0) av_dict_set_int(&opts, "movie_timescale", soundRate, 0);
     }
     int rc = avformat_write_header(out.get(), &opts);

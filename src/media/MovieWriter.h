@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -66,6 +67,10 @@ struct SaveOptions {
     std::atomic<bool> const* stop = nullptr;
     // What may be replaced: a write-protected file only when the user agreed.
     TargetPolicy target;
+    // The sync points to store in the file's metadata (kSyncPointsTag) in
+    // QuickTime, MPEG-4 and Matroska files; empty removes a stored value.
+    // Unset: the source's value is copied like any other tag.
+    std::optional<std::string> syncPoints;
 };
 
 // What a save does with one track.

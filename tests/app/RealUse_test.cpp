@@ -8,6 +8,7 @@
 #include "MovieDoc.h"
 #include "MovieView.h"
 #include "SyncPointWindow.h"
+#include "SyncSession.h"
 #include "kit/Alert.h"
 #include "kit/UserDefaults.h"
 
@@ -570,6 +571,63 @@ TEST_F(RealUse, RecentMoviesAndWindowPositionsAreRemembered)
     emit recent->aboutToShow();
     recent->actions().back()->trigger();
     EXPECT_TRUE(DMDocumentController::recentFiles().isEmpty());
+}
+
+} // namespace
+
+namespace {
+
+// A movie saved with points opens with them; points go out to a text file
+// and come back exactly; a bad file changes nothing.
+TEST_F(RealUse, PointsComeBackWithTheMovieAndThroughTextFiles)
+{
+    ScratchDir dir;
+    MovieDoc* doc = openCopy(dir, "talk.mov", cachedMovie("realuse-drift.mov", smallSpec(12, 0.3, 1.0 / 1.003)));
+    ASSERT_TRUE(doc);
+    SyncSession* s = doc->session();
+    s->replacePoints({Offset(at(2), at(2.306)), Offset(at(10), at(10.33))});
+    std::vector<Offset> made = s->offsets()->points();
+    kit::setSavePanelResponder([&](kit::SavePanelSpec const& spec) { return QString::fromStdString(dir.file(spec.proposedName.toStdString())); });
+    AlertRecorder alerts;
+    doc->saveDocument();
+    EXPECT_FALSE(doc->isDocumentEdited());
+    doc->exportSyncPoints();
+    std::string exported = dir.file("talk.points");
+    ASSERT_FALSE(readFile(exported).empty());
+    doc->close();
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+
+    MovieDoc* again = open(dir.file("talk.mov"));
+    ASSERT_TRUE(again);
+    EXPECT_FALSE(again->isDocumentEdited()) << "points that came with the movie are no change";
+    ASSERT_EQ(again->session()->offsets()->points().size(), made.size());
+    for (std::size_t i = 0; i < made.size(); ++i) {
+        EXPECT_EQ(again->session()->offsets()->points()[i].movieTime, made[i].movieTime);
+        EXPECT_EQ(again->session()->offsets()->points()[i].audioTime, made[i].audioTime);
+    }
+    EXPECT_EQ(again->session()->movieMode(), "morePointsIfNeeded");
+    int backups = 0;
+    for (auto const& t : again->session()->movie()->tracks()) backups += t->displayName() == OffsetList::kBackupTrackName;
+    EXPECT_EQ(backups, 1);
+    EXPECT_TRUE(alerts.shown.empty());
+
+    // Imported into another copy of the movie: the same points, one change.
+    again->close();
+    MovieDoc* other = openCopy(dir, "other.mov", cachedMovie("realuse-drift.mov", smallSpec(12, 0.3, 1.0 / 1.003)));
+    kit::setOpenPanelResponder([&](kit::OpenPanelSpec const&) { return QString::fromStdString(exported); });
+    other->importSyncPoints();
+    ASSERT_EQ(other->session()->offsets()->points().size(), made.size());
+    EXPECT_EQ(other->session()->offsets()->points()[1].audioTime, made[1].audioTime);
+    EXPECT_TRUE(other->isDocumentEdited());
+
+    // A damaged file: told which line, nothing changes.
+    writeFile(dir.file("bad.points"), "1 = 1.2\n3 = three\n");
+    kit::setOpenPanelResponder([&](kit::OpenPanelSpec const&) { return QString::fromStdString(dir.file("bad.points")); });
+    other->importSyncPoints();
+    ASSERT_EQ(alerts.shown.size(), 1u);
+    EXPECT_TRUE(alerts.shown[0].informative.contains("line 2")) << alerts.shown[0].informative.toStdString();
+    EXPECT_EQ(other->session()->offsets()->points().size(), made.size());
+    kit::setOpenPanelResponder(nullptr);
 }
 
 } // namespace

@@ -194,7 +194,11 @@ TEST(PlistLimits, HostileDocumentsAreRefusedQuicklyOnASmallStack)
         net::PlistLimits limits = {};
     };
     std::vector<std::string> chain; // 60000 arrays, each the only element of the one before
-    for (std::uint16_t i = 0; i < 60000; ++i) chain.push_back(i + 1 < 60000 ? "\xA1" + bpRefs({static_cast<std::uint16_t>(i + 1)}) : "\xA0");
+    for (std::uint16_t i = 0; i < 60000; ++i) {
+        std::string element(1, i + 1 < 60000 ? '\xA1' : '\xA0');
+        if (i + 1 < 60000) element += bpRefs({static_cast<std::uint16_t>(i + 1)});
+        chain.push_back(std::move(element));
+    }
     std::string cycle = binaryPlist({bpString("a"), bpDict({{0, 1}})}, 1);
     std::string selfRef = selfReferencingBinaryPlist(22);
     std::vector<Row> rows = {

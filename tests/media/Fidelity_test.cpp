@@ -4,6 +4,7 @@
 #include "CliRun.h"
 #include "MediaTestSupport.h"
 #include "MovieFile.h"
+#include "MovieWriter.h"
 #include "SoundEncoder.h"
 
 #include <gtest/gtest.h>
@@ -681,6 +682,102 @@ TEST(FidelityCli, ALongSaveStopsOnInterrupt)
     ASSERT_TRUE(WIFEXITED(w.status));
     EXPECT_EQ(WEXITSTATUS(w.status), 130);
     EXPECT_EQ(listDir(dir.path()), std::vector<std::string>{"long.mkv"});
+}
+
+} // namespace
+
+namespace {
+
+int countBackups(FileInfo const& f)
+{
+    int n = 0;
+    for (auto const& s : f.streams)
+        for (char const* key : {"title", "handler_name"})
+            if (s.type == AVMEDIA_TYPE_AUDIO && s.tags.count(key) && s.tags.at(key) == "Backup Sound Track") {
+                ++n;
+                break;
+            }
+    return n;
+}
+
+// A synced movie opens again with its points and its unedited sound: saved
+// again it comes out the same, with the one original backup, never a copy.
+TEST(SavedPoints, SaveReopenSaveGivesTheSameMovie)
+{
+    for (char const* name : {"talk.mov", "talk.mkv"}) {
+        ScratchDir dir;
+        media::TestMovieSpec spec = baseSpec();
+        if (std::string(name).find(".mkv") != std::string::npos) {
+            spec.format = "matroska";
+            spec.audioCodec = "flac";
+        }
+        std::string movie = dir.file(name);
+        media::writeTestMovie(movie, spec);
+        std::string original = dir.file(std::string("original-") + name);
+        writeFile(original, readFile(movie));
+        std::string points = pointsFrom(movie, dir.file("points.txt"));
+
+        CliRun first = cli("sync '" + movie + "' --points '" + points + "' --in-place --quiet");
+        ASSERT_EQ(first.status, 0) << first.output;
+        FileInfo once = inspect(movie);
+        std::string onceCopy = dir.file("once");
+        writeFile(onceCopy, readFile(movie));
+        CliRun info = cliStdout("info '" + movie + "' --json");
+        EXPECT_NE(info.output.find("\"backup_adopted\": true"), std::string::npos) << info.output;
+
+        // No points given: the stored ones, from the unedited sound.
+        CliRun second = cli("sync '" + movie + "' --in-place");
+        ASSERT_EQ(second.status, 0) << second.output;
+        EXPECT_NE(second.output.find("using the"), std::string::npos) << second.output;
+        EXPECT_NE(second.output.find(first.output.substr(0, first.output.find('\n'))), std::string::npos)
+            << "the same line:\n" << first.output << "\n" << second.output;
+        FileInfo twice = inspect(movie);
+        EXPECT_EQ(countBackups(twice), 1) << name;
+        ASSERT_EQ(twice.streams.size(), once.streams.size()) << name;
+        int sound = enabledSound(twice), backup = backupSound(twice);
+        // The backup is still the first original, sample for sample.
+        int originalSound = enabledSound(inspect(original));
+        EXPECT_EQ(decodeSamples(movie, backup), decodeSamples(original, originalSound)) << name;
+        // The re-timed sound is the one the first save wrote.
+        EXPECT_EQ(decodeSamples(movie, sound), decodeSamples(onceCopy, enabledSound(once))) << name;
+        EXPECT_EQ(twice.tags.at(twice.tags.count("dubmatch_sync_points") ? "dubmatch_sync_points" : "DUBMATCH_SYNC_POINTS"),
+                  once.tags.at(once.tags.count("dubmatch_sync_points") ? "dubmatch_sync_points" : "DUBMATCH_SYNC_POINTS"));
+        EXPECT_LE(media::measureSync(movie).worst(), 0.00005) << name;
+    }
+}
+
+// A movie synced by a version that stored no points: its backup is still
+// recognised, and new points re-time from it.
+TEST(SavedPoints, ABackupWithoutPointsIsTheSoundNewPointsStartFrom)
+{
+    ScratchDir dir;
+    media::TestMovieSpec spec = baseSpec();
+    std::string movie = dir.file("old.mov");
+    media::writeTestMovie(movie, spec);
+    std::string points = pointsFrom(movie, dir.file("points.txt"));
+    ASSERT_EQ(cli("sync '" + movie + "' --points '" + points + "' -o '" + dir.file("synced.mov") + "' --quiet").status, 0);
+    // The same file without the stored points, as older versions wrote it.
+    std::string old = dir.file("old-synced.mov");
+    {
+        media::OpenedMovie om = media::openMovie(dir.file("synced.mov"));
+        media::SaveOptions options;
+        options.container = "mov";
+        options.syncPoints = std::string();
+        media::writeMovie(*om.movie, old, {}, options);
+    }
+    ASSERT_EQ(countBackups(inspect(old)), 1);
+    CliRun info = cli("info '" + old + "'");
+    EXPECT_NE(info.output.find("does not carry its sync points"), std::string::npos) << info.output;
+    EXPECT_EQ(cli("sync '" + old + "' --from-movie -o '" + dir.file("x.mov") + "'").status, 1);
+
+    // The user's points are about the unedited sound, which is what plays now.
+    std::string out = dir.file("again.mov");
+    CliRun again = cli("sync '" + old + "' --points '" + points + "' -o '" + out + "' --quiet");
+    ASSERT_EQ(again.status, 0) << again.output;
+    FileInfo f = inspect(out);
+    EXPECT_EQ(countBackups(f), 1);
+    EXPECT_EQ(decodeSamples(out, backupSound(f)), decodeSamples(movie, enabledSound(inspect(movie))));
+    EXPECT_LE(media::measureSync(out).worst(), 0.00005);
 }
 
 } // namespace

@@ -170,6 +170,16 @@ void DisposeMovieTrack(Movie& movie, TrackPtr const& track)
     }
 }
 
+void ReplaceMovieTrack(Movie& movie, TrackPtr const& old, TrackPtr const& replacement)
+{
+    auto o = std::find(movie.tracks_.begin(), movie.tracks_.end(), old);
+    auto r = std::find(movie.tracks_.begin(), movie.tracks_.end(), replacement);
+    if (o == movie.tracks_.end() || r == movie.tracks_.end() || o == r) return;
+    *o = replacement;
+    movie.tracks_.erase(r);
+    ++movie.trackChanges_;
+}
+
 MovieEditState NewMovieEditState(Movie const& movie)
 {
     auto state = std::make_shared<MovieEditStateRecord>();

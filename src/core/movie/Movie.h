@@ -150,6 +150,7 @@ public:
 private:
     friend TrackPtr AddEmptyTrackToMovie(Track const& source, Movie& movie);
     friend void DisposeMovieTrack(Movie& movie, TrackPtr const& track);
+    friend void ReplaceMovieTrack(Movie& movie, TrackPtr const& old, TrackPtr const& replacement);
 
     std::int32_t timeScale_;
     std::vector<TrackPtr> tracks_;
@@ -169,6 +170,10 @@ private:
 TrackPtr AddEmptyTrackToMovie(Track const& source, Movie& movie);
 // Removes the track from the movie.
 void DisposeMovieTrack(Movie& movie, TrackPtr const& track);
+// Puts `replacement`, a track of the movie, where `old` stands in the
+// movie's order of tracks, and removes `old`. Nothing happens unless both
+// are tracks of the movie.
+void ReplaceMovieTrack(Movie& movie, TrackPtr const& old, TrackPtr const& replacement);
 
 MovieEditState NewMovieEditState(Movie const& movie);
 // Restores the saved edit list of every track that still exists; tracks
