@@ -143,6 +143,13 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
     add(file, "&Quit", "terminate", QKeySequence(Qt::CTRL | Qt::Key_Q), [this] { terminate(); });
 
     auto* edit = new QMenu("&Edit");
+    add(edit, "&Undo", "undo", QKeySequence::Undo, [current] {
+        if (auto* d = current()) d->undo();
+    });
+    add(edit, "&Redo", "redo", QKeySequence::Redo, [current] {
+        if (auto* d = current()) d->redo();
+    });
+    edit->addSeparator();
     add(edit, "&Copy Sync Points", "copySyncPoints", QKeySequence::Copy, [current] {
         auto* d = current();
         if (!d || !d->offsets()) return;
@@ -296,6 +303,14 @@ void DMApplication::updateMenu()
     for (char const* name :
          {"performClose", "saveDocument", "saveDocumentAs", "saveDocumentTo", "copySyncPoints", "importSyncPoints", "exportSyncPoints"})
         if (QAction* a = actionNamed(name)) a->setEnabled(doc != nullptr && !doc->isBusy());
+    if (QAction* a = actionNamed("undo")) {
+        a->setEnabled(doc && doc->canUndo());
+        a->setText(doc && !doc->undoText().isEmpty() ? "&Undo " + doc->undoText() : QString("&Undo"));
+    }
+    if (QAction* a = actionNamed("redo")) {
+        a->setEnabled(doc && doc->canRedo());
+        a->setText(doc && !doc->redoText().isEmpty() ? "&Redo " + doc->redoText() : QString("&Redo"));
+    }
     for (char const* name : {"doExport", "print", "showInfo"})
         if (QAction* a = actionNamed(name)) a->setEnabled(doc != nullptr && doc->validateAction(name));
 }

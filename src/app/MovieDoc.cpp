@@ -2,6 +2,8 @@
 // and the middle button, and the sync point table's data.
 #include "MovieDoc.h"
 
+#include <QUndoCommand>
+
 #include "DMApplication.h"
 #include "MovieView.h"
 #include "ProgressSheet.h"
@@ -19,6 +21,7 @@ MovieDoc::MovieDoc()
     setFileType("UnsavedDocument");
     connect(this, &MovieDoc::pointsChanged, this, &MovieDoc::reloadTable);
     connect(this, &MovieDoc::playbackFault, this, &MovieDoc::showPlaybackFault, Qt::QueuedConnection);
+    undo_ = new QUndoStack(this);
 }
 
 MovieDoc::~MovieDoc()
@@ -32,7 +35,10 @@ SyncSession::Hooks MovieDoc::sessionHooks()
 {
     SyncSession::Hooks h;
     h.modeChanged = [this] { didUpdateMode(); };
-    h.pointsChanged = [this] { emit pointsChanged(); };
+    h.pointsChanged = [this] {
+        recordPoints();
+        emit pointsChanged();
+    };
     h.selectionShown = [this](QTTimeRange r) {
         if (mMovieView) mMovieView->showSelection(r);
     };
@@ -98,6 +104,95 @@ void MovieDoc::deleteSync()
     session_->deleteSync(selected);
     updateMenu();
 }
+
+// One change of the sync points: the points before and after it.
+class PointsCommand : public QUndoCommand {
+public:
+    PointsCommand(MovieDoc* doc, std::vector<Offset> before, std::vector<Offset> after, QString const& text)
+        : QUndoCommand(text), doc_(doc), before_(std::move(before)), after_(std::move(after))
+    {
+    }
+    void undo() override
+    {
+        doc_->applyPoints(before_);
+        doc_->updateChangeCount(kit::ChangeType::Undone);
+    }
+    void redo() override
+    {
+        if (first_) { // pushed after the change was made
+            first_ = false;
+            return;
+        }
+        doc_->applyPoints(after_);
+        doc_->updateChangeCount(kit::ChangeType::Done);
+    }
+
+private:
+    MovieDoc* doc_;
+    std::vector<Offset> before_, after_;
+    bool first_ = true;
+};
+
+namespace {
+bool samePoints(std::vector<Offset> const& a, std::vector<Offset> const& b)
+{
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i)
+        if (a[i].movieTime != b[i].movieTime || a[i].audioTime != b[i].audioTime) return false;
+    return true;
+}
+} // namespace
+
+void MovieDoc::recordPoints()
+{
+    if (!session_ || applyingPoints_ || session_->syncInProgress()) return;
+    std::vector<Offset> now = session_->offsets()->points();
+    if (samePoints(now, committed_)) return;
+    QString text = nextLabel_;
+    if (text.isEmpty()) {
+        if (now.size() == committed_.size() + 1) text = "Add Sync Point";
+        else if (now.size() + 1 == committed_.size()) text = "Delete Sync Point";
+        else if (now.size() < committed_.size()) text = "Delete Sync Points";
+        else text = "Change Sync Point";
+    }
+    nextLabel_.clear();
+    undo_->push(new PointsCommand(this, committed_, now, text));
+    committed_ = std::move(now);
+    updateMenu();
+}
+
+void MovieDoc::applyPoints(std::vector<Offset> const& points)
+{
+    applyingPoints_ = true;
+    if (session_->syncInProgress()) session_->abandonSync();
+    session_->replacePoints(points, false);
+    committed_ = session_->offsets()->points();
+    applyingPoints_ = false;
+    updateMenu();
+}
+
+void MovieDoc::undo()
+{
+    if (!session_ || busy_) return;
+    // A point in progress is given up first; taken out of the list for an
+    // edit, that is a step of its own, undone here.
+    if (session_->syncInProgress()) session_->abandonSync();
+    undo_->undo();
+    updateMenu();
+}
+
+void MovieDoc::redo()
+{
+    if (!session_ || busy_) return;
+    if (session_->syncInProgress()) session_->abandonSync();
+    undo_->redo();
+    updateMenu();
+}
+
+bool MovieDoc::canUndo() const { return session_ && !busy_ && (undo_->canUndo() || session_->syncInProgress()); }
+bool MovieDoc::canRedo() const { return session_ && !busy_ && undo_->canRedo(); }
+QString MovieDoc::undoText() const { return undo_->undoText(); }
+QString MovieDoc::redoText() const { return undo_->redoText(); }
 
 void MovieDoc::abandonSync()
 {

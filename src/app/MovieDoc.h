@@ -18,6 +18,7 @@
 
 #include <QLabel>
 #include <QMainWindow>
+#include <QUndoStack>
 
 #include <memory>
 #include <optional>
@@ -152,6 +153,15 @@ public:
     MovieView* movieView() const { return mMovieView; }
     myQTTime loopMiddle() const;
 
+    // Undo and redo of every change of the sync points, one step each.
+    void undo();
+    void redo();
+    bool canUndo() const;
+    bool canRedo() const;
+    QString undoText() const;
+    QString redoText() const;
+    QUndoStack* undoStack() const { return undo_; }
+
 signals:
     void movieModeChanged(QString const& mode);
     // The sync points or the point in progress changed (the table reloads).
@@ -160,6 +170,16 @@ signals:
     void playbackFault(QString const& message);
 
 private:
+    friend class PointsCommand;
+    // After the points changed outside a sync in progress: one undo step
+    // from the points before to the points now, when they differ.
+    void recordPoints();
+    // Puts back a list of points (undo and redo).
+    void applyPoints(std::vector<Offset> const& points);
+    QUndoStack* undo_ = nullptr;
+    std::vector<Offset> committed_; // the points at the last undo step
+    bool applyingPoints_ = false;
+    QString nextLabel_; // the name of the next step, when the change has one of its own
     void didUpdateMode();
     // The save options for writing the movie in `container` (the sound
     // codec preference; streams left out only when the user agrees), or

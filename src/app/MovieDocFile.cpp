@@ -189,6 +189,8 @@ bool MovieDoc::readFromFile(QString const& path, QString const& type, Refusal* e
     opened_ = std::move(opened);
     player_ = std::move(player);
     session_ = std::move(session);
+    committed_ = session_->offsets()->points();
+    undo_->clear();
     faultShown_ = false;
     setFileName(path);
     // Saved in place only in a container the writer writes; any other file
@@ -414,5 +416,7 @@ void MovieDoc::importSyncPoints()
         kit::runAlert(a);
         return;
     }
+    nextLabel_ = "Import Sync Points";
     session_->replacePoints(std::move(points));
+    nextLabel_.clear();
 }

@@ -23,6 +23,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <random>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -628,6 +629,101 @@ TEST_F(RealUse, PointsComeBackWithTheMovieAndThroughTextFiles)
     EXPECT_TRUE(alerts.shown[0].informative.contains("line 2")) << alerts.shown[0].informative.toStdString();
     EXPECT_EQ(other->session()->offsets()->points().size(), made.size());
     kit::setOpenPanelResponder(nullptr);
+}
+
+} // namespace
+
+namespace {
+
+std::vector<std::pair<long long, long long>> ticksOf(std::vector<Offset> const& points)
+{
+    std::vector<std::pair<long long, long long>> t;
+    for (auto const& p : points) t.push_back({std::llround(p.movieTime.seconds() * 1e6),
+                                              std::llround(p.audioTime.seconds() * 1e6)});
+    return t;
+}
+
+// Random edits, undos and redos against a model of the expected lists: after
+// every step the document holds the list the history says, undo takes one
+// change back and redo makes it again, and the change count follows.
+TEST_F(RealUse, UndoAndRedoFollowEveryChangeOfThePoints)
+{
+    ScratchDir dir;
+    MovieDoc* doc = openCopy(dir, "talk.mov", cachedMovie("realuse-drift.mov", smallSpec(12, 0.3, 1.0 / 1.003)));
+    ASSERT_TRUE(doc);
+    SyncSession* s = doc->session();
+    std::vector<std::vector<std::pair<long long, long long>>> history = {ticksOf(s->offsets()->points())};
+    std::size_t index = 0;
+    std::mt19937 rng(11);
+    auto points = [&] { return ticksOf(s->offsets()->points()); };
+    auto changed = [&] {
+        history.resize(index + 1);
+        history.push_back(points());
+        ++index;
+    };
+    int steps = 0, undos = 0, redos = 0;
+    for (int step = 0; step < 120; ++step) {
+        int n = static_cast<int>(s->offsets()->points().size());
+        int op = std::uniform_int_distribution<int>(0, 7)(rng);
+        int count = doc->changeCount();
+        if (op <= 1) { // a new point: start, nudge, accept
+            doc->player()->setCurrentTime(at(std::uniform_real_distribution<double>(4.5, 11.5)(rng)));
+            doc->startSync();
+            for (int k = std::uniform_int_distribution<int>(0, 5)(rng); k > 0; --k) doc->advanceAudio();
+            doc->acceptSync();
+            changed();
+        } else if (op == 2 && n > 0) {
+            s->deleteSync({std::uniform_int_distribution<int>(0, n - 1)(rng)});
+            changed();
+        } else if (op == 3 && n > 0) {
+            s->setRowOffset(std::uniform_int_distribution<int>(0, n - 1)(rng), std::uniform_int_distribution<int>(-400, 400)(rng));
+            changed();
+        } else if (op == 4) {
+            s->replacePoints({Offset(at(1 + step % 5), at(1.3 + step % 5)), Offset(at(9), at(9.35))});
+            if (points() != history[index]) changed();
+        } else if (op == 5 || op == 6) {
+            bool could = doc->canUndo();
+            EXPECT_EQ(could, index > 0) << "step " << step;
+            doc->undo();
+            if (could) {
+                --index;
+                ++undos;
+                EXPECT_EQ(doc->changeCount(), count - 1) << "step " << step;
+            }
+        } else if (op == 7) {
+            bool could = doc->canRedo();
+            EXPECT_EQ(could, index + 1 < history.size()) << "step " << step;
+            doc->redo();
+            if (could) {
+                ++index;
+                ++redos;
+                EXPECT_EQ(doc->changeCount(), count + 1) << "step " << step;
+            }
+        }
+        ++steps;
+        ASSERT_EQ(points(), history[index]) << "after step " << step << " (op " << op << ")";
+    }
+    EXPECT_GT(undos, 10);
+    EXPECT_GT(redos, 5);
+
+    // Undo during a point in progress gives the point up first.
+    while (doc->canUndo()) doc->undo();
+    doc->player()->setCurrentTime(at(6));
+    doc->startSync();
+    doc->acceptSync();
+    std::size_t one = s->offsets()->points().size();
+    doc->player()->setCurrentTime(at(9));
+    doc->startSync();
+    ASSERT_TRUE(s->syncInProgress());
+    doc->undo();
+    EXPECT_FALSE(s->syncInProgress());
+    EXPECT_EQ(s->offsets()->points().size(), one - 1);
+
+    // The Edit menu names the step.
+    auto* app = static_cast<DMApplication*>(QApplication::instance());
+    app->updateMenu();
+    EXPECT_EQ(app->actionNamed("redo")->text(), "&Redo Add Sync Point");
+    EXPECT_TRUE(app->actionNamed("redo")->isEnabled());
 }
 
 } // namespace
