@@ -174,6 +174,7 @@ private:
     // After the points changed outside a sync in progress: one undo step
     // from the points before to the points now, when they differ.
     void recordPoints();
+    void updateResidualPlot();
     // Puts back a list of points (undo and redo).
     void applyPoints(std::vector<Offset> const& points);
     QUndoStack* undo_ = nullptr;

@@ -1,5 +1,6 @@
 // The document's export and print actions.
 #include "MovieDoc.h"
+#include "ResidualPlot.h"
 
 #include "MovieView.h"
 #include "kit/Alert.h"
@@ -121,9 +122,33 @@ bool MovieDoc::printShowingPrintPanel(bool showPanel, QPrinter* given)
     QPainter painter;
     if (!painter.begin(printer)) return false;
     QRect page = painter.viewport();
-    QSize size = picture.size().scaled(page.size(), Qt::KeepAspectRatio);
+    // The picture on the upper part of the page; with sync points, the plot
+    // of their residuals below it.
+    bool withPlot = session_ && !session_->offsets()->points().empty();
+    QSize room(page.width(), withPlot ? page.height() * 2 / 3 : page.height());
+    QSize size = picture.size().scaled(room, Qt::KeepAspectRatio);
+    painter.save();
     painter.setViewport(page.x() + (page.width() - size.width()) / 2, page.y(), size.width(), size.height());
     painter.setWindow(picture.rect());
     painter.drawImage(0, 0, picture);
+    painter.restore();
+    if (withPlot) {
+        ResidualPlot plot;
+        OffsetList const& list = *session_->offsets();
+        std::vector<ResidualPlot::Point> points;
+        int row = 0;
+        for (Offset const& p : list.points())
+            points.push_back({p.movieTime.seconds(), (list.slope() * p.movieTime.seconds() + list.intercept() - p.audioTime.seconds()) * 1000,
+                              p.flag, row++});
+        plot.setPoints(std::move(points), opened_->movie->duration().seconds());
+        // Drawn at screen size and scaled to the page, so lines and text keep their proportions.
+        QRectF logical(0, 0, 640, 200);
+        double scale = std::min(page.width() / logical.width(), (page.height() - size.height() - 20) / logical.height());
+        painter.save();
+        painter.translate(page.x() + (page.width() - logical.width() * scale) / 2, page.y() + size.height() + 20);
+        painter.scale(scale, scale);
+        plot.render(painter, logical);
+        painter.restore();
+    }
     return painter.end();
 }

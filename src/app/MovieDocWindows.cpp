@@ -5,6 +5,7 @@
 
 #include "DMApplication.h"
 #include "MovieView.h"
+#include "ResidualPlot.h"
 #include "SyncPointWindow.h"
 #include "ValueTransformers.h"
 #include "bridge.h"
@@ -216,6 +217,10 @@ IndexSet MovieDoc::selectedRows() const
 
 void MovieDoc::rememberSelection()
 {
+    if (auto* wc = findInfoWindowController()) {
+        IndexSet selected = selectedRows();
+        wc->residualPlot()->setSelectedRows(std::set<int>(selected.begin(), selected.end()));
+    }
     selectedTimes_.clear();
     for (int r : selectedRows())
         if (r < numberOfRows() && !(syncInProgress() && r == syncRow())) selectedTimes_.push_back(GetOffset(r).movieTime);
@@ -409,6 +414,25 @@ void MovieDoc::reloadTable()
         rememberSelection();
     }
     wc->window()->setWindowTitle(OffsetListWindowController::windowTitleForDocumentDisplayName(displayName()));
+    updateResidualPlot();
+}
+
+void MovieDoc::updateResidualPlot()
+{
+    auto* wc = findInfoWindowController();
+    if (!wc || !session_) return;
+    OffsetList const& list = *session_->offsets();
+    std::vector<ResidualPlot::Point> points;
+    int row = 0;
+    for (Offset const& p : list.points()) {
+        if (syncInProgress() && row == syncRow()) ++row; // the point in progress has no residual yet
+        double residual = (list.slope() * p.movieTime.seconds() + list.intercept() - p.audioTime.seconds()) * 1000;
+        points.push_back({p.movieTime.seconds(), residual, p.flag, row});
+        ++row;
+    }
+    wc->residualPlot()->setPoints(std::move(points), opened_ ? opened_->movie->duration().seconds() : 1);
+    IndexSet selected = selectedRows();
+    wc->residualPlot()->setSelectedRows(std::set<int>(selected.begin(), selected.end()));
 }
 
 void MovieDoc::setDurationDisplay()

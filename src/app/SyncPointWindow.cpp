@@ -1,5 +1,7 @@
 #include "SyncPointWindow.h"
 
+#include "ResidualPlot.h"
+
 #include "MovieDoc.h"
 
 #include <QGridLayout>
@@ -178,6 +180,14 @@ OffsetListWindowController::OffsetListWindowController(MovieDoc* doc) : kit::Win
     table_->horizontalHeader()->setSectionResizeMode(OffsetTableModel::kFlag, QHeaderView::Fixed);
     table_->horizontalHeader()->resizeSection(OffsetTableModel::kFlag, 28);
     layout->addWidget(table_, 1);
+    plot_ = new ResidualPlot(w);
+    plot_->setMinimumHeight(120);
+    layout->addWidget(plot_);
+    // A click on a point in the plot selects it in the table (which loops around it).
+    connect(plot_, &ResidualPlot::pointClicked, table_, [this](int row) {
+        table_->selectRow(row);
+        table_->scrollTo(model_->index(row, 0));
+    });
     auto* grid = new QGridLayout;
     duration_ = new QLabel(w);
     time_ = new QLabel(w);
@@ -188,6 +198,6 @@ OffsetListWindowController::OffsetListWindowController(MovieDoc* doc) : kit::Win
     grid->addWidget(time_, 1, 1);
     grid->setColumnStretch(1, 1);
     layout->addLayout(grid);
-    w->resize(300, 360);
+    w->resize(300, 500);
     connect(table_->selectionModel(), &QItemSelectionModel::selectionChanged, doc, [doc] { doc->tableViewSelectionDidChange(); });
 }

@@ -12,6 +12,7 @@
 #include <QTableView>
 
 class MovieDoc;
+class ResidualPlot;
 
 // The marker images "RedDiamond" (a point that strays from the line) and
 // "BlueStar" (the point in progress), drawn by the application itself.
@@ -82,9 +83,11 @@ public:
     OffsetTableModel* model() const { return model_; }
     QLabel* durationDisplay() const { return duration_; }
     QLabel* timeDisplay() const { return time_; }
+    ResidualPlot* residualPlot() const { return plot_; }
 
 private:
     DMTableView* table_;
+    ResidualPlot* plot_;
     OffsetTableModel* model_;
     QLabel* duration_;
     QLabel* time_;

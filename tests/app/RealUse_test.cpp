@@ -727,3 +727,65 @@ TEST_F(RealUse, UndoAndRedoFollowEveryChangeOfThePoints)
 }
 
 } // namespace
+
+#include "ResidualPlot.h"
+
+namespace {
+
+// The residual plot: each point where its time and residual put it, the
+// stray one red, the bands shaded, a click selecting the point.
+TEST_F(RealUse, TheResidualPlotShowsHowThePointsAgree)
+{
+    ScratchDir dir;
+    MovieDoc* doc = openCopy(dir, "talk.mov", cachedMovie("realuse-drift.mov", smallSpec(12, 0.3, 1.0 / 1.003)));
+    ASSERT_TRUE(doc);
+    doc->createInfoWindow(true);
+    // Four points on a line and one 90 ms off it.
+    doc->session()->replacePoints({Offset(at(1), at(1.303)), Offset(at(3), at(3.309)), Offset(at(5), at(5.315)),
+                                   Offset(at(7), at(7.321 + 0.09)), Offset(at(9), at(9.327)), Offset(at(11), at(11.333))});
+    auto* plot = doc->getInfoWindow()->findChild<ResidualPlot*>("residualPlot");
+    ASSERT_TRUE(plot);
+    ASSERT_EQ(plot->points().size(), 6u);
+    OffsetList const& list = *doc->session()->offsets();
+    int flagged = 0;
+    for (std::size_t i = 0; i < plot->points().size(); ++i) {
+        auto const& p = plot->points()[i];
+        Offset const& o = list.points()[i];
+        EXPECT_DOUBLE_EQ(p.movieSeconds, o.movieTime.seconds());
+        EXPECT_NEAR(p.residualMs, (list.slope() * o.movieTime.seconds() + list.intercept() - o.audioTime.seconds()) * 1000, 1e-9);
+        EXPECT_EQ(p.flagged, o.flag);
+        flagged += p.flagged;
+    }
+    EXPECT_EQ(flagged, 1);
+    EXPECT_TRUE(plot->points()[3].flagged);
+    EXPECT_LT(plot->points()[3].residualMs, -60) << "the sound there comes late against the line";
+
+    // The picture: the flagged point red where positionOf puts it, a blue one where it says, the early band shaded.
+    QImage image = plot->grab().toImage();
+    double dpr = image.devicePixelRatio();
+    auto pixel = [&](QPointF p) { return image.pixelColor(static_cast<int>(p.x() * dpr), static_cast<int>(p.y() * dpr)); };
+    QRectF bounds = plot->rect();
+    QColor red = pixel(plot->positionOf(plot->points()[3], bounds));
+    EXPECT_GT(red.red(), 150);
+    EXPECT_LT(red.green(), 90);
+    QColor blue = pixel(plot->positionOf(plot->points()[0], bounds));
+    EXPECT_GT(blue.blue(), 140);
+    EXPECT_LT(blue.red(), 90);
+    QRectF area = plot->plotArea(bounds);
+    QColor band = pixel(QPointF(area.right() - 3, area.top() + 3));
+    QColor middle = pixel(QPointF(area.right() - 3, area.center().y() + 12));
+    EXPECT_GT(middle.green() - band.green(), 10) << "the band is shaded";
+    // x grows with movie time, y with the residual.
+    EXPECT_LT(plot->positionOf(plot->points()[0], bounds).x(), plot->positionOf(plot->points()[5], bounds).x());
+    EXPECT_GT(plot->positionOf(plot->points()[3], bounds).y(), area.center().y());
+
+    // A click on the stray point selects its row, which loops around it.
+    QTest::mouseClick(plot, Qt::LeftButton, {}, plot->positionOf(plot->points()[3], bounds).toPoint());
+    EXPECT_EQ(doc->selectedRows(), (IndexSet{3}));
+    EXPECT_EQ(doc->loopMiddle().seconds(), doc->session()->offsets()->points()[3].movieTime.seconds());
+
+    QDir().mkpath(DUBMATCH_SCREENSHOT_DIR);
+    EXPECT_TRUE(doc->getInfoWindow()->grab().save(QString(DUBMATCH_SCREENSHOT_DIR) + "/sync-points-residuals.png"));
+}
+
+} // namespace
