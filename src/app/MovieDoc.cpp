@@ -37,10 +37,12 @@ SyncSession::Hooks MovieDoc::sessionHooks()
     h.modeChanged = [this] { didUpdateMode(); };
     h.pointsChanged = [this] {
         recordPoints();
+        updateWaveform();
         emit pointsChanged();
     };
     h.selectionShown = [this](QTTimeRange r) {
         if (mMovieView) mMovieView->showSelection(r);
+        updateWaveform();
     };
     h.changed = [this](int delta) { updateChangeCount(delta > 0 ? kit::ChangeType::Done : kit::ChangeType::Undone); };
     return h;

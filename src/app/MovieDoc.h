@@ -28,6 +28,8 @@ class OffsetListWindowController;
 class DMTableView;
 class QProgressDialog;
 
+class WaveformStrip;
+
 class MovieDoc : public ImportDocument {
     Q_OBJECT
 public:
@@ -151,6 +153,7 @@ public:
     int syncRow() const { return session_ ? session_->syncRow() : 0; }
     QMainWindow* movieWindow() const { return mMovieWindow; }
     MovieView* movieView() const { return mMovieView; }
+    WaveformStrip* waveformStrip() const { return waveform_; }
     myQTTime loopMiddle() const;
 
     // Undo and redo of every change of the sync points, one step each.
@@ -175,6 +178,7 @@ private:
     // from the points before to the points now, when they differ.
     void recordPoints();
     void updateResidualPlot();
+    void updateWaveform();
     // Puts back a list of points (undo and redo).
     void applyPoints(std::vector<Offset> const& points);
     QUndoStack* undo_ = nullptr;
@@ -229,5 +233,6 @@ private:
     QMainWindow* mMovieWindow = nullptr;
     MovieView* mMovieView = nullptr;
     QLabel* instruction_ = nullptr;
+    WaveformStrip* waveform_ = nullptr;
     QWidget* controls_ = nullptr;
 };

@@ -6,6 +6,7 @@
 #include "DMApplication.h"
 #include "MovieView.h"
 #include "ResidualPlot.h"
+#include "WaveformStrip.h"
 #include "SyncPointWindow.h"
 #include "ValueTransformers.h"
 #include "bridge.h"
@@ -68,6 +69,11 @@ void MovieDoc::makeWindowControllers()
     instruction_->setAlignment(Qt::AlignLeft | Qt::AlignTop);
     instruction_->setContentsMargins(8, 4, 8, 6);
     layout->addWidget(mMovieView, 1);
+    // The loop's sound while a point is in progress (only for movies with sound and picture).
+    if (session_ && !opened_->movie->tracksOfMediaType(dm::MediaType::Video).empty()) {
+        waveform_ = new WaveformStrip(central);
+        layout->addWidget(waveform_);
+    }
     // The Sync controls follow the mode through the named transformers.
     auto* controls = new QWidget(central);
     controls_ = controls;
@@ -156,6 +162,7 @@ QSize MovieDoc::windowContentSizeForMovieSize(QSize movieSize) const
     QSize s = movieSize;
     if (mMovieView && mMovieView->isControllerVisible()) s.setHeight(s.height() + mMovieView->controllerBarHeight());
     if (instruction_) s.setHeight(s.height() + instruction_->height());
+    if (waveform_) s.setHeight(s.height() + waveform_->height());
     if (controls_) s.setHeight(s.height() + controls_->sizeHint().height());
     // A movie without a picture still gets a usable bar and a readable hint.
     if (s.width() < kSoundOnlyWidth && movieSize.isEmpty()) s.setWidth(kSoundOnlyWidth);
@@ -449,4 +456,22 @@ void MovieDoc::setTimeDisplay()
     myQTTime now = player_->currentTime();
     QString text = QString::fromStdString(now.asString(durationFields(), 3));
     if (wc->timeDisplay()->text() != text) wc->timeDisplay()->setText(text);
+}
+
+void MovieDoc::updateWaveform()
+{
+    if (!waveform_ || !session_) return;
+    if (!session_->syncInProgress()) {
+        waveform_->clear();
+        return;
+    }
+    dm::TrackPtr const& sound = session_->offsets()->soundTrack();
+    double frameSeconds = 0;
+    for (auto const& t : opened_->movie->tracksOfMediaType(dm::MediaType::Video))
+        if (t->isEnabled()) {
+            AVRational r = media::OpenedMovie::mediaOf(*t).frameRate;
+            if (r.num > 0 && r.den > 0) frameSeconds = av_q2d(av_inv_q(r));
+            break;
+        }
+    waveform_->show(sound, sound->ticks(session_->startTime()), sound->ticks(session_->endTime()), frameSeconds);
 }

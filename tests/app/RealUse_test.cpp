@@ -18,6 +18,7 @@
 #include <QMenu>
 #include <QMenuBar>
 #include <QTest>
+#include <QThread>
 #include <QTimer>
 
 #include <gtest/gtest.h>
@@ -786,6 +787,96 @@ TEST_F(RealUse, TheResidualPlotShowsHowThePointsAgree)
 
     QDir().mkpath(DUBMATCH_SCREENSHOT_DIR);
     EXPECT_TRUE(doc->getInfoWindow()->grab().save(QString(DUBMATCH_SCREENSHOT_DIR) + "/sync-points-residuals.png"));
+}
+
+} // namespace
+
+#include "WaveformStrip.h"
+
+namespace {
+
+// Waits until the strip has drawn what was last asked of it.
+bool waitForWaveform(WaveformStrip* strip)
+{
+    for (int i = 0; i < 400 && (strip->busy() || strip->envelope().columns.empty()); ++i) {
+        QCoreApplication::processEvents();
+        QThread::msleep(5);
+    }
+    return !strip->busy() && !strip->envelope().columns.empty();
+}
+
+// The column of the loudest moment: the click.
+int loudestColumn(WaveformStrip::Envelope const& e)
+{
+    int best = 0;
+    float most = -1;
+    for (std::size_t i = 0; i < e.columns.size(); ++i) {
+        float a = std::max(std::fabs(e.columns[i].first), std::fabs(e.columns[i].second));
+        if (a > most) {
+            most = a;
+            best = static_cast<int>(i);
+        }
+    }
+    return best;
+}
+
+// The strip shows the loop's sound as it plays now: the click where it is
+// heard, moved by every nudge, redrawn without blocking anything.
+TEST_F(RealUse, TheWaveformStripShowsTheClickWhereItIsHeard)
+{
+    ScratchDir dir;
+    // A click 0.3 s after each flash (every 2 s), the sound not stretched.
+    media::TestMovieSpec spec = smallSpec(12, 0.3, 1.0);
+    MovieDoc* doc = openCopy(dir, "talk.mov", cachedMovie("realuse-strip.mov", spec));
+    ASSERT_TRUE(doc);
+    WaveformStrip* strip = doc->waveformStrip();
+    ASSERT_TRUE(strip);
+    doc->movieWindow()->resize(640, doc->movieWindow()->height());
+    QCoreApplication::processEvents();
+    EXPECT_TRUE(strip->envelope().columns.empty());
+
+    doc->player()->setCurrentTime(at(7.0));
+    doc->startSync(); // the loop of 4 s before 7 s: clicks at 4.3 and 6.3
+    doc->player()->pause();
+    ASSERT_TRUE(waitForWaveform(strip));
+    auto e = strip->envelope();
+    ASSERT_EQ(static_cast<int>(e.columns.size()), strip->width());
+    double secondsPerColumn = static_cast<double>(e.end - e.start) / e.scale / static_cast<double>(e.columns.size());
+    auto marks = media::testMovieMarks(spec);
+    double start = static_cast<double>(e.start) / e.scale, end = static_cast<double>(e.end) / e.scale;
+    std::vector<double> clicks;
+    for (auto const& m : marks)
+        if (m.audioTime > start && m.audioTime < end) clicks.push_back(m.audioTime);
+    ASSERT_FALSE(clicks.empty());
+    int column = loudestColumn(e);
+    double nearest = 1e9;
+    for (double c : clicks) nearest = std::min(nearest, std::fabs(strip->columnOf(c) - column));
+    EXPECT_LE(nearest, 1.0) << "the click is drawn at its time (column " << column << ")";
+
+    // Ten nudges of 10 ms: the loop's middle now plays the sound from 100 ms
+    // before it (the point's audio time), so every click is heard, and
+    // drawn, 100 ms later in the loop.
+    int before = column;
+    for (int i = 0; i < 10; ++i) doc->advanceAudio();
+    ASSERT_TRUE(waitForWaveform(strip));
+    double shift = doc->loopMiddle().seconds() - doc->session()->audioTime().seconds();
+    EXPECT_NEAR(shift, 0.100, 1e-6);
+    int after = loudestColumn(strip->envelope());
+    EXPECT_NEAR(after - before, shift / secondsPerColumn, 1.5) << before << " -> " << after;
+    nearest = 1e9;
+    for (double c : clicks) nearest = std::min(nearest, std::fabs(strip->columnOf(c + shift) - after));
+    EXPECT_LE(nearest, 1.0) << "the click is drawn where it is now heard";
+
+    // The loop's end: the strip goes back to its hint.
+    doc->abandonSync();
+    QCoreApplication::processEvents();
+    EXPECT_TRUE(strip->envelope().columns.empty());
+    doc->player()->setCurrentTime(at(7.0));
+    doc->startSync();
+    for (int i = 0; i < 10; ++i) doc->advanceAudio();
+    ASSERT_TRUE(waitForWaveform(strip));
+    QDir().mkpath(DUBMATCH_SCREENSHOT_DIR);
+    EXPECT_TRUE(doc->movieWindow()->grab().save(QString(DUBMATCH_SCREENSHOT_DIR) + "/movie-window-waveform.png"));
 }
 
 } // namespace
