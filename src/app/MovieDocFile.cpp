@@ -100,6 +100,8 @@ std::optional<media::SaveOptions> MovieDoc::saveOptionsFor(std::string const& co
     media::SaveOptions options;
     options.container = container;
     options.soundCodec = soundCodecPreference();
+    options.losslessShift = kit::Defaults::standard().value("losslessShift").toBool() ? media::SaveOptions::LosslessShift::Auto
+                                                                                      : media::SaveOptions::LosslessShift::Never;
     // The points travel with the movie, so that it can be opened again and refined.
     if (session_ && session_->offsets())
         options.syncPoints = session_->offsets()->points().empty()

@@ -55,6 +55,11 @@ PreferencesWindow::PreferencesWindow(QWidget* parent) : QWidget(parent, Qt::Wind
     form->addRow("Mouse wheel:", wheel_);
     form->addRow("Windows:", inspector_);
     form->addRow("Re-timed sound:", soundCodec_);
+    losslessShift_ = new QCheckBox("Copy the sound unchanged when the points only move it", this);
+    losslessShift_->setObjectName("losslessShift");
+    losslessShift_->setToolTip("When the sound runs at the right speed and is only early or late, a save moves it without "
+                               "re-encoding: the original sound, exactly.");
+    form->addRow("", losslessShift_);
     form->addRow("Updates:", updates_);
     refresh();
 
@@ -69,6 +74,7 @@ PreferencesWindow::PreferencesWindow(QWidget* parent) : QWidget(parent, Qt::Wind
         kit::Defaults::standard().setValue("soundCodec", soundCodec_->itemData(i).toString());
     });
     connect(inspector_, &QCheckBox::toggled, this, [](bool on) { kit::Defaults::standard().setValue("openInspector", on); });
+    connect(losslessShift_, &QCheckBox::toggled, this, [](bool on) { kit::Defaults::standard().setValue("losslessShift", on); });
     // The update checker stores this one itself (and resets its last check).
 }
 
@@ -76,7 +82,8 @@ void PreferencesWindow::refresh()
 {
     auto& d = kit::Defaults::standard();
     auto sign = ValueTransformer::valueTransformerForName("BooleanToSignTransformer");
-    QSignalBlocker b1(loop_), b2(step_), b3(arrows_), b4(wheel_), b5(inspector_), b6(updates_), b7(soundCodec_);
+    QSignalBlocker b1(loop_), b2(step_), b3(arrows_), b4(wheel_), b5(inspector_), b6(updates_), b7(soundCodec_), b8(losslessShift_);
+    losslessShift_->setChecked(d.value("losslessShift").toBool());
     int codec = soundCodec_->findData(d.value("soundCodec").toString());
     soundCodec_->setCurrentIndex(codec < 0 ? 0 : codec);
     loop_->setValue(d.value("loopLength").toDouble());

@@ -33,5 +33,6 @@ protected:
 private:
     QCheckBox *arrows_, *wheel_, *inspector_, *updates_;
     QDoubleSpinBox *loop_, *step_;
+    QCheckBox* losslessShift_ = nullptr;
     QComboBox* soundCodec_;
 };

@@ -32,6 +32,7 @@ std::vector<Command> const& commands()
                      {point, valued("--points", "FILE", Completes::File), flag("--from-movie"), output, flag("--in-place"),
                       valued("--type", "TYPE", Completes::Words, {"mov", "web", "mp4", "aiff", "dv", "flc", "bmp"}),
                       valued("--sound-codec", "CODEC", Completes::Words, {"same", "pcm", "flac", "alac", "aac"}),
+                      valued("--lossless-shift", "WHEN", Completes::Words, {"auto", "always", "never"}),
                       flag("--drop-unsupported"), flag("--force"), flag("--accept-truncated"), flag("--dry-run"), flag("--quiet"),
                       json}});
         t.push_back({"demo",

@@ -36,8 +36,8 @@ constexpr char const* kUsageText = R"(Usage:
   dubmatch-cli info MOVIE [--json]
   dubmatch-cli sync MOVIE [--point MOVIE_TIME=AUDIO_TIME]... [--points FILE] [--from-movie]
                     (-o OUT | --in-place) [--type TYPE] [--sound-codec CODEC]
-                    [--drop-unsupported] [--force] [--accept-truncated]
-                    [--dry-run] [--quiet] [--json]
+                    [--lossless-shift auto|always|never] [--drop-unsupported]
+                    [--force] [--accept-truncated] [--dry-run] [--quiet] [--json]
   dubmatch-cli demo OUT [--seconds S] [--size WxH] [--fps N] [--offset S] [--rate R]
                     [--points-file FILE]
   dubmatch-cli measure MOVIE
@@ -78,6 +78,11 @@ Options of sync:
                    mpg4, AIFF, dvc!, FLC, BMPf)
   --sound-codec C  codec of the re-timed sound: same (default: the source's
                    codec; lossless sources stay lossless), pcm, flac, alac, aac
+  --lossless-shift auto|always|never
+                   a sound that the points only move (slope 1 within one
+                   sample) is written by copying its packets, the move a start
+                   delay or cut: auto (the default) where the container takes
+                   the codec; always refuses a sound that must be re-encoded
   --drop-unsupported
                    write even when some streams (subtitles, data...) cannot go
                    into the output's container; without it such a save is
@@ -335,6 +340,13 @@ int sync(commandline::Parsed const& args, json& out)
     media::SaveOptions options;
     options.dropUnsupported = args.has("--drop-unsupported");
     options.target.replaceWriteProtected = args.has("--force");
+    if (args.has("--lossless-shift")) {
+        std::string v = args.value("--lossless-shift");
+        if (v == "auto") options.losslessShift = media::SaveOptions::LosslessShift::Auto;
+        else if (v == "always") options.losslessShift = media::SaveOptions::LosslessShift::Always;
+        else if (v == "never") options.losslessShift = media::SaveOptions::LosslessShift::Never;
+        else throw UsageError("--lossless-shift takes auto, always or never, not \"" + v + "\"");
+    }
     if (args.has("--sound-codec")) {
         try {
             options.soundCodec = media::soundCodecNamed(args.value("--sound-codec"));

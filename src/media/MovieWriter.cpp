@@ -168,7 +168,28 @@ struct Decision {
     bool video = false;                      // Encoded video
     ReencodedVideo::Target target{};
     std::string detail;
+    // A sound copied moved: media tick k plays at timeline tick k + shift;
+    // media before `cut` is not played.
+    bool shifted = false;
+    std::int64_t shift = 0, cut = 0;
 };
+
+// When the track plays its media at rate 1 from some point to its end, after
+// an optional stretch of silence (within one tick over the whole length: a
+// slope of 1 within one sample), the move: timeline tick = media tick + shift.
+std::optional<std::pair<std::int64_t, std::int64_t>> pureShift(dm::Track const& t)
+{
+    auto const& m = fileMedia(t);
+    if (t.timeScale() != m.timeScale) return std::nullopt;
+    auto const& segs = t.editList()->segments();
+    std::size_t i = 0;
+    std::int64_t silence = 0;
+    if (i < segs.size() && segs[i].isEmpty()) silence = segs[i++].duration;
+    if (segs.size() != i + 1) return std::nullopt;
+    dm::Segment const& s = segs[i];
+    if (s.isEmpty() || s.mediaStart + s.mediaLength != m.length || std::llabs(s.duration - s.mediaLength) > 1) return std::nullopt;
+    return std::make_pair(silence - s.mediaStart, s.mediaStart);
+}
 
 std::string describe(dm::Track const& track, FileMedia const& m, AVStream const* in)
 {
@@ -282,10 +303,30 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
                     continue;
                 }
             } else {
-                d.sound = chooseSoundFormat(container, m.codecpar, layout, policy, false);
-                d.how = TrackPlan::How::Encoded;
-                d.detail = std::string(enabled ? "re-timed, " : "edited, ") + soundDetail(d.sound);
-                if (!d.sound.note.empty()) notes.push_back(d.sound.note);
+                auto move = pureShift(track);
+                auto lossless = plan.options.losslessShift;
+                bool takes = d.in && containerTakes(container, m.codecpar, d.in->metadata, d.in->disposition & ~AV_DISPOSITION_DEFAULT);
+                if (lossless == SaveOptions::LosslessShift::Always && (!move || !takes || !flexible || plan.forceAac)) {
+                    av_channel_layout_uninit(&layout);
+                    throw MediaError(!move ? "The sound is stretched, not only moved: it cannot be written without re-encoding."
+                                           : containerTitle(container) + " takes no " + avcodec_get_name(m.codecpar->codec_id)
+                                                 + ": the sound cannot be written without re-encoding.");
+                }
+                if (move && takes && flexible && !plan.forceAac && lossless != SaveOptions::LosslessShift::Never) {
+                    d.how = TrackPlan::How::Copied;
+                    d.shifted = true;
+                    d.shift = move->first;
+                    d.cut = move->second;
+                    char text[128];
+                    std::snprintf(text, sizeof text, "moved %+.3f ms, packets copied (not re-encoded)",
+                                  static_cast<double>(d.shift) * 1000.0 / m.timeScale);
+                    d.detail = d.shift == 0 ? "unchanged, packets copied" : text;
+                } else {
+                    d.sound = chooseSoundFormat(container, m.codecpar, layout, policy, false);
+                    d.how = TrackPlan::How::Encoded;
+                    d.detail = std::string(enabled ? "re-timed, " : "edited, ") + soundDetail(d.sound);
+                    if (!d.sound.note.empty()) notes.push_back(d.sound.note);
+                }
             }
             av_channel_layout_uninit(&layout);
             out.push_back(d);
@@ -406,7 +447,12 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
         int sourceIndex;
         AVStream* out;
         AVRational sourceTb;
-        std::int64_t shift; // the movie's start in sourceTb
+        std::int64_t shift; // the movie's start in sourceTb (minus a sound's move)
+        // A moved sound: what lies before `cutPts` (sourceTb) is not played.
+        bool moved = false;
+        std::int64_t cutPts = 0;
+        bool keepStraddling = false;
+        bool delayOnly = false;
     };
     std::vector<Copy> copies;
     std::vector<std::unique_ptr<SoundEncoder>> sounds;
@@ -435,8 +481,18 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
         if (d.how == TrackPlan::How::Copied) {
             AVStream* st = addCopiedStream(out.get(), d.in, enabled);
             if (!name.empty()) setName(st, name);
-            copies.push_back({m.file.get(), m.streamIndex, st, d.in->time_base,
-                              av_rescale_q(m.origin - gridShiftUs, AV_TIME_BASE_Q, d.in->time_base)});
+            Copy c{m.file.get(), m.streamIndex, st, d.in->time_base, av_rescale_q(m.origin - gridShiftUs, AV_TIME_BASE_Q, d.in->time_base)};
+            if (d.shifted) {
+                // Media tick k (pts startPts + k) plays at timeline tick k + shift.
+                AVRational ticks{1, m.timeScale};
+                c.moved = true;
+                c.shift -= av_rescale_q(d.shift, ticks, d.in->time_base);
+                c.cutPts = m.startPts + av_rescale_q(d.cut, ticks, d.in->time_base);
+                // QuickTime and MPEG-4 start a stream before 0 with an edit list.
+                c.keepStraddling = plan.container == "mov" || plan.container == "mp4";
+                c.delayOnly = d.cut == 0;
+            }
+            copies.push_back(c);
         } else if (d.how == TrackPlan::How::Encoded && track.mediaType() == dm::MediaType::Sound) {
             auto s = std::make_unique<SoundEncoder>(out.get(), track, d.sound, plan.dv ? seconds + 1 : 0,
                                                     av_rescale(gridShiftUs, d.sound.sampleRate, AV_TIME_BASE));
@@ -501,26 +557,45 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
         SourceFile::Input in = inputs.take(*file);
         AVFormatContext* fmt = in.format.get();
         fmt->interrupt_callback = report.interrupt();
-        std::map<int, Copy const*> wanted;
-        for (auto const* c : list) wanted[c->sourceIndex] = c;
+        std::multimap<int, Copy const*> wanted;
+        for (auto const* c : list) wanted.emplace(c->sourceIndex, c);
         for (unsigned i = 0; i < fmt->nb_streams; ++i) fmt->streams[i]->discard = wanted.count(static_cast<int>(i)) ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
         Packet pkt = makePacket();
         std::int64_t size = std::max<std::int64_t>(1, file->size());
         while ((rc = av_read_frame(fmt, pkt.get())) >= 0) {
-            auto it = wanted.find(pkt->stream_index);
-            if (it == wanted.end()) {
+            auto [first, last] = wanted.equal_range(pkt->stream_index);
+            if (first == last) {
                 av_packet_unref(pkt.get());
                 continue;
             }
-            Copy const& c = *it->second;
-            if (pkt->pts != AV_NOPTS_VALUE) pkt->pts -= c.shift;
-            if (pkt->dts != AV_NOPTS_VALUE) pkt->dts -= c.shift;
-            std::int64_t ts = pkt->dts != AV_NOPTS_VALUE ? pkt->dts : pkt->pts;
-            if (ts != AV_NOPTS_VALUE) pumpTo(static_cast<double>(ts) * av_q2d(c.sourceTb) + 1.0);
-            av_packet_rescale_ts(pkt.get(), c.sourceTb, c.out->time_base);
-            pkt->stream_index = c.out->index;
-            pkt->pos = -1;
-            check(writePacket(out.get(), pkt.get()), "Writing the movie");
+            // A stream may go out twice (the moved sound and its backup).
+            for (auto it = first; it != last; ++it) {
+                Copy const& c = *it->second;
+                Packet copy = makePacket();
+                check(av_packet_ref(copy.get(), pkt.get()), "Copying a packet");
+                if (c.moved && copy->pts != AV_NOPTS_VALUE) {
+                    // A delay keeps what is played (not the encoder's priming
+                    // before media tick 0, which the muxer cannot place after an
+                    // empty edit). A cut in QuickTime and MPEG-4 keeps the frame it
+                    // falls in and the one before it (the decoder's overlap), which
+                    // the edit list then skips; in Matroska the sound starts at the
+                    // first whole frame after the cut.
+                    std::int64_t duration = std::max<std::int64_t>(copy->duration, 0);
+                    bool keep = c.delayOnly        ? copy->pts + duration > c.cutPts
+                              : c.keepStraddling ? copy->pts + 2 * duration > c.cutPts
+                                                 : copy->pts >= c.cutPts;
+                    if (!keep) continue;
+                }
+                if (copy->pts != AV_NOPTS_VALUE) copy->pts -= c.shift;
+                if (copy->dts != AV_NOPTS_VALUE) copy->dts -= c.shift;
+                std::int64_t ts = copy->dts != AV_NOPTS_VALUE ? copy->dts : copy->pts;
+                if (ts != AV_NOPTS_VALUE) pumpTo(static_cast<double>(ts) * av_q2d(c.sourceTb) + 1.0);
+                av_packet_rescale_ts(copy.get(), c.sourceTb, c.out->time_base);
+                copy->stream_index = c.out->index;
+                copy->pos = -1;
+                check(writePacket(out.get(), copy.get()), "Writing the movie");
+            }
+            av_packet_unref(pkt.get());
             copiedFraction = (static_cast<double>(filesDone) + static_cast<double>(avio_tell(fmt->pb)) / static_cast<double>(size))
                            / static_cast<double>(byFile.size());
             report.update(fraction(copiedFraction));

@@ -67,6 +67,11 @@ struct SaveOptions {
     std::atomic<bool> const* stop = nullptr;
     // What may be replaced: a write-protected file only when the user agreed.
     TargetPolicy target;
+    // A sound that the sync only moves (its line's slope is 1 within one
+    // sample over the movie) can be written without re-encoding: its
+    // packets copied, the move a start delay or cut. Auto does so where the
+    // container takes the codec; Always refuses a sound that is stretched.
+    enum class LosslessShift { Auto, Always, Never } losslessShift = LosslessShift::Auto;
     // The sync points to store in the file's metadata (kSyncPointsTag) in
     // QuickTime, MPEG-4 and Matroska files; empty removes a stored value.
     // Unset: the source's value is copied like any other tag.

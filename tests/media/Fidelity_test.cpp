@@ -18,6 +18,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <optional>
 #include <ostream>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -512,7 +513,7 @@ TEST(FidelityCli, InfoTellsWhatASaveDoes)
     EXPECT_EQ(mkv.status, 0) << mkv.output;
     EXPECT_TRUE(contains(mkv.output, "saving in place (Matroska)")) << mkv.output;
     EXPECT_TRUE(contains(mkv.output, "(subrip, eng): copied")) << mkv.output;
-    EXPECT_TRUE(contains(mkv.output, "re-timed, encoded as aac")) << mkv.output;
+    EXPECT_TRUE(contains(mkv.output, "(aac): unchanged, packets copied")) << mkv.output;
 
     media::TestMovieSpec ts = baseSpec();
     ts.format = "mpegts";
@@ -777,6 +778,115 @@ TEST(SavedPoints, ABackupWithoutPointsIsTheSoundNewPointsStartFrom)
     FileInfo f = inspect(out);
     EXPECT_EQ(countBackups(f), 1);
     EXPECT_EQ(decodeSamples(out, backupSound(f)), decodeSamples(movie, enabledSound(inspect(movie))));
+    EXPECT_LE(media::measureSync(out).worst(), 0.00005);
+}
+
+} // namespace
+
+namespace {
+
+// Where another program's pipeline puts sound and picture: ffmpeg (the
+// demuxing and decoding ffplay uses) and mpv's encoding mode (its player's
+// timeline) write what they would play into a plain file, measured with our
+// detector. Empty when the program is missing.
+std::optional<double> measuredBy(std::string const& program, std::string const& movie, std::string const& dir)
+{
+    if (std::system(("command -v " + program + " >/dev/null 2>&1").c_str()) != 0) return std::nullopt;
+    std::string out = dir + "/" + program + "-check.mkv";
+    std::string cmd = program == "ffmpeg"
+                        ? "ffmpeg -nostdin -y -v error -i '" + movie + "' -map 0:v:0 -map 0:a:0 -c:v copy -c:a pcm_s16le '" + out + "'"
+                        : "timeout 120 mpv --no-config --really-quiet --o='" + out + "' --ovc=mpeg4 --ovcopts=qscale=2 --oac=pcm_s16le '"
+                              + movie + "' >/dev/null 2>&1";
+    if (std::system(cmd.c_str()) != 0) return -1.0;
+    return media::measureSync(out).worst();
+}
+
+// A sync that only moves the sound is written without re-encoding it: its
+// packets copied, the move a start delay (exact) or a cut (QuickTime and
+// MPEG-4 exact through an edit list; Matroska drops the frame the cut falls
+// in and keeps whole milliseconds), in sync in our player, ffmpeg and mpv.
+TEST(LosslessShift, AMoveIsWrittenWithTheOriginalPackets)
+{
+    struct Row {
+        char const* output;
+        double offset;    // how late the sound is in the source: > 0 cut, < 0 delay
+        double tolerance; // worst click-to-flash error
+    } rows[] = {
+        // A cut may be off by up to one frame of the codec (AAC: 1024 samples) in a player.
+        {"cut.mov", 0.35, 1024 / 48000.0},  {"cut.mp4", 0.35, 1024 / 48000.0},  {"cut.mkv", 0.35, 1024 / 48000.0},
+        {"delay.mov", -0.35, 0.00005}, {"delay.mp4", -0.35, 0.00005}, {"delay.mkv", -0.35, 0.00005},
+    };
+    for (auto const& r : rows) {
+        ScratchDir dir;
+        media::TestMovieSpec spec = baseSpec();
+        spec.audioRate = 1.0;
+        spec.audioOffset = r.offset;
+        std::string input = dir.file("source.mov");
+        media::writeTestMovie(input, spec);
+        std::string points = pointsFrom(input, dir.file("points.txt"));
+        std::string output = dir.file(r.output);
+        CliRun run = cli("sync '" + input + "' --points '" + points + "' -o '" + output + "' --lossless-shift always");
+        ASSERT_EQ(run.status, 0) << r.output << ": " << run.output;
+        EXPECT_NE(run.output.find("intercept " + std::string(r.offset > 0 ? "+" : "-") + "0.35"), std::string::npos) << run.output;
+
+        FileInfo before = inspect(input), after = inspect(output);
+        auto const& original = before.streams[static_cast<std::size_t>(enabledSound(before))].packets;
+        auto const& moved = after.streams[static_cast<std::size_t>(enabledSound(after))].packets;
+        ASSERT_FALSE(moved.empty());
+        ASSERT_LE(moved.size(), original.size());
+        // The moved sound is the original's packets: for a delay all that are
+        // played (not the encoder's priming frame), for a cut those from the cut on.
+        std::vector<std::uint64_t> tail(original.end() - static_cast<std::ptrdiff_t>(moved.size()), original.end());
+        EXPECT_EQ(moved, tail) << r.output;
+        if (r.offset < 0) {
+            EXPECT_GE(moved.size() + 1, original.size()) << r.output;
+        } else {
+            EXPECT_NEAR(static_cast<double>(original.size() - moved.size()), r.offset * 48000 / 1024, 2.0) << r.output;
+        }
+        EXPECT_EQ(countBackups(after), 1);
+
+        double ours = media::measureSync(output).worst();
+        std::printf("[ lossless ] %-10s ours %.4f ms", r.output, ours * 1000);
+        EXPECT_LE(ours, r.tolerance) << r.output;
+        if (std::string(r.output) != "cut.mkv") {
+            EXPECT_LE(ours, 0.00005) << "our player plays an edit list to the sample: " << r.output;
+        }
+        for (char const* program : {"ffmpeg", "mpv"}) {
+            std::optional<double> theirs = measuredBy(program, output, dir.path());
+            if (!theirs) continue;
+            std::printf(", %s %.4f ms", program, *theirs * 1000);
+            EXPECT_GE(*theirs, 0) << program << " could not play " << r.output;
+            EXPECT_LE(*theirs, r.tolerance) << program << " on " << r.output;
+        }
+        std::printf("\n");
+    }
+}
+
+TEST(LosslessShift, AStretchIsReEncodedAndAlwaysRefusesIt)
+{
+    ScratchDir dir;
+    media::TestMovieSpec spec = baseSpec(); // the sound also runs 0.2 % slow
+    std::string input = dir.file("source.mov");
+    media::writeTestMovie(input, spec);
+    std::string points = pointsFrom(input, dir.file("points.txt"));
+    CliRun always = cli("sync '" + input + "' --points '" + points + "' -o '" + dir.file("x.mov") + "' --lossless-shift always");
+    EXPECT_EQ(always.status, 1);
+    EXPECT_NE(always.output.find("stretched"), std::string::npos) << always.output;
+    EXPECT_FALSE(std::ifstream(dir.file("x.mov")).good());
+    CliRun bad = cli("sync '" + input + "' --points '" + points + "' -o '" + dir.file("x.mov") + "' --lossless-shift sometimes");
+    EXPECT_EQ(bad.status, 2);
+
+    // A pure move re-encoded on request: the packets are new, the sync the same.
+    media::TestMovieSpec moved = baseSpec();
+    moved.audioRate = 1.0;
+    std::string movedInput = dir.file("moved.mov");
+    media::writeTestMovie(movedInput, moved);
+    std::string movedPoints = pointsFrom(movedInput, dir.file("moved-points.txt"));
+    std::string out = dir.file("never.mov");
+    ASSERT_EQ(cli("sync '" + movedInput + "' --points '" + movedPoints + "' -o '" + out + "' --lossless-shift never --quiet").status, 0);
+    FileInfo a = inspect(movedInput), b = inspect(out);
+    EXPECT_NE(b.streams[static_cast<std::size_t>(enabledSound(b))].packets.back(),
+              a.streams[static_cast<std::size_t>(enabledSound(a))].packets.back());
     EXPECT_LE(media::measureSync(out).worst(), 0.00005);
 }
 
