@@ -178,7 +178,12 @@ std::string zshAction(Option const& opt)
     switch (opt.completes) {
     case Completes::File: return "_files";
     case Completes::Movie: return "_files";
-    case Completes::Words: return "(" + join(opt.words) + ")";
+    case Completes::Words: {
+        std::string words = "(";
+        words += join(opt.words);
+        words += ')';
+        return words;
+    }
     case Completes::Nothing: return " ";
     }
     return " ";

@@ -62,7 +62,10 @@ bool version_t::operator==(version_t const& o) const
 std::string version_t::asString(std::string const* markers) const
 {
     std::string out = std::to_string(major_version) + "." + std::to_string(minor_version);
-    if (subminor_version != 0) out += "." + std::to_string(subminor_version);
+    if (subminor_version != 0) {
+        out += '.';
+        out += std::to_string(subminor_version);
+    }
     switch (vers_type) {
     case development: out += markers[0] + std::to_string(build_version); break;
     case alpha: out += markers[1] + std::to_string(build_version); break;
@@ -72,7 +75,10 @@ std::string version_t::asString(std::string const* markers) const
         if (build_version != 0) out += markers[4] + std::to_string(build_version);
         break;
     default:
-        out += "." + std::to_string(static_cast<std::int32_t>(vers_type)) + "." + std::to_string(build_version);
+        out += '.';
+        out += std::to_string(static_cast<std::int32_t>(vers_type));
+        out += '.';
+        out += std::to_string(build_version);
         break;
     }
     return out;
