@@ -162,7 +162,7 @@ QImage MovieView::currentPicture() const
 {
     std::lock_guard<std::mutex> g(frameLock_);
     if (!frame_) return {};
-    return QImage(frame_->rgb.data(), frame_->width, frame_->height, frame_->stride, QImage::Format_RGB888).copy();
+    return QImage(frame_->rgb.data(), frame_->width, frame_->height, frame_->stride, QImage::Format_RGB32).copy();
 }
 
 void MovieView::paintEvent(QPaintEvent*)
@@ -176,7 +176,7 @@ void MovieView::paintEvent(QPaintEvent*)
         f = frame_;
     }
     if (f) {
-        QImage img(f->rgb.data(), f->width, f->height, f->stride, QImage::Format_RGB888);
+        QImage img(f->rgb.data(), f->width, f->height, f->stride, QImage::Format_RGB32);
         QSize s = img.size().scaled(area.size(), Qt::KeepAspectRatio);
         QRect target(area.x() + (area.width() - s.width()) / 2, area.y() + (area.height() - s.height()) / 2, s.width(), s.height());
         p.drawImage(target, img);

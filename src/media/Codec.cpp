@@ -140,10 +140,20 @@ AVFrame* FrameOnScreen::at(double seconds)
     return haveShown_ ? shown_.get() : nullptr;
 }
 
-AVFrame* Scaler::convert(AVFrame const* src, int w, int h, AVPixelFormat fmt)
+void Scaler::convertInto(AVFrame const* src, int w, int h, AVPixelFormat fmt, std::uint8_t* pixels, int stride, int flags)
+{
+    sws_.reset(sws_getCachedContext(sws_.release(), src->width, src->height, static_cast<AVPixelFormat>(src->format), w, h, fmt, flags,
+                                    nullptr, nullptr, nullptr));
+    if (!sws_) throw MediaError("Cannot convert the picture.");
+    std::uint8_t* dst[4] = {pixels, nullptr, nullptr, nullptr};
+    int lines[4] = {stride, 0, 0, 0};
+    sws_scale(sws_.get(), src->data, src->linesize, 0, src->height, dst, lines);
+}
+
+AVFrame* Scaler::convert(AVFrame const* src, int w, int h, AVPixelFormat fmt, int flags)
 {
     sws_.reset(sws_getCachedContext(sws_.release(), src->width, src->height, static_cast<AVPixelFormat>(src->format), w, h, fmt,
-                                    SWS_BICUBIC, nullptr, nullptr, nullptr));
+                                    flags, nullptr, nullptr, nullptr));
     if (!sws_) throw MediaError("Cannot convert the picture.");
     if (out_->width != w || out_->height != h || out_->format != fmt) {
         av_frame_unref(out_.get());

@@ -84,7 +84,9 @@ private:
 class Scaler {
 public:
     // Returns a frame of `w` x `h` in `fmt`, converted from `src`.
-    AVFrame* convert(AVFrame const* src, int w, int h, AVPixelFormat fmt);
+    AVFrame* convert(AVFrame const* src, int w, int h, AVPixelFormat fmt, int flags = SWS_BICUBIC);
+    // Converts `src` straight into caller-owned pixels (one plane, `stride` bytes a row).
+    void convertInto(AVFrame const* src, int w, int h, AVPixelFormat fmt, std::uint8_t* pixels, int stride, int flags);
 
 private:
     Sws sws_;

@@ -500,6 +500,46 @@ void Player::videoLoop() noexcept
     }
 }
 
+namespace {
+
+// Pictures whose pixels are used again once nobody holds them any more (the
+// view lets the last one go when the next arrives): no allocation per frame
+// while the picture's size stays the same. Safe from any thread.
+class FramePool : public std::enable_shared_from_this<FramePool> {
+public:
+    std::shared_ptr<VideoFrame> take()
+    {
+        std::unique_ptr<VideoFrame> f;
+        {
+            std::lock_guard<std::mutex> g(lock_);
+            if (!free_.empty()) {
+                f = std::move(free_.back());
+                free_.pop_back();
+            }
+        }
+        if (!f) f = std::make_unique<VideoFrame>();
+        f->seconds = 0;
+        f->lap = 0;
+        std::weak_ptr<FramePool> self = weak_from_this();
+        return std::shared_ptr<VideoFrame>(f.release(), [self](VideoFrame* v) {
+            std::unique_ptr<VideoFrame> owned(v);
+            if (auto pool = self.lock()) pool->give(std::move(owned));
+        });
+    }
+
+private:
+    static constexpr std::size_t kKeep = 24; // more than the queue ahead and what the view holds
+    void give(std::unique_ptr<VideoFrame> f)
+    {
+        std::lock_guard<std::mutex> g(lock_);
+        if (free_.size() < kKeep) free_.push_back(std::move(f));
+    }
+    std::mutex lock_;
+    std::vector<std::unique_ptr<VideoFrame>> free_;
+};
+
+} // namespace
+
 void Player::videoLoopBody()
 {
     std::unique_ptr<VideoDecoder> decoder;
@@ -515,6 +555,7 @@ void Player::videoLoopBody()
     double lead = static_cast<double>(video_->editList()->materialStart()) / video_->timeScale();
     Frame frame = makeFrame();
     Scaler scaler;
+    auto pool = std::make_shared<FramePool>();
 
     struct Queued {
         std::shared_ptr<VideoFrame> frame;
@@ -581,15 +622,14 @@ void Player::videoLoopBody()
                         w = std::max(2, static_cast<int>(w * k) & ~1);
                         h = std::max(2, static_cast<int>(h * k) & ~1);
                     }
-                    AVFrame* rgb = scaler.convert(frame.get(), w, h, AV_PIX_FMT_RGB24);
-                    auto vf = std::make_shared<VideoFrame>();
+                    // Scaled straight into the pixels the view paints: bilinear while
+                    // the movie plays (it moves on at once), bicubic for a still.
+                    auto vf = pool->take();
                     vf->width = w;
                     vf->height = h;
-                    vf->stride = w * 3;
+                    vf->stride = w * 4;
                     vf->rgb.resize(static_cast<std::size_t>(vf->stride) * h);
-                    for (int y = 0; y < h; ++y)
-                        std::memcpy(vf->rgb.data() + static_cast<std::size_t>(y) * vf->stride, rgb->data[0] + static_cast<std::ptrdiff_t>(y) * rgb->linesize[0],
-                                    static_cast<std::size_t>(vf->stride));
+                    scaler.convertInto(frame.get(), w, h, AV_PIX_FMT_RGB32, vf->rgb.data(), vf->stride, playing ? SWS_BILINEAR : SWS_BICUBIC);
                     vf->seconds = seconds;
                     vf->lap = decoderLap;
                     av_frame_unref(frame.get());

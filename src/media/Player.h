@@ -16,7 +16,9 @@
 #include "movie/Movie.h"
 #include "myQTTime.h"
 
+#include <array>
 #include <atomic>
+#include <cstring>
 #include <chrono>
 #include <condition_variable>
 #include <deque>
@@ -28,10 +30,19 @@
 
 namespace media {
 
-// A picture for the view: RGB24 rows, immutable once handed over.
+// A picture for the view, immutable once handed over: 32-bit pixels, each
+// a native-endian 0xffRRGGBB word (what a toolkit paints without converting:
+// QImage::Format_RGB32), `stride` bytes a row.
 struct VideoFrame {
     int width = 0, height = 0, stride = 0;
     std::vector<std::uint8_t> rgb;
+    // The red, green and blue of a pixel.
+    std::array<std::uint8_t, 3> pixel(int x, int y) const
+    {
+        std::uint32_t v;
+        std::memcpy(&v, rgb.data() + static_cast<std::size_t>(y) * stride + static_cast<std::size_t>(x) * 4, 4);
+        return {static_cast<std::uint8_t>(v >> 16), static_cast<std::uint8_t>(v >> 8), static_cast<std::uint8_t>(v)};
+    }
     double seconds = 0;     // its time on the movie timeline
     std::uint64_t lap = 0;  // how many loop wraps came before it
 };

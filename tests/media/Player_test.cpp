@@ -207,8 +207,10 @@ struct FrameLog {
 double brightness(VideoFrame const& f)
 {
     double sum = 0;
-    for (std::uint8_t v : f.rgb) sum += v;
-    return sum / static_cast<double>(f.rgb.size());
+    for (int y = 0; y < f.height; ++y)
+        for (int x = 0; x < f.width; ++x)
+            for (std::uint8_t v : f.pixel(x, y)) sum += v;
+    return sum / (3.0 * f.width * f.height);
 }
 
 TEST(Player, SeeksShowTheFrameOnScreenAndStepsByFrames)
