@@ -49,7 +49,9 @@ TEST(Bridge, DebugChannels)
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t)
         threads.emplace_back([t] {
-            for (int i = 0; i < 1000; ++i) setdebugchannel("t" + std::to_string(t), i % 10, i % 2 == 0);
+            std::string channel(1, 't');
+            channel += std::to_string(t);
+            for (int i = 0; i < 1000; ++i) setdebugchannel(channel, i % 10, i % 2 == 0);
         });
     for (auto& th : threads) th.join();
     EXPECT_FALSE(debugchannelon("t0", 9)); // last write for level 9 was i = 999: off
