@@ -265,11 +265,52 @@ SoundEncoder::SoundEncoder(AVFormatContext* out, dm::Track const& track, SoundFo
     pos0_ = pos_;
     fifo_.reset(av_audio_fifo_alloc(c->sample_fmt, c->ch_layout.nb_channels, frameSize_ * 4));
     if (!fifo_) throw MediaError("Out of memory.");
-    pcm_ = PcmBuffer(renderer_.channels(), static_cast<std::size_t>(kChunk));
     total_ = std::max(list_->duration(), static_cast<std::int64_t>(std::ceil(padToSeconds * renderer_.sampleRate())));
+    renderThread_ = std::thread([this, start = pos_] { renderAhead(start); });
 }
 
-SoundEncoder::~SoundEncoder() = default;
+SoundEncoder::~SoundEncoder()
+{
+    {
+        std::lock_guard<std::mutex> g(queueLock_);
+        stopRendering_ = true;
+    }
+    queueChanged_.notify_all();
+    renderThread_.join();
+}
+
+void SoundEncoder::renderAhead(std::int64_t start)
+{
+    constexpr std::size_t kAhead = 6; // chunks rendered ahead: about a second at 48 kHz
+    try {
+        for (std::int64_t at = start; at < total_;) {
+            PcmBuffer chunk;
+            {
+                std::unique_lock<std::mutex> g(queueLock_);
+                queueChanged_.wait(g, [this] { return stopRendering_ || ready_.size() < kAhead; });
+                if (stopRendering_) return;
+                if (!spare_.empty()) {
+                    chunk = std::move(spare_.back());
+                    spare_.pop_back();
+                }
+            }
+            int n = static_cast<int>(std::min<std::int64_t>(kChunk, total_ - at));
+            if (chunk.channels.size() != static_cast<std::size_t>(renderer_.channels())) chunk = PcmBuffer(renderer_.channels(), 0);
+            chunk.resize(static_cast<std::size_t>(n));
+            renderer_.render(*list_, at, chunk);
+            at += n;
+            {
+                std::lock_guard<std::mutex> g(queueLock_);
+                ready_.push_back(std::move(chunk));
+            }
+            queueChanged_.notify_all();
+        }
+    } catch (...) {
+        std::lock_guard<std::mutex> g(queueLock_);
+        renderError_ = std::current_exception();
+    }
+    queueChanged_.notify_all();
+}
 
 void SoundEncoder::encodeUntil(double seconds)
 {
@@ -281,13 +322,22 @@ bool SoundEncoder::step()
     if (finished_) return false;
     AVCodecContext* c = encoder_->context();
     if (pos_ < total_) {
-        int n = static_cast<int>(std::min<std::int64_t>(kChunk, total_ - pos_));
-        pcm_.resize(static_cast<std::size_t>(n));
-        renderer_.render(*list_, pos_, pcm_);
+        PcmBuffer chunk;
+        {
+            std::unique_lock<std::mutex> g(queueLock_);
+            queueChanged_.wait(g, [this] { return !ready_.empty() || renderError_; });
+            if (ready_.empty()) std::rethrow_exception(renderError_);
+            chunk = std::move(ready_.front());
+            ready_.pop_front();
+        }
+        queueChanged_.notify_all();
+        int n = static_cast<int>(chunk.frames());
         pos_ += n;
         std::vector<std::uint8_t const*> in;
-        for (auto& ch : pcm_.channels) in.push_back(reinterpret_cast<std::uint8_t const*>(ch.data()));
+        for (auto& ch : chunk.channels) in.push_back(reinterpret_cast<std::uint8_t const*>(ch.data()));
         convertAndQueue(in.data(), n);
+        std::lock_guard<std::mutex> g(queueLock_);
+        spare_.push_back(std::move(chunk));
     } else {
         convertAndQueue(nullptr, 0); // drain the converter
     }

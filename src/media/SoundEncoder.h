@@ -7,7 +7,13 @@
 #include "movie/Movie.h"
 
 #include <algorithm>
+#include <condition_variable>
+#include <deque>
+#include <exception>
 #include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
 #include <string>
 
 namespace media {
@@ -55,13 +61,23 @@ public:
 
 private:
     void convertAndQueue(std::uint8_t const** in, int n);
+    // The render thread: decodes and re-times the sound from `start` (the
+    // renderer is its own from construction on) a few chunks ahead of the
+    // encoding, which runs on the caller's thread, so the two use two cores.
+    void renderAhead(std::int64_t start);
 
     std::shared_ptr<const dm::EditList> list_;
     AudioRenderer renderer_;
+    std::thread renderThread_;
+    std::mutex queueLock_;
+    std::condition_variable queueChanged_;
+    std::deque<PcmBuffer> ready_;    // rendered, in timeline order (guarded)
+    std::vector<PcmBuffer> spare_;   // buffers to render into again (guarded)
+    bool stopRendering_ = false;     // guarded
+    std::exception_ptr renderError_; // guarded
     std::unique_ptr<Encoder> encoder_;
     Swr convert_;
     AudioFifo fifo_;
-    PcmBuffer pcm_;
     int frameSize_ = 1024;
     std::int64_t pos_ = 0;
     std::int64_t total_ = 0;
