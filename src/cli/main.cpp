@@ -257,7 +257,9 @@ int info(commandline::Parsed const& args, json& out)
         finish(kFailed);
         throw Refused{refusal->message, refusal->suggestion};
     }
-    auto const& list = *std::get<std::unique_ptr<OffsetList>>(made);
+    auto& list = *std::get<std::unique_ptr<OffsetList>>(made);
+    // What a save does: with the points the movie carries, as sync uses them.
+    if (saved.points && !saved.points->empty()) list.replacePoints(*saved.points);
     text << "sound track to sync: track " << list.soundTrack()->id() << " (\"" << list.soundTrack()->displayName() << "\")\n";
     out["sound_track"] = list.soundTrack()->id();
     out["saved_sync"] = {{"backup_adopted", saved.backupAdopted},
