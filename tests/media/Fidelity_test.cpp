@@ -725,6 +725,9 @@ TEST(SavedPoints, SaveReopenSaveGivesTheSameMovie)
         writeFile(onceCopy, readFile(movie));
         CliRun info = cliStdout("info '" + movie + "' --json");
         EXPECT_NE(info.output.find("\"backup_adopted\": true"), std::string::npos) << info.output;
+        // The plan is the save's: the sound re-timed by the stored points, the backup copied.
+        EXPECT_NE(info.output.find("\"how\": \"encoded\""), std::string::npos) << info.output;
+        EXPECT_NE(info.output.find("Backup Sound Track"), std::string::npos) << info.output;
 
         // No points given: the stored ones, from the unedited sound.
         CliRun second = cli("sync '" + movie + "' --in-place");
