@@ -134,13 +134,7 @@ bool MovieDoc::printShowingPrintPanel(bool showPanel, QPrinter* given)
     painter.restore();
     if (withPlot) {
         ResidualPlot plot;
-        OffsetList const& list = *session_->offsets();
-        std::vector<ResidualPlot::Point> points;
-        int row = 0;
-        for (Offset const& p : list.points())
-            points.push_back({p.movieTime.seconds(), (list.slope() * p.movieTime.seconds() + list.intercept() - p.audioTime.seconds()) * 1000,
-                              p.flag, row++});
-        plot.setPoints(std::move(points), opened_->movie->duration().seconds());
+        plot.setPoints(ResidualPlot::pointsOf(*session_->offsets()), opened_->movie->duration().seconds());
         // Drawn at screen size and scaled to the page, so lines and text keep their proportions.
         QRectF logical(0, 0, 640, 200);
         double scale = std::min(page.width() / logical.width(), (page.height() - size.height() - 20) / logical.height());

@@ -428,16 +428,8 @@ void MovieDoc::updateResidualPlot()
 {
     auto* wc = findInfoWindowController();
     if (!wc || !session_) return;
-    OffsetList const& list = *session_->offsets();
-    std::vector<ResidualPlot::Point> points;
-    int row = 0;
-    for (Offset const& p : list.points()) {
-        if (syncInProgress() && row == syncRow()) ++row; // the point in progress has no residual yet
-        double residual = (list.slope() * p.movieTime.seconds() + list.intercept() - p.audioTime.seconds()) * 1000;
-        points.push_back({p.movieTime.seconds(), residual, p.flag, row});
-        ++row;
-    }
-    wc->residualPlot()->setPoints(std::move(points), opened_ ? opened_->movie->duration().seconds() : 1);
+    wc->residualPlot()->setPoints(ResidualPlot::pointsOf(*session_->offsets(), syncInProgress() ? syncRow() : -1),
+                                  opened_ ? opened_->movie->duration().seconds() : 1);
     IndexSet selected = selectedRows();
     wc->residualPlot()->setSelectedRows(std::set<int>(selected.begin(), selected.end()));
 }

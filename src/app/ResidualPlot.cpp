@@ -14,6 +14,17 @@ ResidualPlot::ResidualPlot(QWidget* parent) : QWidget(parent)
                "noticed: sound more than 45 ms early (top) or 125 ms late (bottom).");
 }
 
+std::vector<ResidualPlot::Point> ResidualPlot::pointsOf(OffsetList const& list, int gapRow)
+{
+    std::vector<Point> points;
+    int row = 0;
+    for (Offset const& p : list.points()) {
+        if (row == gapRow) ++row;
+        points.push_back({p.movieTime.seconds(), list.residual(p) * 1000, p.flag, row++});
+    }
+    return points;
+}
+
 void ResidualPlot::setPoints(std::vector<Point> points, double durationSeconds)
 {
     points_ = std::move(points);

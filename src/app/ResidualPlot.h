@@ -5,6 +5,8 @@
 // Clicking a point selects it.
 #pragma once
 
+#include "OffsetList.h"
+
 #include <QWidget>
 
 #include <set>
@@ -23,6 +25,9 @@ public:
     static constexpr double kLateLimitMs = 125;
 
     explicit ResidualPlot(QWidget* parent = nullptr);
+    // The points of a list, row by row; `gapRow` (the point in progress,
+    // which has no residual yet) is skipped in the numbering.
+    static std::vector<Point> pointsOf(OffsetList const& list, int gapRow = -1);
     void setPoints(std::vector<Point> points, double durationSeconds);
     void setSelectedRows(std::set<int> rows);
     std::vector<Point> const& points() const { return points_; }

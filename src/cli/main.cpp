@@ -436,7 +436,7 @@ int sync(commandline::Parsed const& args, json& out)
     std::snprintf(line, sizeof line, "%-14s %-14s %12s  %s\n", "movie time", "audio time", "residual ms", "flag");
     text << line;
     for (auto const& p : list.points()) {
-        double r = list.slope() * p.movieTime.seconds() + list.intercept() - p.audioTime.seconds();
+        double r = list.residual(p);
         std::snprintf(line, sizeof line, "%-14s %-14s %12.3f  %s\n", clock(p.movieTime, fields).c_str(), clock(p.audioTime, fields).c_str(),
                       r * 1000, p.flag ? "strays" : "");
         text << line;

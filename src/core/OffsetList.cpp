@@ -179,6 +179,11 @@ void OffsetList::fitLine()
     setFlags(static_cast<int>(count));
 }
 
+double OffsetList::residual(Offset const& p) const
+{
+    return slope_ * secondsOf(p.movieTime) + intercept_ - secondsOf(p.audioTime);
+}
+
 void OffsetList::setFlags(int count)
 {
     if (count < kPointsForFlags) {
@@ -189,7 +194,7 @@ void OffsetList::setFlags(int count)
     residuals.reserve(points_.size());
     double sum = 0;
     for (Offset const& p : points_) {
-        double r = slope_ * secondsOf(p.movieTime) + intercept_ - secondsOf(p.audioTime);
+        double r = residual(p);
         residuals.push_back(r);
         sum += r * r;
     }

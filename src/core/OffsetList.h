@@ -89,6 +89,10 @@ public:
     void replacePoints(std::vector<Offset> points);
 
     double slope() const { return slope_; }
+    // How far a point lies from the line, in seconds: the line's audio time
+    // at the point's movie time minus the point's audio time (> 0: the
+    // re-timed sound there comes early).
+    double residual(Offset const& p) const;
     double intercept() const { return intercept_; }
     myQTTime duration() const { return duration_; }
     dm::TrackPtr const& soundTrack() const { return soundTrack_; }
