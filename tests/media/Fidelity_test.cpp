@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
@@ -206,15 +207,19 @@ int enabledSound(FileInfo const& f)
     return first;
 }
 
+// A sound stream named as the backup (Matroska: its title; QuickTime: its handler).
+bool isBackup(StreamInfo const& s)
+{
+    if (s.type != AVMEDIA_TYPE_AUDIO) return false;
+    for (char const* key : {"title", "handler_name"})
+        if (s.tags.count(key) && s.tags.at(key) == "Backup Sound Track") return true;
+    return false;
+}
+
 int backupSound(FileInfo const& f)
 {
-    for (std::size_t i = 0; i < f.streams.size(); ++i) {
-        for (char const* key : {"title", "handler_name"}) {
-            auto it = f.streams[i].tags.find(key);
-            if (f.streams[i].type == AVMEDIA_TYPE_AUDIO && it != f.streams[i].tags.end() && it->second == "Backup Sound Track")
-                return static_cast<int>(i);
-        }
-    }
+    for (std::size_t i = 0; i < f.streams.size(); ++i)
+        if (isBackup(f.streams[i])) return static_cast<int>(i);
     return -1;
 }
 
@@ -689,17 +694,7 @@ TEST(FidelityCli, ALongSaveStopsOnInterrupt)
 
 namespace {
 
-int countBackups(FileInfo const& f)
-{
-    int n = 0;
-    for (auto const& s : f.streams)
-        for (char const* key : {"title", "handler_name"})
-            if (s.type == AVMEDIA_TYPE_AUDIO && s.tags.count(key) && s.tags.at(key) == "Backup Sound Track") {
-                ++n;
-                break;
-            }
-    return n;
-}
+int countBackups(FileInfo const& f) { return static_cast<int>(std::count_if(f.streams.begin(), f.streams.end(), isBackup)); }
 
 // A synced movie opens again with its points and its unedited sound: saved
 // again it comes out the same, with the one original backup, never a copy.
