@@ -3,6 +3,7 @@
 #include "Codec.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <numeric>
@@ -30,6 +31,29 @@ AudioDecoder::AudioDecoder(std::shared_ptr<const FileMedia> media)
     else
         av_channel_layout_default(&layout_, channels_);
     window_.assign(static_cast<std::size_t>(channels_), {});
+    double samplesPerTick = av_q2d(media_->timeBase) * sampleRate_;
+    coarse_ = samplesPerTick > 1.0 + 1e-9;
+    if (coarse_) {
+        coarseError_ = static_cast<std::int64_t>(std::ceil(samplesPerTick / 2)) + 1;
+        learnGrid();
+    }
+}
+
+void AudioDecoder::learnGrid()
+{
+    // The decoder stands at the start of the stream: decode three frames as
+    // a read from the beginning places them. The window they fill is kept.
+    std::int64_t starts[3] = {0, 0, 0}, sizes[3] = {0, 0, 0};
+    for (int i = 0; i < 3; ++i) {
+        std::int64_t before = haveStart_ ? windowEnd() : 0;
+        int framesBefore = framesInWindow_;
+        if (!decodeMore() || haveHeld_ || framesInWindow_ != framesBefore + 1) return;
+        sizes[i] = windowEnd() - (i == 0 ? windowStart_ : before);
+        starts[i] = windowEnd() - sizes[i];
+    }
+    if (sizes[1] <= 0 || sizes[1] != sizes[2]) return; // frames of varying size: no grid
+    gridFrame_ = static_cast<int>(sizes[1]);
+    gridOrigin_ = starts[2];
 }
 
 AudioDecoder::~AudioDecoder()
@@ -64,6 +88,13 @@ void AudioDecoder::append(AVFrame const* frame, std::int64_t position)
     std::int64_t end = windowEnd();
     std::size_t skip = 0;
     if (!haveStart_) {
+        if (gridFrame_ > 0 && n == gridFrame_ && position != AV_NOPTS_VALUE) {
+            // A coarse time stamp after a seek: the frame starts on the grid.
+            std::int64_t k = position - gridOrigin_;
+            std::int64_t frames = (k >= 0 ? k + n / 2 : k - n / 2) / n;
+            std::int64_t snapped = gridOrigin_ + frames * n;
+            if (std::llabs(snapped - position) <= coarseError_) position = snapped;
+        }
         windowStart_ = position;
         haveStart_ = true;
         framesInWindow_ = 0;
@@ -162,7 +193,9 @@ bool AudioDecoder::decodeMore()
             eof_ = true;
             return false;
         }
-        if (rc != AVERROR(EAGAIN)) continue; // a damaged frame: go on with the next
+        // A damaged frame is counted and skipped: the decoder gets the next
+        // packet (asking again could give the same error for ever).
+        if (rc != AVERROR(EAGAIN)) errors_.fetch_add(1, std::memory_order_relaxed);
         if (eof_) return false;
         rc = av_read_frame(fmt, packet_.get());
         if (rc < 0) {
@@ -170,7 +203,10 @@ bool AudioDecoder::decodeMore()
             eof_ = true;
             continue;
         }
-        if (packet_->stream_index == media_->streamIndex) avcodec_send_packet(codec_.get(), packet_.get()); // damaged packets are skipped
+        if (packet_->stream_index == media_->streamIndex) {
+            rc = avcodec_send_packet(codec_.get(), packet_.get());
+            if (rc < 0 && rc != AVERROR(EAGAIN)) errors_.fetch_add(1, std::memory_order_relaxed); // skipped
+        }
         av_packet_unref(packet_.get());
     }
 }
@@ -246,6 +282,7 @@ struct AudioRenderer::Scaled {
     std::int64_t nextOut = 0;  // timeline tick of the next output sample
     std::int64_t nextIn = 0;   // media sample of the next input fed
     std::int64_t skip = 0;     // output samples still to drop
+    std::int64_t inRate = 0, outRate = 0;
     Swr swr;
     std::vector<std::vector<float>> pending; // produced, not yet used
 };
@@ -327,27 +364,56 @@ void AudioRenderer::renderScaled(dm::Segment const& seg, std::int64_t segStart, 
             inRate = (inRate + 1) / 2;
             outRate = (outRate + 1) / 2;
         }
-        SwrContext* s = nullptr;
-        AVChannelLayout layout;
-        av_channel_layout_default(&layout, ch);
-        check(swr_alloc_set_opts2(&s, &layout, AV_SAMPLE_FMT_FLTP, static_cast<int>(outRate), &layout, AV_SAMPLE_FMT_FLTP,
-                                  static_cast<int>(inRate), 0, nullptr),
-              "Setting up the resampler");
-        st->swr.reset(s);
-        av_opt_set(s, "resampler", "soxr", 0);
-        av_opt_set_double(s, "precision", 28, 0);
-        check(swr_init(s), "Setting up the soxr resampler");
+        // The last state's resampler goes back to the cache for its ratio.
+        if (scaled_ && scaled_->swr) {
+            for (auto& c : resamplers_)
+                if (!c.swr && c.inRate == scaled_->inRate && c.outRate == scaled_->outRate) {
+                    c.swr = std::move(scaled_->swr);
+                    break;
+                }
+        }
+        Swr swr;
+        for (auto& c : resamplers_)
+            if (c.swr && c.inRate == inRate && c.outRate == outRate) swr = std::move(c.swr);
+        if (swr) {
+            check(swr_init(swr.get()), "Setting up the soxr resampler"); // a clean state, same filter
+        } else {
+            SwrContext* s = nullptr;
+            AVChannelLayout layout;
+            av_channel_layout_default(&layout, ch);
+            check(swr_alloc_set_opts2(&s, &layout, AV_SAMPLE_FMT_FLTP, static_cast<int>(outRate), &layout, AV_SAMPLE_FMT_FLTP,
+                                      static_cast<int>(inRate), 0, nullptr),
+                  "Setting up the resampler");
+            swr.reset(s);
+            av_opt_set(s, "resampler", "soxr", 0);
+            av_opt_set_double(s, "precision", 28, 0);
+            check(swr_init(s), "Setting up the soxr resampler");
+            bool known = false;
+            for (auto const& c : resamplers_) known |= c.inRate == inRate && c.outRate == outRate;
+            if (!known) {
+                if (resamplers_.size() >= 4) resamplers_.erase(resamplers_.begin());
+                resamplers_.push_back({inRate, outRate, nullptr});
+            }
+        }
+        st->swr = std::move(swr);
+        st->inRate = inRate;
+        st->outRate = outRate;
         st->pending.assign(static_cast<std::size_t>(ch), {});
+        for (auto& c : st->pending) c.reserve(static_cast<std::size_t>(kFeed) * 4);
         scaled_ = std::move(st);
     }
     Scaled& st = *scaled_;
-    std::vector<std::vector<float>> in(static_cast<std::size_t>(ch), std::vector<float>(kFeed));
-    std::vector<float*> inPtr(static_cast<std::size_t>(ch));
-    std::vector<float*> outPtr(static_cast<std::size_t>(ch));
-    for (int c = 0; c < ch; ++c) inPtr[c] = in[c].data();
+    if (feed_.size() != static_cast<std::size_t>(ch)) {
+        feed_.assign(static_cast<std::size_t>(ch), std::vector<float>(kFeed));
+        feedPtr_.clear();
+        for (auto& c : feed_) feedPtr_.push_back(c.data());
+        outPtr_.assign(static_cast<std::size_t>(ch), nullptr);
+    }
+    float** inPtr = feedPtr_.data();
+    float** outPtr = outPtr_.data();
     auto available = [&] { return static_cast<std::int64_t>(st.pending[0].size()); };
     while (available() - st.skip < count) {
-        decoder_.read(st.nextIn, kFeed, inPtr.data());
+        decoder_.read(st.nextIn, kFeed, inPtr);
         st.nextIn += kFeed;
         int room = swr_get_out_samples(st.swr.get(), kFeed);
         std::size_t old = st.pending[0].size();
@@ -355,8 +421,8 @@ void AudioRenderer::renderScaled(dm::Segment const& seg, std::int64_t segStart, 
             st.pending[c].resize(old + static_cast<std::size_t>(room));
             outPtr[c] = st.pending[c].data() + old;
         }
-        int got = check(swr_convert(st.swr.get(), reinterpret_cast<std::uint8_t**>(outPtr.data()), room,
-                                    const_cast<std::uint8_t const**>(reinterpret_cast<std::uint8_t**>(inPtr.data())), kFeed),
+        int got = check(swr_convert(st.swr.get(), reinterpret_cast<std::uint8_t**>(outPtr), room,
+                                    const_cast<std::uint8_t const**>(reinterpret_cast<std::uint8_t**>(inPtr)), kFeed),
                         "Resampling");
         for (auto& c : st.pending) c.resize(old + static_cast<std::size_t>(got));
         if (st.skip > 0) {

@@ -6,6 +6,7 @@
 #include "MovieFile.h"
 #include "movie/EditList.h"
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <vector>
@@ -41,8 +42,11 @@ public:
     // Copies `count` samples starting at media sample `first` into
     // out[c][offset ...]; positions outside the media read as silence.
     void read(std::int64_t first, int count, float* const* out, std::size_t offset = 0);
+    // Damaged packets and frames met and skipped so far. Safe from any thread.
+    std::uint64_t errors() const { return errors_.load(std::memory_order_relaxed); }
 
 private:
+    void learnGrid();
     void seekTo(std::int64_t sample);
     bool decodeMore(); // appends the next frame to the window; false at the end
     void append(AVFrame const* frame, std::int64_t position);
@@ -74,6 +78,15 @@ private:
     bool haveHeld_ = false;
     std::int64_t heldAt_ = 0;
     std::int64_t silentFrom_ = 0, silentTo_ = 0;
+    // Streams whose time stamps are coarser than a sample (Matroska's whole
+    // milliseconds) with frames of one size: after a seek the first frame is
+    // placed on the grid of frame starts that reading from the beginning
+    // gives, not on its rounded time stamp.
+    bool coarse_ = false;
+    int gridFrame_ = 0;           // samples per frame; 0: no grid
+    std::int64_t gridOrigin_ = 0; // a frame start of the grid
+    std::int64_t coarseError_ = 0; // the most a time stamp may be off, in samples
+    std::atomic<std::uint64_t> errors_{0};
 };
 
 // Renders edit lists of sound tracks that play one medium. Scaled segments
@@ -92,6 +105,7 @@ public:
     // samples: a sound track's scale is its sample rate) into out[c][offset..].
     void render(dm::EditList const& list, std::int64_t start, int count, float* const* out, std::size_t offset = 0);
     void render(dm::EditList const& list, std::int64_t start, PcmBuffer& out);
+    std::uint64_t decodeErrors() const { return decoder_.errors(); }
 
 private:
     struct Scaled;
@@ -101,6 +115,15 @@ private:
     std::shared_ptr<const FileMedia> media_;
     AudioDecoder decoder_;
     std::unique_ptr<Scaled> scaled_;
+    // Resamplers kept per (input rate, output rate), set up again rather
+    // than made anew when a loop wraps back into a scaled segment.
+    struct CachedSwr {
+        std::int64_t inRate, outRate;
+        Swr swr;
+    };
+    std::vector<CachedSwr> resamplers_;
+    std::vector<std::vector<float>> feed_; // input for the resampler, reused
+    std::vector<float*> feedPtr_, outPtr_;
 };
 
 } // namespace media

@@ -88,7 +88,8 @@ bool VideoDecoder::next(AVFrame* frame)
         int rc = avcodec_receive_frame(codec_.get(), frame);
         if (rc == 0) return true;
         if (rc == AVERROR_EOF) return false;
-        if (rc != AVERROR(EAGAIN)) continue;
+        // A damaged frame is counted and skipped: on to the next packet.
+        if (rc != AVERROR(EAGAIN)) ++errors_;
         if (draining_) return false;
         rc = av_read_frame(input_.format.get(), packet_.get());
         if (rc < 0) {
@@ -96,7 +97,10 @@ bool VideoDecoder::next(AVFrame* frame)
             avcodec_send_packet(codec_.get(), nullptr);
             continue;
         }
-        if (packet_->stream_index == media_->streamIndex) avcodec_send_packet(codec_.get(), packet_.get());
+        if (packet_->stream_index == media_->streamIndex) {
+            rc = avcodec_send_packet(codec_.get(), packet_.get());
+            if (rc < 0 && rc != AVERROR(EAGAIN)) ++errors_;
+        }
         av_packet_unref(packet_.get());
     }
 }

@@ -53,6 +53,8 @@ public:
     void seek(std::int64_t pts);
     AVCodecContext* context() const { return codec_.get(); }
     AVRational timeBase() const { return media_->timeBase; }
+    // Damaged packets and frames met and skipped so far.
+    std::uint64_t errors() const { return errors_; }
 
 private:
     std::shared_ptr<const FileMedia> media_;
@@ -60,6 +62,7 @@ private:
     CodecContext codec_;
     Packet packet_;
     bool draining_ = false;
+    std::uint64_t errors_ = 0;
 };
 
 // Walks a video stream forward and keeps the picture on screen at a given

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <cstring>
 #include <iostream>
 
@@ -12,7 +13,25 @@ namespace media {
 namespace {
 constexpr int kCrossfade = 64;      // samples blended at a loop wrap
 constexpr std::size_t kQueue = 12;  // decoded pictures kept ahead
+constexpr int kBlock = 256;         // frames per block of the sound ring
+constexpr auto kFeederPoll = std::chrono::milliseconds(2); // how soon the feeder sees an edit
 using Clock = std::chrono::steady_clock;
+
+std::int64_t nowNanos()
+{
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch()).count();
+}
+
+// The environment's output delay, in ms, when it names one.
+std::optional<double> delayFromEnvironment()
+{
+    char const* env = std::getenv("DUBMATCH_OUTPUT_DELAY_MS");
+    if (!env || !*env) return std::nullopt;
+    char* end = nullptr;
+    double ms = std::strtod(env, &end);
+    if (end == env || !std::isfinite(ms)) return std::nullopt;
+    return ms;
+}
 } // namespace
 
 Player::Player(std::shared_ptr<dm::Movie> movie, PlayerOptions options) : movie_(std::move(movie))
@@ -32,22 +51,36 @@ Player::Player(std::shared_ptr<dm::Movie> movie, PlayerOptions options) : movie_
         auto const& m = OpenedMovie::mediaOf(*video_);
         if (m.frameRate.num > 0) frameSeconds_ = 1.0 / av_q2d(m.frameRate);
     }
+    others_ = othersDuration();
     duration_ = movie_->duration().timeWithScaleOf(scale_);
     range_ = rangeFromMovie();
     paused_ = {std::clamp<std::int64_t>(toTicks(movie_->currentTime()), 0, duration_), 0};
-    pos_ = paused_.ticks;
+    if (auto env = delayFromEnvironment()) {
+        delayFromEnvironment_ = true;
+        options.outputDelayMs = *env;
+    }
+    delayFrames_ = static_cast<int>(std::llround(std::max(0.0, options.outputDelayMs) * scale_ / 1000.0));
 
     if (sound_) {
         output_ = options.output ? std::move(options.output) : makeSdlAudioOutput();
         int buffer = std::clamp(options.bufferFrames, 64, 8192);
-        planar_.assign(static_cast<std::size_t>(channels_), std::vector<float>(static_cast<std::size_t>(buffer) * 2));
-        tail_.assign(static_cast<std::size_t>(channels_), std::vector<float>(kCrossfade));
-        deviceOpen_ = output_->open(scale_, channels_, buffer, [this](float* out, int frames) { pullAudioGuarded(out, frames); });
+        deviceOpen_ = output_->open(scale_, channels_, buffer, [this](float* out, int frames) { pullAudio(out, frames); });
         if (!deviceOpen_) {
             audioStatus_ = output_->reason() + "; playing on the system clock, without sound";
             std::cerr << "Dubmatch: " << audioStatus_ << ".\n";
         } else {
-            for (auto& c : planar_) c.resize(static_cast<std::size_t>(std::max(buffer, output_->bufferFrames())) * 2);
+            deviceBuffer_ = std::max(buffer, output_->bufferFrames());
+            // Enough rendered ahead to ride out a slow read at a loop wrap,
+            // and room for a second rendering beside it after an edit.
+            lead_ = std::max(8192, 4 * deviceBuffer_);
+            int blocks = 3 * lead_ / kBlock + 8;
+            ring_ = std::make_unique<SoundRing>(channels_, kBlock, blocks);
+            history_.resize(static_cast<std::size_t>(blocks) + 8);
+            planar_.assign(static_cast<std::size_t>(channels_), std::vector<float>(kBlock));
+            tail_.assign(static_cast<std::size_t>(channels_), std::vector<float>(kCrossfade));
+            for (auto& c : planar_) planarPtrs_.push_back(c.data());
+            for (auto& c : tail_) tailPtrs_.push_back(c.data());
+            feederThread_ = std::thread([this] { feederLoop(); });
         }
     } else {
         audioStatus_ = "the movie has no sound";
@@ -62,8 +95,10 @@ Player::~Player()
         quit_ = true;
         playing_ = false;
     }
+    active_ = false;
     changed_.notify_all();
     if (output_) output_->close(); // no more device callbacks after this
+    if (feederThread_.joinable()) feederThread_.join();
     if (videoThread_.joinable()) videoThread_.join();
     if (idleThread_.joinable()) idleThread_.join();
 }
@@ -74,37 +109,92 @@ std::int64_t Player::toTicks(QTTime const& t) const
     return dm::roundDiv(static_cast<__int128>(t.timeValue) * scale_, t.timeScale);
 }
 
+std::int64_t Player::othersDuration() const
+{
+    std::int64_t longest = 0;
+    for (auto const& t : movie_->tracks()) {
+        if (t == sound_) continue;
+        longest = std::max<std::int64_t>(longest, myQTTime(t->editList()->duration(), t->timeScale()).timeWithScaleOf(scale_));
+    }
+    return longest;
+}
+
 Player::Range Player::rangeFromMovie() const
 {
-    Range r{0, duration_, movie_->loops()};
+    std::int64_t duration;
+    {
+        std::lock_guard<std::mutex> g(lock_);
+        duration = duration_;
+    }
+    Range r{0, duration, movie_->loops(), true};
     QTTimeRange sel = movie_->selection();
     if (movie_->playsSelectionOnly() && sel.duration.timeValue > 0) {
         r.start = toTicks(sel.time);
         r.end = r.start + toTicks(sel.duration);
+        r.whole = false;
     } else if (auto seg = movie_->activeSegment(); seg && seg->duration.timeValue > 0) {
         r.start = toTicks(seg->time);
         r.end = r.start + toTicks(seg->duration);
+        r.whole = false;
     }
-    r.start = std::clamp<std::int64_t>(r.start, 0, duration_);
-    r.end = std::clamp<std::int64_t>(r.end, r.start, duration_);
-    if (r.end <= r.start) r = {0, duration_, r.loops};
+    r.start = std::clamp<std::int64_t>(r.start, 0, duration);
+    r.end = std::clamp<std::int64_t>(r.end, r.start, duration);
+    if (r.end <= r.start) r = {0, duration, r.loops, true};
     return r;
 }
 
 bool Player::audioMasterLocked() const { return deviceOpen_ && rate_ == 1.0; }
 
+int Player::outputLatencyFrames() const
+{
+    return (output_ && deviceOpen_ ? output_->latencyFrames() : 0) + delayFrames_.load(std::memory_order_relaxed);
+}
+
+void Player::setOutputDelay(double milliseconds)
+{
+    if (delayFromEnvironment_) return;
+    delayFrames_ = static_cast<int>(std::llround(std::max(0.0, milliseconds) * scale_ / 1000.0));
+}
+
+PlaybackStats Player::stats() const
+{
+    PlaybackStats s;
+    s.callbacks = callbacks_.load();
+    s.underruns = underruns_.load();
+    s.underrunFrames = underrunFrames_.load();
+    s.rerenders = rerenders_.load();
+    s.decodeErrors = renderer_ ? renderer_->decodeErrors() : 0;
+    return s;
+}
+
+myQTTime Player::duration() const
+{
+    std::lock_guard<std::mutex> g(lock_);
+    return myQTTime(static_cast<long long>(duration_), scale_);
+}
+
 Player::Position Player::positionLocked() const
 {
     if (!playing_) return paused_;
     if (audioMasterLocked()) {
-        if (pieces_.empty()) return paused_;
-        double elapsed = std::chrono::duration<double>(Clock::now() - lastPull_).count();
-        std::int64_t heard = delivered_ - output_->latencyFrames() + static_cast<std::int64_t>(elapsed * scale_);
-        heard = std::min(heard, delivered_);
-        if (heard < pieces_.front().outStart) return {pieces_.front().timeline, pieces_.front().lap};
-        for (auto it = pieces_.rbegin(); it != pieces_.rend(); ++it)
-            if (heard >= it->outStart) return {it->timeline + std::min(heard - it->outStart, it->length), it->lap};
-        return paused_;
+        if (endedGen_.load(std::memory_order_acquire) == generation_ + 1)
+            return {endedAt_.load(std::memory_order_relaxed), endedLap_.load(std::memory_order_relaxed)};
+        PlayedLog::Snapshot log;
+        played_.read(log);
+        // Only what was played since the last seek or play places the clock.
+        int first = log.count;
+        while (first > 0 && log.pieces[first - 1].gen == generation_) --first;
+        if (first == log.count) return anchor_;
+        double elapsed = static_cast<double>(nowNanos() - log.pulledAt) / 1e9;
+        std::int64_t heard = log.delivered - outputLatencyFrames() + static_cast<std::int64_t>(elapsed * scale_);
+        heard = std::min(heard, log.delivered);
+        auto const& oldest = log.pieces[first];
+        if (heard < oldest.device) return {oldest.timeline, oldest.lap};
+        for (int i = log.count - 1; i >= first; --i) {
+            auto const& p = log.pieces[i];
+            if (heard >= p.device) return {p.timeline + std::min(heard - p.device, p.length), p.lap};
+        }
+        return anchor_;
     }
     double elapsed = std::chrono::duration<double>(Clock::now() - baseTime_).count();
     std::int64_t t = base_.ticks + static_cast<std::int64_t>(elapsed * rate_ * scale_);
@@ -144,21 +234,47 @@ myQTTime Player::currentTime() const
     return myQTTime(static_cast<long long>(positionLocked().ticks), scale_);
 }
 
+bool Player::fedLocked() const
+{
+    if (!(fedGen_ == generation_ && fedRangeGen_ == rangeGen_ && fedChanges_ == sound_->changeCount() && fedFull_)) return false;
+    // Full now, not only when the feeder last looked.
+    return ahead_.load(std::memory_order_acquire) < 0
+        || ahead_.load(std::memory_order_acquire) - path_.load(std::memory_order_acquire) >= lead_;
+}
+
+bool Player::waitForSound(std::chrono::milliseconds timeout) const
+{
+    if (!ring_) return true;
+    std::unique_lock<std::mutex> g(lock_);
+    if (!playing_ || !audioMasterLocked()) return true;
+    changed_.notify_all(); // no need to wait for the feeder's next look
+    return fed_.wait_for(g, timeout, [this] { return quit_ || !playing_ || fedLocked(); });
+}
+
 void Player::play()
 {
     std::unique_lock<std::mutex> g(lock_);
     if (playing_) return;
     if (paused_.ticks < range_.start || paused_.ticks >= range_.end) paused_.ticks = range_.start;
-    pos_ = paused_.ticks;
-    lap_ = paused_.lap;
-    pieces_.clear();
     base_ = paused_;
+    anchor_ = paused_;
     baseTime_ = Clock::now();
     playing_ = true;
-    bool audio = audioMasterLocked();
+    ++generation_;
+    bool audio = audioMasterLocked() && ring_;
+    // The device is stopped: the feeder may start from an empty ring.
+    restart_ = audio;
     g.unlock();
-    if (audio) output_->setRunning(true);
     changed_.notify_all();
+    if (!audio) return;
+    // Start the device once the feeder has rendered ahead, so that the first
+    // callbacks find sound.
+    g.lock();
+    fed_.wait_for(g, std::chrono::milliseconds(500), [this] { return quit_ || !playing_ || (fedGen_ == generation_ && fedFull_); });
+    if (!playing_ || quit_) return;
+    active_ = true;
+    g.unlock();
+    output_->setRunning(true);
 }
 
 void Player::pause()
@@ -167,8 +283,8 @@ void Player::pause()
     if (!playing_) return;
     paused_ = positionLocked();
     playing_ = false;
-    pos_ = paused_.ticks;
-    pieces_.clear();
+    active_ = false;
+    ++generation_; // what the feeder rendered ahead is not wanted any more
     g.unlock();
     if (output_ && deviceOpen_) output_->setRunning(false);
     changed_.notify_all();
@@ -194,11 +310,9 @@ void Player::seekLocked(std::int64_t ticks)
     ticks = std::clamp<std::int64_t>(ticks, 0, duration_);
     Position now = positionLocked();
     paused_ = {ticks, now.lap};
-    pos_ = ticks;
-    lap_ = now.lap;
+    anchor_ = paused_;
     base_ = paused_;
     baseTime_ = Clock::now();
-    pieces_.clear();
     ++generation_;
     ++videoGeneration_;
 }
@@ -230,6 +344,7 @@ void Player::stepFrame(int direction)
 void Player::applyRangeLocked(Range r)
 {
     range_ = r;
+    ++rangeGen_;
     // A movie playing outside its new range goes on from the range's start.
     Position now = positionLocked();
     base_ = now;
@@ -263,6 +378,13 @@ void Player::setPlaysSelectionOnly(bool on)
 
 void Player::refreshFromMovie()
 {
+    std::int64_t others = othersDuration();
+    std::int64_t sound = sound_ ? sound_->editList()->duration() : 0;
+    {
+        std::lock_guard<std::mutex> g(lock_);
+        others_ = others;
+        duration_ = std::max(others, sound);
+    }
     Range r = rangeFromMovie();
     {
         std::lock_guard<std::mutex> g(lock_);
@@ -387,103 +509,303 @@ void Player::reportFault(std::string const& message) noexcept
     }
 }
 
-void Player::pullAudioGuarded(float* out, int frames) noexcept
+// ---- The device callback ---------------------------------------------------
+
+void Player::pullAudio(float* out, int frames) noexcept
 {
-    auto silence = [&] { std::fill(out, out + static_cast<std::ptrdiff_t>(frames) * channels_, 0.0f); };
-    if (soundFaulted_.load()) {
-        silence();
+    std::size_t samples = static_cast<std::size_t>(frames) * static_cast<std::size_t>(channels_);
+    if (!active_.load(std::memory_order_acquire)) {
+        std::fill(out, out + samples, 0.0f);
         return;
     }
+    callbacks_.fetch_add(1, std::memory_order_relaxed);
+    std::int64_t path = path_.load(std::memory_order_relaxed);
+    std::int64_t delivered = delivered_.load(std::memory_order_relaxed);
+    bool ended = endedGen_.load(std::memory_order_relaxed) != 0;
+
+    // After a change the feeder queues a new rendering behind the old one:
+    // once its first block is there, the old one is dropped.
+    std::size_t n = ring_->readable();
+    if (n > 1) {
+        std::uint64_t newest = ring_->peek(n - 1).epoch;
+        if (ring_->peek(0).epoch != newest) {
+            std::size_t i = 0;
+            while (i < n && ring_->peek(i).epoch != newest) ++i;
+            ring_->release(i);
+        }
+    }
+
+    played_.begin();
+    PlayedLog::Piece piece{};
+    bool havePiece = false;
+    int done = 0;
+    while (done < frames) {
+        if (ring_->readable() == 0) {
+            std::fill(out + static_cast<std::size_t>(done) * channels_, out + samples, 0.0f);
+            if (!ended && !soundFaulted_.load(std::memory_order_relaxed)) {
+                underruns_.fetch_add(1, std::memory_order_relaxed);
+                underrunFrames_.fetch_add(static_cast<std::uint64_t>(frames - done), std::memory_order_relaxed);
+            }
+            break;
+        }
+        SoundRing::Block const& b = ring_->peek(0);
+        std::int64_t skip = path - b.path;
+        if (skip < 0) { // cannot happen: a rendering starts where the device stands
+            path = b.path;
+            skip = 0;
+        }
+        if (skip >= b.frames) {
+            if (b.end && b.frames + b.path == path) {
+                // The play range ran out: silence from here on.
+                endedAt_.store(b.timeline + b.frames, std::memory_order_relaxed);
+                endedLap_.store(b.lap, std::memory_order_relaxed);
+                endedGen_.store(b.gen + 1, std::memory_order_release);
+                ended = true;
+                ring_->release(1);
+                std::fill(out + static_cast<std::size_t>(done) * channels_, out + samples, 0.0f);
+                break;
+            }
+            ring_->release(1);
+            continue;
+        }
+        int k = static_cast<int>(std::min<std::int64_t>(frames - done, b.frames - skip));
+        std::memcpy(out + static_cast<std::size_t>(done) * channels_, b.samples + static_cast<std::size_t>(skip) * channels_,
+                    sizeof(float) * static_cast<std::size_t>(k) * channels_);
+        std::int64_t timeline = b.timeline + skip;
+        if (havePiece && piece.gen == b.gen && piece.lap == b.lap && piece.timeline + piece.length == timeline
+            && piece.device + piece.length == delivered + done) {
+            piece.length += k;
+        } else {
+            if (havePiece) played_.add(piece);
+            piece = {delivered + done, timeline, k, b.lap, b.gen};
+            havePiece = true;
+        }
+        path += k;
+        done += k;
+        if (skip + k == b.frames && !b.end) ring_->release(1);
+    }
+    if (havePiece) played_.add(piece);
+    delivered += frames;
+    path_.store(path, std::memory_order_release);
+    delivered_.store(delivered, std::memory_order_relaxed);
+    played_.end(delivered, nowNanos());
+}
+
+// ---- The feeder --------------------------------------------------------------
+
+void Player::feederLoop() noexcept
+{
     try {
-        pullAudio(out, frames);
+        feederBody();
     } catch (std::bad_alloc const&) {
         soundFaulted_ = true;
-        silence();
         reportFault("The sound stopped: there was not enough memory to decode it.");
     } catch (std::exception const& e) {
         soundFaulted_ = true;
-        silence();
         reportFault(std::string("The sound stopped: ") + e.what());
     } catch (...) {
         soundFaulted_ = true;
-        silence();
         reportFault("The sound stopped after an unknown error.");
     }
+    // A feeder that stopped leaves the device to silence; waiters go on.
+    ahead_.store(-1, std::memory_order_release);
+    std::lock_guard<std::mutex> g(lock_);
+    fedGen_ = generation_;
+    fedRangeGen_ = rangeGen_;
+    fedChanges_ = sound_->changeCount();
+    fedFull_ = true;
+    fed_.notify_all();
 }
 
-void Player::pullAudio(float* out, int frames)
+Player::Cursor Player::cursorAt(std::int64_t path)
+{
+    for (std::size_t i = 0; i < historyCount_; ++i) {
+        Rendered const& r = history_[(historyFirst_ + i) % history_.size()];
+        if (path >= r.path && path < r.path + r.frames) {
+            Cursor c = r.at;
+            std::int64_t k = path - r.path;
+            c.timeline += k;
+            c.fade = static_cast<int>(std::max<std::int64_t>(0, c.fade - k));
+            return c;
+        }
+    }
+    return cursor_; // nothing queued there: the feeder's own position
+}
+
+bool Player::renderBlock(dm::EditList const& list, Range const& r)
+{
+    SoundRing::Block* b = ring_->writable();
+    if (!b) return false;
+    if (cursor_.timeline >= r.end || cursor_.timeline < r.start) {
+        if (cursor_.timeline >= r.end && !r.loops) {
+            // The end of the play range: an empty block that says so.
+            *b = SoundRing::Block{writePath_, cursor_.timeline, cursor_.lap, epoch_, feederGen_, 0, true, b->samples};
+            if (historyCount_ < history_.size()) {
+                history_[(historyFirst_ + historyCount_) % history_.size()] = {writePath_, cursor_, 0};
+                ++historyCount_;
+            }
+            ring_->commit();
+            endQueued_ = true;
+            ahead_.store(-1, std::memory_order_release);
+            return true;
+        }
+        if (cursor_.timeline >= r.end) {
+            // Wrap: what would have followed the end fades into the start.
+            renderer_->render(list, r.end, kCrossfade, tailPtrs_.data(), 0);
+            cursor_.tailFrom = r.end;
+            cursor_.fade = kCrossfade;
+            ++cursor_.lap;
+        }
+        cursor_.timeline = r.start;
+    }
+    int k = static_cast<int>(std::min<std::int64_t>(kBlock, r.end - cursor_.timeline));
+    renderer_->render(list, cursor_.timeline, k, planarPtrs_.data(), 0);
+    for (int i = 0; i < k && cursor_.fade - i > 0; ++i) {
+        int j = kCrossfade - (cursor_.fade - i);
+        float gain = static_cast<float>(j + 1) / (kCrossfade + 1);
+        for (int c = 0; c < channels_; ++c) planar_[c][i] = planar_[c][i] * gain + tail_[c][j] * (1 - gain);
+    }
+    float* dst = b->samples;
+    for (int i = 0; i < k; ++i)
+        for (int c = 0; c < channels_; ++c) *dst++ = planar_[c][i];
+    b->path = writePath_;
+    b->timeline = cursor_.timeline;
+    b->lap = cursor_.lap;
+    b->epoch = epoch_;
+    b->gen = feederGen_;
+    b->frames = k;
+    b->end = !r.loops && cursor_.timeline + k >= r.end;
+    if (historyCount_ == history_.size()) { // cannot happen: the ring is smaller
+        historyFirst_ = (historyFirst_ + 1) % history_.size();
+        --historyCount_;
+    }
+    history_[(historyFirst_ + historyCount_) % history_.size()] = {writePath_, cursor_, k};
+    ++historyCount_;
+    Tap tap;
+    {
+        std::lock_guard<std::mutex> g(lock_);
+        tap = tap_;
+    }
+    if (tap) tap(b->samples, k, channels_);
+    ring_->commit();
+    endQueued_ = b->end;
+    cursor_.timeline += k;
+    cursor_.fade = std::max(0, cursor_.fade - k);
+    writePath_ += k;
+    ahead_.store(endQueued_ ? -1 : writePath_, std::memory_order_release);
+    return true;
+}
+
+void Player::feederBody()
 {
     std::unique_lock<std::mutex> g(lock_);
-    if (!playing_ || !audioMasterLocked() || quit_) {
+    while (!quit_) {
+        bool active = playing_ && audioMasterLocked() && !soundFaulted_;
+        if (!active) {
+            fedGen_ = generation_;
+            fedRangeGen_ = rangeGen_;
+            fedFull_ = true;
+            fed_.notify_all();
+            changed_.wait(g);
+            continue;
+        }
+        std::uint64_t gen = generation_, rangeGen = rangeGen_;
+        bool restart = restart_;
+        restart_ = false;
+        Position anchor = anchor_;
+        std::int64_t others = others_;
         g.unlock();
-        std::fill(out, out + static_cast<std::ptrdiff_t>(frames) * channels_, 0.0f);
-        return;
-    }
-    std::int64_t pos = pos_;
-    std::uint64_t lap = lap_;
-    Range r = range_;
-    std::uint64_t generation = generation_;
-    Tap tap = tap_;
-    g.unlock();
 
-    auto list = sound_->editList(); // the snapshot this buffer plays
-    for (auto& c : planar_)
-        if (c.size() < static_cast<std::size_t>(frames)) c.resize(static_cast<std::size_t>(frames));
-    std::vector<float*> ptrs;
-    for (auto& c : planar_) ptrs.push_back(c.data());
-    std::vector<Piece> pieces;
-    int done = 0, fade = 0;
-    bool stopped = false;
-    while (done < frames) {
-        if (pos >= r.end) {
-            if (!r.loops) {
-                for (auto* p : ptrs) std::fill(p + done, p + frames, 0.0f);
-                stopped = true;
+        std::uint64_t changes = sound_->changeCount();
+        auto list = sound_->editList();
+        bool listChanged = list != list_;
+        std::int64_t duration = std::max(others, list->duration());
+        g.lock();
+        if (duration != duration_) {
+            // A re-timing made the sound longer or shorter: play to its end.
+            duration_ = duration;
+            if (range_.whole) range_.end = duration;
+        }
+        Range r = range_;
+        g.unlock();
+
+        // Drop what the ring holds before the position the device stands at.
+        std::int64_t played = path_.load(std::memory_order_acquire);
+        while (historyCount_ > 0) {
+            Rendered const& h = history_[historyFirst_];
+            if (h.path + h.frames > played || (h.frames == 0 && h.path >= played)) break;
+            historyFirst_ = (historyFirst_ + 1) % history_.size();
+            --historyCount_;
+        }
+        if (gen != feederGen_) {
+            // A seek or a new start: render from the anchor.
+            if (restart) {
+                // The device is stopped and waits for us: start clean.
+                ring_->clear();
+                played_.forget();
+                endedGen_.store(0, std::memory_order_relaxed);
+                historyCount_ = 0;
+                played = path_.load(std::memory_order_relaxed);
+            }
+            feederGen_ = gen;
+            feederRangeGen_ = rangeGen;
+            ++epoch_;
+            cursor_ = Cursor{anchor.ticks, anchor.lap, 0, 0};
+            writePath_ = played;
+            ahead_.store(writePath_, std::memory_order_release);
+            historyCount_ = 0;
+            endQueued_ = false;
+            list_ = list;
+        } else if (listChanged || rangeGen != feederRangeGen_) {
+            // An edit or a new play range: render again from where the device
+            // stands, so the change is heard at once.
+            feederRangeGen_ = rangeGen;
+            ++epoch_;
+            rerenders_.fetch_add(1, std::memory_order_relaxed);
+            Cursor at = cursorAt(played);
+            if (at.fade > 0) renderer_->render(*list, at.tailFrom, kCrossfade, tailPtrs_.data(), 0);
+            cursor_ = at;
+            writePath_ = played;
+            ahead_.store(writePath_, std::memory_order_release);
+            historyCount_ = 0;
+            endQueued_ = false;
+            list_ = list;
+        }
+
+        // Fill up to the lead; a change seen meanwhile starts a new round.
+        bool full = false;
+        while (!quit_) {
+            played = path_.load(std::memory_order_acquire);
+            if (endQueued_ || writePath_ - played >= lead_) {
+                full = true;
                 break;
             }
-            // Wrap: what would have followed the end fades into the start.
-            std::vector<float*> tail;
-            for (auto& c : tail_) tail.push_back(c.data());
-            renderer_->render(*list, pos, kCrossfade, tail.data(), 0);
-            pos = r.start;
-            ++lap;
-            fade = kCrossfade;
+            if (sound_->changeCount() != changes) break;
+            if (!renderBlock(*list_, r)) {
+                full = true; // the ring is full of an older rendering: wait for the device
+                break;
+            }
         }
-        int k = static_cast<int>(std::min<std::int64_t>(frames - done, r.end - pos));
-        renderer_->render(*list, pos, k, ptrs.data(), static_cast<std::size_t>(done));
-        for (int i = 0; fade > 0 && i < k; ++i, --fade) {
-            int j = kCrossfade - fade;
-            float gain = static_cast<float>(j + 1) / (kCrossfade + 1);
-            for (int c = 0; c < channels_; ++c)
-                ptrs[c][done + i] = ptrs[c][done + i] * gain + tail_[c][j] * (1 - gain);
-        }
-        pieces.push_back({done, pos, k, lap});
-        pos += k;
-        done += k;
-    }
-    for (int i = 0; i < frames; ++i)
-        for (int c = 0; c < channels_; ++c) out[static_cast<std::ptrdiff_t>(i) * channels_ + c] = planar_[c][i];
 
-    g.lock();
-    if (generation == generation_ && playing_) {
-        for (auto p : pieces) {
-            p.outStart += delivered_;
-            pieces_.push_back(p);
-        }
-        while (pieces_.size() > 64) pieces_.pop_front();
-        delivered_ += frames;
-        lastPull_ = Clock::now();
-        pos_ = pos;
-        lap_ = lap;
-        if (stopped) {
+        g.lock();
+        if (playing_ && endedGen_.load(std::memory_order_acquire) == generation_ + 1) {
+            // The range ran out on the device: the movie stops at its end.
+            paused_ = {endedAt_.load(), endedLap_.load()};
             playing_ = false;
-            paused_ = {r.end, lap};
-            pieces_.clear();
+            active_ = false;
+            g.unlock();
+            output_->setRunning(false);
+            changed_.notify_all();
+            g.lock();
         }
+        fedGen_ = feederGen_;
+        fedRangeGen_ = feederRangeGen_;
+        fedChanges_ = changes;
+        fedFull_ = full && gen == generation_;
+        fed_.notify_all();
+        if (full && gen == generation_ && rangeGen == rangeGen_)
+            changed_.wait_for(g, kFeederPoll);
     }
-    g.unlock();
-    if (tap) tap(out, frames, channels_);
-    if (stopped) changed_.notify_all();
 }
 
 void Player::videoLoop() noexcept
