@@ -35,6 +35,8 @@ public:
     void updateMenu();
     // The arrow-direction preference changed.
     void reverseArrows();
+    // The sound output delay preference changed: open movies take it.
+    void soundOutputDelayChanged() { emit outputDelayChanged(); }
     QAction* actionNamed(QString const& name) const;
     // Sends an action to the current document; true when it was handled.
     bool sendAction(QString const& name);
@@ -67,6 +69,7 @@ signals:
     void terminationRequested(int signal);
     // The arrow direction changed: tables redisplay their offsets.
     void reverseArrowsChanged();
+    void outputDelayChanged();
 
 private:
     QAction* addSyncItem(QString const& title, QString const& name, int tag, QString const& key);

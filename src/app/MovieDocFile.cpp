@@ -170,7 +170,9 @@ bool MovieDoc::readFromFile(QString const& path, QString const& type, Refusal* e
         saved = adoptSavedSync(*opened->movie, opened->syncPointsTag);
         // The player opens the sound decoder: a sound that can be read but
         // not decoded is refused here, with the movie.
-        player = std::make_unique<media::Player>(opened->movie);
+        media::PlayerOptions options;
+        options.outputDelayMs = kit::UserDefaults<float>("soundOutputDelay");
+        player = std::make_unique<media::Player>(opened->movie, std::move(options));
         auto made = SyncSession::make(opened->movie.get(), player.get(), currentSettings, sessionHooks());
         if (auto* refusal = std::get_if<Refusal>(&made)) {
             report(*refusal);

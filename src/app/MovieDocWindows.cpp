@@ -125,7 +125,12 @@ void MovieDoc::makeWindowControllers()
     mMovieView->setPlayer(player_.get(), natural, seconds);
     connect(mMovieView, &MovieView::playToggled, this, &MovieDoc::togglePlay);
     window->installEventFilter(this);
-    if (auto* app = DMApplication::instance()) connect(app, &DMApplication::reverseArrowsChanged, this, &MovieDoc::reloadTable);
+    if (auto* app = DMApplication::instance()) {
+        connect(app, &DMApplication::reverseArrowsChanged, this, &MovieDoc::reloadTable, Qt::UniqueConnection);
+        connect(app, &DMApplication::outputDelayChanged, this, [this] {
+            if (player_) player_->setOutputDelay(kit::UserDefaults<float>("soundOutputDelay"));
+        });
+    }
     instruction_->setText(instructionForMode(movieMode()));
     // The window fits the movie's natural size; large pictures are shown
     // smaller, so that the window fits the screen.

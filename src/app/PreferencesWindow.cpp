@@ -8,6 +8,8 @@
 #include <QFormLayout>
 #include <QLabel>
 
+#include <cmath>
+
 std::vector<std::pair<QString, QString>> PreferencesWindow::soundCodecChoices()
 {
     return {{"Same codec as the movie (lossless stays lossless)", "same"},
@@ -60,6 +62,18 @@ PreferencesWindow::PreferencesWindow(QWidget* parent) : QWidget(parent, Qt::Wind
     losslessShift_->setToolTip("When the sound runs at the right speed and is only early or late, a save moves it without "
                                "re-encoding: the original sound, exactly.");
     form->addRow("", losslessShift_);
+    outputDelay_ = new QSpinBox(this);
+    outputDelay_->setObjectName("soundOutputDelay");
+    outputDelay_->setRange(0, 1000);
+    outputDelay_->setSingleStep(5);
+    outputDelay_->setToolTip("How much later than Dubmatch can tell the sound reaches your ears. Bluetooth headphones and "
+                             "some receivers add 100 to 250 ms: set it here so the picture waits for the sound, and the "
+                             "points you accept are not off by that much.");
+    form->addRow("Sound output delay (ms):", outputDelay_);
+    auto* delayHelp = new QLabel("For Bluetooth headphones or a receiver that delays the sound. Dubmatch already "
+                                 "allows for the delay of the computer's own sound output.", this);
+    delayHelp->setWordWrap(true);
+    form->addRow("", delayHelp);
     form->addRow("Updates:", updates_);
     refresh();
 
@@ -75,6 +89,11 @@ PreferencesWindow::PreferencesWindow(QWidget* parent) : QWidget(parent, Qt::Wind
     });
     connect(inspector_, &QCheckBox::toggled, this, [](bool on) { kit::Defaults::standard().setValue("openInspector", on); });
     connect(losslessShift_, &QCheckBox::toggled, this, [](bool on) { kit::Defaults::standard().setValue("losslessShift", on); });
+    // Open movies hear the new delay at once.
+    connect(outputDelay_, &QSpinBox::valueChanged, this, [](int ms) {
+        kit::Defaults::standard().setValue("soundOutputDelay", static_cast<double>(ms));
+        if (auto* app = DMApplication::instance()) app->soundOutputDelayChanged();
+    });
     // The update checker stores this one itself (and resets its last check).
 }
 
@@ -82,7 +101,8 @@ void PreferencesWindow::refresh()
 {
     auto& d = kit::Defaults::standard();
     auto sign = ValueTransformer::valueTransformerForName("BooleanToSignTransformer");
-    QSignalBlocker b1(loop_), b2(step_), b3(arrows_), b4(wheel_), b5(inspector_), b6(updates_), b7(soundCodec_), b8(losslessShift_);
+    QSignalBlocker b1(loop_), b2(step_), b3(arrows_), b4(wheel_), b5(inspector_), b6(updates_), b7(soundCodec_), b8(losslessShift_), b9(outputDelay_);
+    outputDelay_->setValue(static_cast<int>(std::lround(d.value("soundOutputDelay").toDouble())));
     losslessShift_->setChecked(d.value("losslessShift").toBool());
     int codec = soundCodec_->findData(d.value("soundCodec").toString());
     soundCodec_->setCurrentIndex(codec < 0 ? 0 : codec);

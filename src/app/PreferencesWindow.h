@@ -5,6 +5,7 @@
 #include <QCheckBox>
 #include <QComboBox>
 #include <QDoubleSpinBox>
+#include <QSpinBox>
 #include <QWidget>
 
 #include <utility>
@@ -34,5 +35,6 @@ private:
     QCheckBox *arrows_, *wheel_, *inspector_, *updates_;
     QDoubleSpinBox *loop_, *step_;
     QCheckBox* losslessShift_ = nullptr;
+    QSpinBox* outputDelay_ = nullptr;
     QComboBox* soundCodec_;
 };

@@ -2,10 +2,38 @@
 
 #include <SDL.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <vector>
 
 namespace media {
+
+void CadenceMeter::record(std::int64_t nanos, int frames) noexcept
+{
+    int n = count_.load(std::memory_order_relaxed);
+    if (n >= kCallbacks) return;
+    std::int64_t before = n > 0 ? frames_[n - 1].load(std::memory_order_relaxed) : 0;
+    times_[n].store(nanos, std::memory_order_relaxed);
+    frames_[n].store(before + frames, std::memory_order_relaxed);
+    count_.store(n + 1, std::memory_order_release);
+}
+
+int CadenceMeter::estimate(int sampleRate, int floor) const
+{
+    int n = count_.load(std::memory_order_acquire);
+    if (n < 24) return floor;
+    // Lead after each callback, the first quarter left out (start-up).
+    std::vector<double> leads;
+    std::int64_t t0 = times_[0].load(std::memory_order_relaxed);
+    for (int i = n / 4; i < n; ++i) {
+        double elapsed = static_cast<double>(times_[i].load(std::memory_order_relaxed) - t0) / 1e9;
+        leads.push_back(static_cast<double>(frames_[i].load(std::memory_order_relaxed)) - elapsed * sampleRate);
+    }
+    std::nth_element(leads.begin(), leads.begin() + static_cast<std::ptrdiff_t>(leads.size() / 2), leads.end());
+    double median = leads[leads.size() / 2];
+    return static_cast<int>(std::clamp(median, static_cast<double>(floor), static_cast<double>(floor + sampleRate / 2)));
+}
 
 namespace {
 
@@ -40,6 +68,7 @@ public:
             return false;
         }
         buffer_ = have.samples;
+        rate_ = have.freq;
         channels_ = channels;
         reason_.clear();
         return true;
@@ -47,7 +76,9 @@ public:
 
     void setRunning(bool running) override
     {
-        if (device_) SDL_PauseAudioDevice(device_, running ? 0 : 1);
+        if (!device_) return;
+        if (running) cadence_.reset(); // the callback is not running now
+        SDL_PauseAudioDevice(device_, running ? 0 : 1);
     }
 
     void close() override
@@ -62,8 +93,10 @@ public:
         }
     }
 
-    // SDL holds about one buffer between the callback and the speaker.
-    int latencyFrames() const override { return buffer_; }
+    // SDL holds at least one buffer between the callback and the speaker;
+    // a sound server may hold more, which the callbacks' cadence shows.
+    // (SDL 2 has no call that asks the server.)
+    int latencyFrames() const override { return cadence_.estimate(rate_ > 0 ? rate_ : 48000, buffer_); }
     int bufferFrames() const override { return buffer_; }
     std::string reason() const override { return reason_; }
 
@@ -74,6 +107,8 @@ private:
         auto* self = static_cast<SdlAudioOutput*>(user);
         try {
             int frames = len / static_cast<int>(sizeof(float) * static_cast<unsigned>(self->channels_));
+            self->cadence_.record(
+                std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count(), frames);
             self->pull_(reinterpret_cast<float*>(stream), frames);
         } catch (...) {
             std::memset(stream, 0, static_cast<std::size_t>(len));
@@ -83,8 +118,9 @@ private:
     SDL_AudioDeviceID device_ = 0;
     bool initialised_ = false;
     Pull pull_;
-    int buffer_ = 0, channels_ = 0;
+    int buffer_ = 0, channels_ = 0, rate_ = 0;
     std::string reason_;
+    CadenceMeter cadence_;
 };
 
 } // namespace

@@ -3,6 +3,7 @@
 // the device's buffers themselves.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -28,6 +29,30 @@ public:
     virtual std::string reason() const = 0;
 };
 
+// How far ahead of the speaker a device pulls, measured from the cadence of
+// its callbacks: a device that plays in real time from its first callback on
+// has heard rate x elapsed frames, so what was handed over beyond that is in
+// its buffers. Sound servers fill their buffers in a burst at the start and
+// then keep them full. Measured over the first callbacks after each start
+// (later, the drift between the device's clock and ours would creep in).
+// record() is safe in a device callback (no allocation, no lock).
+class CadenceMeter {
+public:
+    static constexpr int kCallbacks = 96;
+    // Before the device starts.
+    void reset() { count_.store(0, std::memory_order_release); }
+    // In the callback: `frames` handed over at `nanos` (steady clock).
+    void record(std::int64_t nanos, int frames) noexcept;
+    // Frames held between the callback and the speaker, at least `floor`
+    // and at most half a second more; `floor` until enough callbacks came.
+    int estimate(int sampleRate, int floor) const;
+
+private:
+    std::atomic<int> count_{0};
+    std::atomic<std::int64_t> times_[kCallbacks] = {};
+    std::atomic<std::int64_t> frames_[kCallbacks] = {}; // handed over up to and with that callback
+};
+
 // SDL2 audio: PulseAudio, PipeWire or ALSA devices; SDL_AUDIODRIVER=dummy or
 // disk run without sound hardware.
 std::unique_ptr<AudioOutput> makeSdlAudioOutput();
@@ -39,8 +64,10 @@ public:
     bool open(int sampleRate, int channels, int bufferFrames, Pull pull) override;
     void setRunning(bool running) override;
     void close() override;
-    int latencyFrames() const override { return 0; }
+    int latencyFrames() const override { return latency_.load(); }
     int bufferFrames() const override { return buffer_; }
+    // What latencyFrames() reports: a device that holds that much.
+    void setLatencyFrames(int frames) { latency_ = frames; }
     std::string reason() const override { return ""; }
 
     // Runs one device callback of `bufferFrames` frames into `out` (which
@@ -53,6 +80,7 @@ private:
     Pull pull_;
     bool running_ = false;
     int channels_ = 0, buffer_ = 0;
+    std::atomic<int> latency_{0};
 };
 
 } // namespace media

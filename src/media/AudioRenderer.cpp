@@ -34,7 +34,7 @@ AudioDecoder::AudioDecoder(std::shared_ptr<const FileMedia> media)
     double samplesPerTick = av_q2d(media_->timeBase) * sampleRate_;
     coarse_ = samplesPerTick > 1.0 + 1e-9;
     if (coarse_) {
-        coarseError_ = static_cast<std::int64_t>(std::ceil(samplesPerTick / 2)) + 1;
+        coarseError_ = static_cast<std::int64_t>(std::ceil(samplesPerTick)) + 1; // rounded or cut
         learnGrid();
     }
 }
@@ -45,10 +45,9 @@ void AudioDecoder::learnGrid()
     // a read from the beginning places them. The window they fill is kept.
     std::int64_t starts[3] = {0, 0, 0}, sizes[3] = {0, 0, 0};
     for (int i = 0; i < 3; ++i) {
-        std::int64_t before = haveStart_ ? windowEnd() : 0;
         int framesBefore = framesInWindow_;
         if (!decodeMore() || haveHeld_ || framesInWindow_ != framesBefore + 1) return;
-        sizes[i] = windowEnd() - (i == 0 ? windowStart_ : before);
+        sizes[i] = lastFrameSamples_;
         starts[i] = windowEnd() - sizes[i];
     }
     if (sizes[1] <= 0 || sizes[1] != sizes[2]) return; // frames of varying size: no grid
@@ -87,14 +86,15 @@ void AudioDecoder::append(AVFrame const* frame, std::int64_t position)
     if (n <= 0) return;
     std::int64_t end = windowEnd();
     std::size_t skip = 0;
+    if (gridFrame_ > 0 && n == gridFrame_ && position != AV_NOPTS_VALUE && (!haveStart_ || framesInWindow_ == 1)) {
+        // A coarse time stamp placing the window after a seek: the frame
+        // starts on the grid of frames that reading from the start gives.
+        std::int64_t k = position - gridOrigin_;
+        std::int64_t frames = (k >= 0 ? k + n / 2 : k - n / 2) / n;
+        std::int64_t snapped = gridOrigin_ + frames * n;
+        if (std::llabs(snapped - position) <= coarseError_) position = snapped;
+    }
     if (!haveStart_) {
-        if (gridFrame_ > 0 && n == gridFrame_ && position != AV_NOPTS_VALUE) {
-            // A coarse time stamp after a seek: the frame starts on the grid.
-            std::int64_t k = position - gridOrigin_;
-            std::int64_t frames = (k >= 0 ? k + n / 2 : k - n / 2) / n;
-            std::int64_t snapped = gridOrigin_ + frames * n;
-            if (std::llabs(snapped - position) <= coarseError_) position = snapped;
-        }
         windowStart_ = position;
         haveStart_ = true;
         framesInWindow_ = 0;
@@ -126,6 +126,7 @@ void AudioDecoder::append(AVFrame const* frame, std::int64_t position)
         }
     }
     ++framesInWindow_;
+    lastFrameSamples_ = n;
     std::size_t old = window_[0].size();
     bool direct = frame->format == AV_SAMPLE_FMT_FLTP && frame->sample_rate == sampleRate_
                && av_channel_layout_compare(&frame->ch_layout, &layout_) == 0;

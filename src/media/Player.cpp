@@ -210,8 +210,11 @@ Player::Position Player::positionLocked() const
 
 bool Player::finishedLocked() const
 {
+    if (!playing_) return false;
+    // On the device the play range ran out (the feeder stops the device soon).
+    if (audioMasterLocked()) return endedGen_.load(std::memory_order_acquire) == generation_ + 1;
     // On the system clock a movie that does not loop stops at its end.
-    if (!playing_ || audioMasterLocked() || range_.loops) return false;
+    if (range_.loops) return false;
     Position p = positionLocked();
     return rate_ > 0 ? p.ticks >= range_.end : p.ticks <= range_.start;
 }
@@ -255,6 +258,7 @@ void Player::play()
 {
     std::unique_lock<std::mutex> g(lock_);
     if (playing_) return;
+    followSoundLengthLocked();
     if (paused_.ticks < range_.start || paused_.ticks >= range_.end) paused_.ticks = range_.start;
     base_ = paused_;
     anchor_ = paused_;
@@ -305,8 +309,18 @@ void Player::setRate(double rate)
     play();
 }
 
+void Player::followSoundLengthLocked()
+{
+    if (!sound_) return;
+    std::int64_t d = std::max(others_, sound_->editList()->duration());
+    if (d == duration_) return;
+    duration_ = d;
+    if (range_.whole) range_.end = d;
+}
+
 void Player::seekLocked(std::int64_t ticks)
 {
+    followSoundLengthLocked();
     ticks = std::clamp<std::int64_t>(ticks, 0, duration_);
     Position now = positionLocked();
     paused_ = {ticks, now.lap};
@@ -525,12 +539,14 @@ void Player::pullAudio(float* out, int frames) noexcept
 
     // After a change the feeder queues a new rendering behind the old one:
     // once its first block is there, the old one is dropped.
+    // It takes over as soon as it covers this whole buffer; until then the
+    // old one plays on, so a change never makes the device run short.
     std::size_t n = ring_->readable();
     if (n > 1) {
-        std::uint64_t newest = ring_->peek(n - 1).epoch;
-        if (ring_->peek(0).epoch != newest) {
+        SoundRing::Block const& last = ring_->peek(n - 1);
+        if (ring_->peek(0).epoch != last.epoch && (last.end || last.path + last.frames >= path + frames)) {
             std::size_t i = 0;
-            while (i < n && ring_->peek(i).epoch != newest) ++i;
+            while (i < n && ring_->peek(i).epoch != last.epoch) ++i;
             ring_->release(i);
         }
     }

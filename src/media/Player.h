@@ -199,6 +199,8 @@ private:
     Range rangeFromMovie() const;
     std::int64_t toTicks(QTTime const& t) const;
     void seekLocked(std::int64_t ticks);
+    // The length follows the sound track's current edit list.
+    void followSoundLengthLocked();
     std::int64_t othersDuration() const;
 
     std::shared_ptr<dm::Movie> movie_;

@@ -7,6 +7,8 @@
 #include "MediaTestSupport.h"
 #include "MovieDoc.h"
 #include "MovieView.h"
+#include "DMAppDelegate.h"
+#include "PreferencesWindow.h"
 #include "SyncPointWindow.h"
 #include "SyncSession.h"
 #include "kit/Alert.h"
@@ -17,6 +19,7 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QMenuBar>
+#include <QSpinBox>
 #include <QTest>
 #include <QThread>
 #include <QTimer>
@@ -880,3 +883,28 @@ TEST_F(RealUse, TheWaveformStripShowsTheClickWhereItIsHeard)
 }
 
 } // namespace
+
+// The sound output delay set in Preferences reaches the open movies at once,
+// and movies opened later start with it.
+TEST_F(RealUse, OutputDelayPreferenceReachesOpenMovies)
+{
+    auto* delegate = DMApplication::instance()->delegate();
+    ASSERT_TRUE(delegate);
+    MovieDoc* doc = open(movie12());
+    ASSERT_TRUE(doc && doc->player());
+    if (!doc->player()->hasAudioDevice()) GTEST_SKIP() << "no sound device: " << doc->player()->audioStatus();
+    int before = doc->player()->outputLatencyFrames();
+    delegate->showPreferences();
+    auto* prefs = static_cast<PreferencesWindow*>(delegate->preferencesWindow());
+    auto* box = prefs->findChild<QSpinBox*>("soundOutputDelay");
+    ASSERT_TRUE(box);
+    box->setValue(150);
+    EXPECT_DOUBLE_EQ(kit::UserDefaults<float>("soundOutputDelay"), 150.0);
+    EXPECT_EQ(doc->player()->outputLatencyFrames() - before, 150 * doc->player()->sampleRate() / 1000);
+    MovieDoc* second = open(cachedMovie("realuse-second-4s.mov", smallSpec(4, 0.0, 1.0)));
+    ASSERT_TRUE(second && second->player());
+    EXPECT_GE(second->player()->outputLatencyFrames(), 150 * second->player()->sampleRate() / 1000);
+    box->setValue(0);
+    EXPECT_EQ(doc->player()->outputLatencyFrames(), before);
+    prefs->close();
+}

@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
+
 using namespace testsupport;
 
 namespace {
@@ -169,6 +172,83 @@ TEST(SyncSession, SettingsAreReadAtEveryStep)
     EXPECT_TRUE(f.session->loopMiddle() == f.session->offsets()->points()[0].movieTime);
     f.session->selectionChanged({});
     EXPECT_FALSE(f.om.movie->loops());
+}
+
+// A viewer who nudges the sound until the click they hear comes with the
+// flash they see. They listen through a device that holds `held` frames
+// before the speaker and says it holds `reported`; `userDelayMs` is the
+// output delay they set. Returns the point they accept.
+Offset acceptByEye(int held, int reported, double userDelayMs = 0)
+{
+    auto spec = smallSpec(12, 0.2, 1.0); // every click 200 ms after its flash
+    spec.flashInterval = 1.0;
+    media::OpenedMovie om = media::openMovie(cachedMovie("session-late-12s.mov", spec));
+    auto out = std::make_unique<media::ManualAudioOutput>();
+    media::ManualAudioOutput* device = out.get();
+    device->setLatencyFrames(reported);
+    media::PlayerOptions o;
+    o.output = std::move(out);
+    o.video = false;
+    o.outputDelayMs = userDelayMs;
+    media::Player player(om.movie, std::move(o));
+    SyncSession::Settings settings;
+    auto made = SyncSession::make(om.movie.get(), &player, [&] { return settings; }, {});
+    auto session = std::move(std::get<std::unique_ptr<SyncSession>>(made));
+    player.setCurrentTime(at(6));
+    session->startSync(); // loops 2 s .. 6 s
+
+    std::vector<float> line(static_cast<std::size_t>(held) + 1, 0.0f); // what the device holds
+    std::size_t lineAt = 0;
+    std::int64_t heardIndex = 0, lastClick = -kRate;
+    std::vector<float> buf;
+    for (int round = 0; round < 12; ++round) {
+        // Watch one lap: where the picture stands when each click is heard.
+        std::vector<double> offsets;
+        for (int i = 0; i < 4 * kRate / 1024 + 1; ++i) {
+            EXPECT_TRUE(player.waitForSound());
+            device->pullBuffer(buf);
+            std::vector<std::int64_t> heardClicks;
+            for (std::size_t k = 0; k < buf.size(); k += 2) {
+                line[lineAt] = buf[k];
+                lineAt = (lineAt + 1) % line.size();
+                float speaker = line[lineAt]; // what comes out now, `held` frames later
+                if (std::fabs(speaker) > 0.4f && heardIndex - lastClick > kRate / 2) heardClicks.push_back(lastClick = heardIndex);
+                ++heardIndex;
+            }
+            double shown = player.currentTime().seconds(); // the picture on screen now
+            for (std::int64_t h : heardClicks) {
+                double pictureAtClick = shown - static_cast<double>(heardIndex - h) / kRate;
+                if (pictureAtClick < 2.05) continue; // the loop wrapped in between
+                offsets.push_back(pictureAtClick - std::round(pictureAtClick));
+            }
+        }
+        if (offsets.empty()) break;
+        std::sort(offsets.begin(), offsets.end());
+        double ms = std::round(offsets[offsets.size() / 2] * 1000);
+        if (ms == 0) break;
+        session->scrollWheel(ms); // one millisecond a notch: the click moves that much earlier
+    }
+    session->acceptSync();
+    return session->GetOffset(0);
+}
+
+// What the user accepts is the sound heard with the picture seen: through a
+// device that holds 150 ms the point is the one accepted through a device
+// that holds nothing, as long as the player knows the delay, from the device
+// or from the user's setting.
+TEST(SyncSession, OutputLatencyLeavesNoBiasInTheAcceptedPoint)
+{
+    constexpr int k150ms = kRate * 150 / 1000;
+    Offset direct = acceptByEye(0, 0);
+    EXPECT_NEAR(direct.offset().seconds(), -0.2, 0.002) << "the viewer should find the 200 ms";
+    Offset reported = acceptByEye(k150ms, k150ms);
+    EXPECT_TRUE(reported.movieTime == direct.movieTime);
+    EXPECT_EQ(reported.audioTime.timeWithScaleOf(kRate), direct.audioTime.timeWithScaleOf(kRate));
+    Offset set = acceptByEye(k150ms, 0, 150.0); // headphones the device cannot see: the user's setting
+    EXPECT_EQ(set.audioTime.timeWithScaleOf(kRate), direct.audioTime.timeWithScaleOf(kRate));
+    // Not knowing the delay puts it into the point: the viewer is fooled by 150 ms.
+    Offset unknown = acceptByEye(k150ms, 0);
+    EXPECT_NEAR(unknown.audioTime.seconds() - direct.audioTime.seconds(), 0.150, 0.002);
 }
 
 TEST(SyncSession, AMovieWithoutSoundIsRefused)

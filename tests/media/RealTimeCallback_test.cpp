@@ -1,0 +1,133 @@
+// The device callback is real-time safe: over a minute of looped playback
+// with a hundred nudges it allocates nothing, frees nothing and takes no
+// lock, and the device never runs short.
+#include "AudioOutput.h"
+#include "MediaTestSupport.h"
+#include "Player.h"
+#include "RealTimeHooks.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+using namespace media;
+using namespace testsupport;
+
+namespace {
+
+constexpr int kRate = 48000;
+
+// A device that pulls on its own thread at `speed` times real time; only the
+// pull itself runs marked.
+class PacedOutput : public AudioOutput {
+public:
+    explicit PacedOutput(double speed) : speed_(speed) {}
+    ~PacedOutput() override { close(); }
+    bool open(int, int channels, int bufferFrames, Pull pull) override
+    {
+        pull_ = std::move(pull);
+        channels_ = channels;
+        buffer_ = bufferFrames;
+        samples_.assign(static_cast<std::size_t>(channels) * static_cast<std::size_t>(bufferFrames), 0.0f);
+        thread_ = std::thread([this] { run(); });
+        return true;
+    }
+    void setRunning(bool running) override { running_ = running; }
+    void close() override
+    {
+        quit_ = true;
+        if (thread_.joinable()) thread_.join();
+    }
+    int latencyFrames() const override { return buffer_; }
+    int bufferFrames() const override { return buffer_; }
+    std::string reason() const override { return ""; }
+    long pulls() const { return pulls_; }
+
+private:
+    void run()
+    {
+        auto period = std::chrono::duration<double>(buffer_ / static_cast<double>(kRate) / speed_);
+        auto next = std::chrono::steady_clock::now();
+        while (!quit_) {
+            next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(period);
+            std::this_thread::sleep_until(next);
+            if (!running_) continue;
+            {
+                realtime::Marked marked;
+                pull_(samples_.data(), buffer_);
+            }
+            ++pulls_;
+        }
+    }
+    double speed_;
+    Pull pull_;
+    int channels_ = 0, buffer_ = 0;
+    std::vector<float> samples_;
+    std::thread thread_;
+    std::atomic<bool> quit_{false}, running_{false};
+    std::atomic<long> pulls_{0};
+};
+
+TEST(RealTimeCallback, NoAllocationNoLockNoUnderrun)
+{
+    // The counters see what a marked thread does (or this test could not fail).
+    realtime::Counts before = realtime::counts();
+    {
+        realtime::Marked marked;
+        auto* p = new std::vector<int>(100);
+        delete p;
+        std::mutex m;
+        std::lock_guard<std::mutex> g(m);
+    }
+    realtime::Counts control = realtime::counts();
+    ASSERT_GT(control.allocations, before.allocations);
+    ASSERT_GT(control.frees, before.frees);
+    ASSERT_GT(control.locks, before.locks);
+
+    auto spec = smallSpec(20, 0.0, 1.0);
+    spec.flashInterval = 1.0; // a click every second, AAC: the feeder decodes
+    OpenedMovie om = openMovie(cachedMovie("realtime-20s.mov", spec));
+    constexpr double kSpeed = 4;
+    auto out = std::make_unique<PacedOutput>(kSpeed);
+    PacedOutput* device = out.get();
+    PlayerOptions o;
+    o.output = std::move(out);
+    o.video = false;
+    Player p(om.movie, std::move(o));
+    dm::Track& sound = *p.soundTrack();
+    // A 4 s loop, as a sync point in progress plays it.
+    p.setSelection(QTTimeRange{QTTime{4LL * kRate, kRate, 0}, QTTime{4LL * kRate, kRate, 0}});
+    p.setPlaysSelectionOnly(true);
+    p.setLoops(true);
+    p.setCurrentTime(myQTTime(4LL * kRate, kRate));
+    dm::MovieEditState saved = dm::NewMovieEditState(*om.movie);
+    realtime::Counts start = realtime::counts();
+    p.play();
+    // A minute of device time; a nudge every 0.6 s of it, as a user does.
+    constexpr int kNudges = 100;
+    auto wall = std::chrono::duration<double>(60.0 / kSpeed / kNudges);
+    for (int i = 0; i < kNudges; ++i) {
+        std::this_thread::sleep_for(wall);
+        dm::UseMovieEditState(*om.movie, saved);
+        std::int64_t shift = (i % 7 + 1) * kRate / 100;
+        sound.insertEmptySegmentAt(QTTimeRange{QTTime{0, kRate, 0}, QTTime{shift, kRate, 0}});
+    }
+    std::this_thread::sleep_for(wall); // the last nudge is heard too
+    p.pause();
+    realtime::Counts end = realtime::counts();
+    PlaybackStats stats = p.stats();
+    long pulls = device->pulls();
+    std::printf("[ realtime ] %ld callbacks, %llu re-renders, %llu underruns\n", pulls,
+                static_cast<unsigned long long>(stats.rerenders), static_cast<unsigned long long>(stats.underruns));
+    EXPECT_EQ(end.allocations - start.allocations, 0) << "allocations in the device callback";
+    EXPECT_EQ(end.frees - start.frees, 0) << "frees in the device callback";
+    EXPECT_EQ(end.locks - start.locks, 0) << "locks taken in the device callback";
+    EXPECT_EQ(stats.underruns, 0u);
+    EXPECT_GE(pulls, static_cast<long>(60.0 * kRate / 1024 * 0.9));
+    EXPECT_GE(stats.rerenders, static_cast<std::uint64_t>(kNudges));
+}
+
+} // namespace
