@@ -7,6 +7,9 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <thread>
 #include <cmath>
 #include <cstdio>
 #include <cerrno>
@@ -99,6 +102,17 @@ void SourceFile::savedOver(FileIdentity const& version)
 
 namespace {
 
+std::atomic<double> gReadLimit{0}; // bytes per second; 0: no limit
+
+// Sleeps so that reads through this reader keep under the limit: a
+// movie on a slow network share, for benchmarks.
+void throttle(std::size_t bytes)
+{
+    double limit = gReadLimit.load(std::memory_order_relaxed);
+    if (limit <= 0) return;
+    std::this_thread::sleep_for(std::chrono::duration<double>(static_cast<double>(bytes) / limit));
+}
+
 struct Reader {
     int fd;
     std::int64_t size;
@@ -115,6 +129,7 @@ int readPacket(void* opaque, std::uint8_t* buf, int size)
     } while (n < 0 && errno == EINTR);
     if (n < 0) return AVERROR(errno);
     if (n == 0) return AVERROR_EOF;
+    throttle(static_cast<std::size_t>(n));
     r->pos += n;
     return static_cast<int>(n);
 }
@@ -133,6 +148,8 @@ std::int64_t seekPacket(void* opaque, std::int64_t offset, int whence)
 }
 
 } // namespace
+
+void setReadLimit(double bytesPerSecond) { gReadLimit = bytesPerSecond; }
 
 SourceFile::Input SourceFile::openInput(bool findStreamInfo, AVDictionary** options) const
 {

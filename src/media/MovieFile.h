@@ -12,6 +12,11 @@
 
 namespace media {
 
+// Limits how fast movie files are read, in bytes per second (0: no limit),
+// for every file opened from now on and those open: benchmarks use it to
+// play a movie as from a slow network share.
+void setReadLimit(double bytesPerSecond);
+
 // An open source file. Readers go through the open descriptor, so the
 // material stays readable when the path is later replaced (a save in place
 // renames a new file over it).

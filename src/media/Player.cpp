@@ -164,6 +164,8 @@ PlaybackStats Player::stats() const
     s.underrunFrames = underrunFrames_.load();
     s.rerenders = rerenders_.load();
     s.decodeErrors = renderer_ ? renderer_->decodeErrors() : 0;
+    s.delivered = delivered_.load();
+    s.lastSwitch = lastSwitch_.load();
     return s;
 }
 
@@ -548,6 +550,7 @@ void Player::pullAudio(float* out, int frames) noexcept
             std::size_t i = 0;
             while (i < n && ring_->peek(i).epoch != last.epoch) ++i;
             ring_->release(i);
+            lastSwitch_.store(delivered, std::memory_order_relaxed);
         }
     }
 

@@ -74,6 +74,8 @@ struct PlaybackStats {
     std::uint64_t underrunFrames = 0;
     std::uint64_t rerenders = 0;     // times the feeder rendered again after a change
     std::uint64_t decodeErrors = 0;  // damaged sound frames skipped
+    std::int64_t delivered = 0;      // frames handed to the device so far
+    std::int64_t lastSwitch = -1;    // device frame where the newest rendering took over
 };
 
 class Player {
@@ -226,6 +228,7 @@ private:
     std::atomic<std::int64_t> endedAt_{0};
     std::atomic<std::uint64_t> endedLap_{0};
     std::atomic<std::uint64_t> callbacks_{0}, underruns_{0}, underrunFrames_{0}, rerenders_{0};
+    std::atomic<std::int64_t> lastSwitch_{-1};
     std::atomic<bool> soundFaulted_{false};
     std::atomic<std::int64_t> ahead_{0};     // the feeder's write position on the path; -1: the end is queued
 
