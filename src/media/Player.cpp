@@ -279,7 +279,6 @@ void Player::play()
     fed_.wait_for(g, std::chrono::milliseconds(500), [this] { return quit_ || !playing_ || (fedGen_ == generation_ && fedFull_); });
     if (!playing_ || quit_) return;
     active_ = true;
-    g.unlock();
     output_->setRunning(true);
 }
 
@@ -291,8 +290,8 @@ void Player::pause()
     playing_ = false;
     active_ = false;
     ++generation_; // what the feeder rendered ahead is not wanted any more
-    g.unlock();
     if (output_ && deviceOpen_) output_->setRunning(false);
+    g.unlock();
     changed_.notify_all();
 }
 
@@ -636,7 +635,7 @@ void Player::feederLoop() noexcept
     fed_.notify_all();
 }
 
-Player::Cursor Player::cursorAt(std::int64_t path)
+Player::Cursor Player::cursorAt(std::int64_t path, Range const& range)
 {
     for (std::size_t i = 0; i < historyCount_; ++i) {
         Rendered const& r = history_[(historyFirst_ + i) % history_.size()];
@@ -648,7 +647,23 @@ Player::Cursor Player::cursorAt(std::int64_t path)
             return c;
         }
     }
-    return cursor_; // nothing queued there: the feeder's own position
+    // Not rendered yet (the device played an older rendering further than
+    // the feeder got with this one): follow the path on from the feeder's
+    // own position.
+    Cursor c = cursor_;
+    std::int64_t k = std::max<std::int64_t>(0, path - writePath_);
+    while (k > 0 && range.end > range.start) {
+        std::int64_t step = std::min(k, std::max<std::int64_t>(0, range.end - c.timeline));
+        c.timeline += step;
+        k -= step;
+        if (k > 0 || c.timeline >= range.end) {
+            if (!range.loops) break;
+            c.timeline = range.start;
+            ++c.lap;
+        }
+    }
+    c.fade = 0;
+    return c;
 }
 
 bool Player::renderBlock(dm::EditList const& list, Range const& r)
@@ -781,7 +796,7 @@ void Player::feederBody()
             feederRangeGen_ = rangeGen;
             ++epoch_;
             rerenders_.fetch_add(1, std::memory_order_relaxed);
-            Cursor at = cursorAt(played);
+            Cursor at = cursorAt(played, r);
             if (at.fade > 0) renderer_->render(*list, at.tailFrom, kCrossfade, tailPtrs_.data(), 0);
             cursor_ = at;
             writePath_ = played;
@@ -793,7 +808,7 @@ void Player::feederBody()
 
         // Fill up to the lead; a change seen meanwhile starts a new round.
         bool full = false;
-        while (!quit_) {
+        for (;;) {
             played = path_.load(std::memory_order_acquire);
             if (endQueued_ || writePath_ - played >= lead_) {
                 full = true;
@@ -812,10 +827,10 @@ void Player::feederBody()
             paused_ = {endedAt_.load(), endedLap_.load()};
             playing_ = false;
             active_ = false;
-            g.unlock();
+            // Under the lock, so that a play() cannot slip in between: the
+            // callback never takes it, so this cannot deadlock.
             output_->setRunning(false);
             changed_.notify_all();
-            g.lock();
         }
         fedGen_ = feederGen_;
         fedRangeGen_ = feederRangeGen_;

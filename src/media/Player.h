@@ -189,7 +189,7 @@ private:
     void feederLoop() noexcept;
     void feederBody();
     bool renderBlock(dm::EditList const& list, Range const& r);
-    Cursor cursorAt(std::int64_t path);
+    Cursor cursorAt(std::int64_t path, Range const& range);
     void videoLoop() noexcept;
     void videoLoopBody();
     void idleLoop();
