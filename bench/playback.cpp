@@ -39,63 +39,19 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// A device that pulls one buffer every period, in real time, and times each
-// callback.
-class TimedOutput : public AudioOutput {
-public:
-    explicit TimedOutput(std::size_t maxCallbacks) { micros_.reserve(maxCallbacks); }
-    ~TimedOutput() override { close(); }
-    bool open(int rate, int channels, int bufferFrames, Pull pull) override
-    {
-        pull_ = std::move(pull);
-        rate_ = rate;
-        buffer_ = bufferFrames;
-        samples_.assign(static_cast<std::size_t>(channels) * static_cast<std::size_t>(bufferFrames), 0.0f);
-        thread_ = std::thread([this] { run(); });
-        return true;
-    }
-    void setRunning(bool running) override { running_ = running; }
-    void close() override
-    {
-        quit_ = true;
-        if (thread_.joinable()) thread_.join();
-    }
-    int latencyFrames() const override { return buffer_; }
-    int bufferFrames() const override { return buffer_; }
-    std::string reason() const override { return ""; }
-    // Callback durations in microseconds; read after close().
-    std::vector<double> const& micros() const { return micros_; }
-    double periodMicros() const { return 1e6 * buffer_ / rate_; }
-
-private:
-    void run()
-    {
-        auto period = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(buffer_ / static_cast<double>(rate_)));
-        auto next = Clock::now();
-        while (!quit_) {
-            next += period;
-            std::this_thread::sleep_until(next);
-            if (!running_) continue;
-            auto t0 = Clock::now();
-            pull_(samples_.data(), buffer_);
-            double us = std::chrono::duration<double, std::micro>(Clock::now() - t0).count();
-            if (micros_.size() < micros_.capacity()) micros_.push_back(us);
-        }
-    }
-    Pull pull_;
-    int rate_ = 48000, buffer_ = 1024;
-    std::vector<float> samples_;
-    std::vector<double> micros_;
-    std::thread thread_;
-    std::atomic<bool> quit_{false}, running_{false};
-};
-
 void soak(std::string const& path, double seconds, double readLimitMBps)
 {
     setReadLimit(readLimitMBps * 1e6);
     OpenedMovie om = openMovie(path);
-    auto out = std::make_unique<TimedOutput>(static_cast<std::size_t>(seconds * 48000 / 1024) + 1000);
-    TimedOutput* device = out.get();
+    // A device that pulls in real time; each callback timed.
+    std::vector<double> us;
+    us.reserve(static_cast<std::size_t>(seconds * 48000 / 1024) + 1000);
+    auto out = std::make_unique<PacedAudioOutput>(1.0, [&us](float* samples, int frames, AudioOutput::Pull const& pull) {
+        auto t0 = Clock::now();
+        pull(samples, frames);
+        if (us.size() < us.capacity()) us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - t0).count());
+    });
+    PacedAudioOutput* device = out.get();
     PlayerOptions o;
     o.output = std::move(out);
     o.video = false;
@@ -131,13 +87,12 @@ void soak(std::string const& path, double seconds, double readLimitMBps)
     }
     p.pause();
     PlaybackStats s = p.stats();
+    double period = device->periodSeconds() * 1e6;
     device->close();
     setReadLimit(0);
-    std::vector<double> us = device->micros();
     std::sort(us.begin(), us.end());
     double worst = us.empty() ? 0 : us.back();
     double p999 = us.empty() ? 0 : us[std::min(us.size() - 1, us.size() * 999 / 1000)];
-    double period = device->periodMicros();
     std::printf("sound path, %.0f s of a looped 4 s selection, %d nudges, movie read at %.0f MB/s:\n", seconds, nudges, readLimitMBps);
     std::printf("  %zu callbacks of %.0f us each: worst %.1f us (%.4f of the period), 99.9th percentile %.1f us (%.5f)\n",
                 us.size(), period, worst, worst / period, p999, p999 / period);

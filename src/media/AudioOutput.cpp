@@ -127,6 +127,43 @@ private:
 
 std::unique_ptr<AudioOutput> makeSdlAudioOutput() { return std::make_unique<SdlAudioOutput>(); }
 
+PacedAudioOutput::PacedAudioOutput(double speed, Around around) : speed_(speed > 0 ? speed : 1.0), around_(std::move(around)) {}
+
+PacedAudioOutput::~PacedAudioOutput() { close(); }
+
+bool PacedAudioOutput::open(int sampleRate, int channels, int bufferFrames, Pull pull)
+{
+    close();
+    quit_ = false;
+    pull_ = std::move(pull);
+    rate_ = sampleRate;
+    buffer_ = bufferFrames;
+    samples_.assign(static_cast<std::size_t>(channels) * static_cast<std::size_t>(bufferFrames), 0.0f);
+    thread_ = std::thread([this] { run(); });
+    return true;
+}
+
+void PacedAudioOutput::close()
+{
+    quit_ = true;
+    if (thread_.joinable()) thread_.join();
+}
+
+void PacedAudioOutput::run()
+{
+    using Clock = std::chrono::steady_clock;
+    auto period = std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(periodSeconds() / speed_));
+    auto next = Clock::now();
+    while (!quit_) {
+        next += period;
+        std::this_thread::sleep_until(next);
+        if (!running_) continue;
+        if (around_) around_(samples_.data(), buffer_, pull_);
+        else pull_(samples_.data(), buffer_);
+        ++pulls_;
+    }
+}
+
 bool ManualAudioOutput::open(int, int channels, int bufferFrames, Pull pull)
 {
     std::lock_guard<std::mutex> g(lock_);

@@ -9,6 +9,8 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace media {
 
@@ -56,6 +58,36 @@ private:
 // SDL2 audio: PulseAudio, PipeWire or ALSA devices; SDL_AUDIODRIVER=dummy or
 // disk run without sound hardware.
 std::unique_ptr<AudioOutput> makeSdlAudioOutput();
+
+// An output that pulls on a thread of its own, one buffer every buffer
+// period divided by `speed` (1: real time), and discards the sound: a device
+// for tests and benchmarks. `around`, when given, runs each pull (to time
+// it, or to watch what it does).
+class PacedAudioOutput : public AudioOutput {
+public:
+    using Around = std::function<void(float* interleaved, int frames, Pull const& pull)>;
+    explicit PacedAudioOutput(double speed = 1.0, Around around = {});
+    ~PacedAudioOutput() override;
+    bool open(int sampleRate, int channels, int bufferFrames, Pull pull) override;
+    void setRunning(bool running) override { running_ = running; }
+    void close() override;
+    int latencyFrames() const override { return buffer_; }
+    int bufferFrames() const override { return buffer_; }
+    std::string reason() const override { return ""; }
+    long pulls() const { return pulls_; }
+    double periodSeconds() const { return static_cast<double>(buffer_) / rate_; }
+
+private:
+    void run();
+    double speed_;
+    Around around_;
+    Pull pull_;
+    int rate_ = 48000, buffer_ = 1024;
+    std::vector<float> samples_;
+    std::thread thread_;
+    std::atomic<bool> quit_{false}, running_{false};
+    std::atomic<long> pulls_{0};
+};
 
 // An output that plays only when told: pull(n) asks the player for the next
 // n frames, as the device thread would. For tests.

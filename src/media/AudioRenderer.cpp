@@ -274,7 +274,7 @@ void AudioDecoder::read(std::int64_t first, int count, float* const* out, std::s
             break;
         }
     }
-    trimFront(std::min(a, windowEnd()) - sampleRate_);
+    trimFront(std::min(a, windowEnd()) - (keepBehind_ > 0 ? keepBehind_ : sampleRate_));
 }
 
 struct AudioRenderer::Scaled {

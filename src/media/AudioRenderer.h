@@ -42,6 +42,8 @@ public:
     // Copies `count` samples starting at media sample `first` into
     // out[c][offset ...]; positions outside the media read as silence.
     void read(std::int64_t first, int count, float* const* out, std::size_t offset = 0);
+    // How many samples before the last read stay decoded (1 s unless set).
+    void setKeepBehind(std::int64_t samples) { keepBehind_ = samples; }
     // Damaged packets and frames met and skipped so far. Safe from any thread.
     std::uint64_t errors() const { return errors_.load(std::memory_order_relaxed); }
 
@@ -83,6 +85,7 @@ private:
     // milliseconds) with frames of one size: after a seek the first frame is
     // placed on the grid of frame starts that reading from the beginning
     // gives, not on its rounded time stamp.
+    std::int64_t keepBehind_ = 0; // 0: one second
     bool coarse_ = false;
     int gridFrame_ = 0;           // samples per frame; 0: no grid
     std::int64_t gridOrigin_ = 0; // a frame start of the grid
@@ -107,6 +110,9 @@ public:
     void render(dm::EditList const& list, std::int64_t start, int count, float* const* out, std::size_t offset = 0);
     void render(dm::EditList const& list, std::int64_t start, PcmBuffer& out);
     std::uint64_t decodeErrors() const { return decoder_.errors(); }
+    // Decoded sound kept behind the read position: a loop up to this long
+    // wraps without decoding again.
+    void setKeepBehind(std::int64_t samples) { decoder_.setKeepBehind(samples); }
 
 private:
     struct Scaled;

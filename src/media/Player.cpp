@@ -45,6 +45,9 @@ Player::Player(std::shared_ptr<dm::Movie> movie, PlayerOptions options) : movie_
         auto media = std::static_pointer_cast<const FileMedia>(sound_->media());
         scale_ = sound_->timeScale();
         renderer_ = std::make_unique<AudioRenderer>(media);
+        // Decoded sound is kept this far back, so that a loop of that length
+        // wraps without reading the file again.
+        renderer_->setKeepBehind(12 * scale_);
         channels_ = renderer_->channels();
     }
     if (video_) {
@@ -72,7 +75,7 @@ Player::Player(std::shared_ptr<dm::Movie> movie, PlayerOptions options) : movie_
             deviceBuffer_ = std::max(buffer, output_->bufferFrames());
             // Enough rendered ahead to ride out a slow read at a loop wrap,
             // and room for a second rendering beside it after an edit.
-            lead_ = std::max(8192, 4 * deviceBuffer_);
+            lead_ = std::max(16384, 8 * deviceBuffer_);
             int blocks = 3 * lead_ / kBlock + 8;
             ring_ = std::make_unique<SoundRing>(channels_, kBlock, blocks);
             history_.resize(static_cast<std::size_t>(blocks) + 8);
@@ -540,12 +543,13 @@ void Player::pullAudio(float* out, int frames) noexcept
 
     // After a change the feeder queues a new rendering behind the old one:
     // once its first block is there, the old one is dropped.
-    // It takes over as soon as it covers this whole buffer; until then the
-    // old one plays on, so a change never makes the device run short.
+    // It takes over once it covers this buffer and two more; until then the
+    // old one plays on, so a change never leaves the device short (the new
+    // rendering may meet a slow read right after).
     std::size_t n = ring_->readable();
     if (n > 1) {
         SoundRing::Block const& last = ring_->peek(n - 1);
-        if (ring_->peek(0).epoch != last.epoch && (last.end || last.path + last.frames >= path + frames)) {
+        if (ring_->peek(0).epoch != last.epoch && (last.end || last.path + last.frames >= path + 3 * static_cast<std::int64_t>(frames))) {
             std::size_t i = 0;
             while (i < n && ring_->peek(i).epoch != last.epoch) ++i;
             ring_->release(i);

@@ -20,57 +20,6 @@ namespace {
 
 constexpr int kRate = 48000;
 
-// A device that pulls on its own thread at `speed` times real time; only the
-// pull itself runs marked.
-class PacedOutput : public AudioOutput {
-public:
-    explicit PacedOutput(double speed) : speed_(speed) {}
-    ~PacedOutput() override { close(); }
-    bool open(int, int channels, int bufferFrames, Pull pull) override
-    {
-        pull_ = std::move(pull);
-        channels_ = channels;
-        buffer_ = bufferFrames;
-        samples_.assign(static_cast<std::size_t>(channels) * static_cast<std::size_t>(bufferFrames), 0.0f);
-        thread_ = std::thread([this] { run(); });
-        return true;
-    }
-    void setRunning(bool running) override { running_ = running; }
-    void close() override
-    {
-        quit_ = true;
-        if (thread_.joinable()) thread_.join();
-    }
-    int latencyFrames() const override { return buffer_; }
-    int bufferFrames() const override { return buffer_; }
-    std::string reason() const override { return ""; }
-    long pulls() const { return pulls_; }
-
-private:
-    void run()
-    {
-        auto period = std::chrono::duration<double>(buffer_ / static_cast<double>(kRate) / speed_);
-        auto next = std::chrono::steady_clock::now();
-        while (!quit_) {
-            next += std::chrono::duration_cast<std::chrono::steady_clock::duration>(period);
-            std::this_thread::sleep_until(next);
-            if (!running_) continue;
-            {
-                realtime::Marked marked;
-                pull_(samples_.data(), buffer_);
-            }
-            ++pulls_;
-        }
-    }
-    double speed_;
-    Pull pull_;
-    int channels_ = 0, buffer_ = 0;
-    std::vector<float> samples_;
-    std::thread thread_;
-    std::atomic<bool> quit_{false}, running_{false};
-    std::atomic<long> pulls_{0};
-};
-
 TEST(RealTimeCallback, NoAllocationNoLockNoUnderrun)
 {
     // The counters see what a marked thread does (or this test could not fail).
@@ -91,8 +40,12 @@ TEST(RealTimeCallback, NoAllocationNoLockNoUnderrun)
     spec.flashInterval = 1.0; // a click every second, AAC: the feeder decodes
     OpenedMovie om = openMovie(cachedMovie("realtime-20s.mov", spec));
     constexpr double kSpeed = 3;
-    auto out = std::make_unique<PacedOutput>(kSpeed);
-    PacedOutput* device = out.get();
+    // Only the pull itself runs marked.
+    auto out = std::make_unique<PacedAudioOutput>(kSpeed, [](float* samples, int frames, AudioOutput::Pull const& pull) {
+        realtime::Marked marked;
+        pull(samples, frames);
+    });
+    PacedAudioOutput* device = out.get();
     PlayerOptions o;
     o.output = std::move(out);
     o.video = false;
