@@ -23,6 +23,10 @@ int CadenceMeter::estimate(int sampleRate, int floor) const
 {
     int n = count_.load(std::memory_order_acquire);
     if (n < 24) return floor;
+    if (n == kCallbacks) {
+        int known = cached_.load(std::memory_order_relaxed);
+        if (known >= 0) return known;
+    }
     // Lead after each callback, the first quarter left out (start-up).
     std::vector<double> leads;
     std::int64_t t0 = times_[0].load(std::memory_order_relaxed);
@@ -32,7 +36,9 @@ int CadenceMeter::estimate(int sampleRate, int floor) const
     }
     std::nth_element(leads.begin(), leads.begin() + static_cast<std::ptrdiff_t>(leads.size() / 2), leads.end());
     double median = leads[leads.size() / 2];
-    return static_cast<int>(std::clamp(median, static_cast<double>(floor), static_cast<double>(floor + sampleRate / 2)));
+    int estimate = static_cast<int>(std::clamp(median, static_cast<double>(floor), static_cast<double>(floor + sampleRate / 2)));
+    if (n == kCallbacks) cached_.store(estimate, std::memory_order_relaxed);
+    return estimate;
 }
 
 namespace {

@@ -42,7 +42,11 @@ class CadenceMeter {
 public:
     static constexpr int kCallbacks = 96;
     // Before the device starts.
-    void reset() { count_.store(0, std::memory_order_release); }
+    void reset()
+    {
+        cached_.store(-1, std::memory_order_relaxed);
+        count_.store(0, std::memory_order_release);
+    }
     // In the callback: `frames` handed over at `nanos` (steady clock).
     void record(std::int64_t nanos, int frames) noexcept;
     // Frames held between the callback and the speaker, at least `floor`
@@ -51,6 +55,7 @@ public:
 
 private:
     std::atomic<int> count_{0};
+    mutable std::atomic<int> cached_{-1}; // the estimate once every callback is in
     std::atomic<std::int64_t> times_[kCallbacks] = {};
     std::atomic<std::int64_t> frames_[kCallbacks] = {}; // handed over up to and with that callback
 };
