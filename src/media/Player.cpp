@@ -546,14 +546,23 @@ void Player::pullAudio(float* out, int frames) noexcept
     // It takes over once it covers this buffer and two more; until then the
     // old one plays on, so a change never leaves the device short (the new
     // rendering may meet a slow read right after).
+    // With several renderings queued (changes in quick succession), the
+    // newest that is far enough along wins.
     std::size_t n = ring_->readable();
-    if (n > 1) {
-        SoundRing::Block const& last = ring_->peek(n - 1);
-        if (ring_->peek(0).epoch != last.epoch && (last.end || last.path + last.frames >= path + 3 * static_cast<std::int64_t>(frames))) {
-            std::size_t i = 0;
-            while (i < n && ring_->peek(i).epoch != last.epoch) ++i;
-            ring_->release(i);
-            lastSwitch_.store(delivered, std::memory_order_relaxed);
+    if (n > 1 && ring_->peek(0).epoch != ring_->peek(n - 1).epoch) {
+        std::int64_t want = path + 3 * static_cast<std::int64_t>(frames);
+        std::size_t end = n; // one past the last block of the rendering looked at
+        while (end > 0) {
+            SoundRing::Block const& last = ring_->peek(end - 1);
+            std::size_t first = end - 1;
+            while (first > 0 && ring_->peek(first - 1).epoch == last.epoch) --first;
+            if (first == 0) break; // the one playing now: nothing newer is ready
+            if (last.end || last.path + last.frames >= want) {
+                ring_->release(first);
+                lastSwitch_.store(delivered, std::memory_order_relaxed);
+                break;
+            }
+            end = first;
         }
     }
 
