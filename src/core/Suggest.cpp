@@ -77,7 +77,7 @@ SoundEnvelopes soundEnvelopes(float const* samples, std::size_t count, int sampl
             if (k >= lowBin && k < highBin) band += static_cast<double>(mag) * mag;
         }
         out.onset.values[h] = static_cast<float>(flux / static_cast<double>(bins));
-        out.speech.values[h] = static_cast<float>(std::log10(1e-9 + band / static_cast<double>(n)));
+        out.speech.values[h] = static_cast<float>(std::sqrt(2 * band) / static_cast<double>(n));
         std::swap(previous, current);
     }
     // Flux between frames h-1 and h, placed a quarter window into the newly

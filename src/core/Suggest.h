@@ -28,7 +28,7 @@ constexpr double kHopSeconds = 0.01;
 // starting at time 0. Onset strength is the spectral flux: the summed rise
 // of the log magnitude spectrum from one hop to the next, so a click, a
 // syllable or a change of sound shows as a peak where it begins. Speech
-// energy is the log energy of the 300-3400 Hz band.
+// energy is the loudness (RMS amplitude) of the 300-3400 Hz band.
 struct SoundEnvelopes {
     Envelope onset;
     Envelope speech;
