@@ -55,8 +55,19 @@ SoundEnvelopes soundEnvelopes(float const* samples, std::size_t count, int sampl
     std::size_t hops = (count + hop - 1) / hop;
     out.onset.values.assign(hops, 0.f);
     out.speech.values.assign(hops, 0.f);
+    // The flux is taken over bands a third of an octave wide (one bin at
+    // least) rather than over single bins: noise makes every bin flicker,
+    // while a band's energy holds still until the sound changes.
+    std::vector<std::size_t> edges = {1};
+    for (double f = 50; f < std::min(16000.0, sampleRate / 2.0); f *= 1.26) {
+        auto b = std::min(bins, static_cast<std::size_t>(f / binHz));
+        if (b > edges.back()) edges.push_back(b);
+    }
+    if (edges.back() < bins) edges.push_back(bins);
+    std::size_t bands = edges.size() - 1;
     std::vector<std::complex<float>> buf(n);
-    std::vector<float> previous(bins, 0.f), current(bins);
+    std::vector<float> previous(bands, 0.f), current(bands);
+    std::vector<float> levels(hops * bands); // band levels of every hop, for the changes
     // Frame h is centred on sample h x hop. Its flux is the rise from frame
     // h-1, which sees the sound up to half a window later than frame h-1's
     // centre: the rise belongs between the two frames' leading edges, so it
@@ -70,13 +81,18 @@ SoundEnvelopes soundEnvelopes(float const* samples, std::size_t count, int sampl
         }
         fft(buf);
         double flux = 0, band = 0;
-        for (std::size_t k = 0; k < bins; ++k) {
-            float mag = std::abs(buf[k]);
-            current[k] = std::log1p(100.f * mag);
-            if (h > 0) flux += std::max(0.f, current[k] - previous[k]);
-            if (k >= lowBin && k < highBin) band += static_cast<double>(mag) * mag;
+        for (std::size_t b = 0; b < bands; ++b) {
+            double power = 0;
+            for (std::size_t k = edges[b]; k < edges[b + 1]; ++k) {
+                double p = std::norm(buf[k]);
+                power += p;
+                if (k >= lowBin && k < highBin) band += p;
+            }
+            current[b] = static_cast<float>(std::log1p(100 * std::sqrt(power / static_cast<double>(edges[b + 1] - edges[b]))));
+            if (h > 0) flux += std::max(0.f, current[b] - previous[b]);
+            levels[h * bands + b] = current[b];
         }
-        out.onset.values[h] = static_cast<float>(flux / static_cast<double>(bins));
+        out.onset.values[h] = static_cast<float>(flux / static_cast<double>(bands));
         out.speech.values[h] = static_cast<float>(std::sqrt(2 * band) / static_cast<double>(n));
         std::swap(previous, current);
     }
@@ -85,6 +101,25 @@ SoundEnvelopes soundEnvelopes(float const* samples, std::size_t count, int sampl
     // frame h's centre at h x hop.
     out.onset.start = (static_cast<double>(n) / 4 - static_cast<double>(hop)) / sampleRate + 0.006;
     out.speech.start = 0;
+
+    // Changes: the 4 hops from h against the 4 before, per band. The two
+    // blocks meet half a hop before frame h's centre.
+    constexpr std::size_t kBlock = 4;
+    out.change.rate = out.onset.rate;
+    out.change.start = -0.5 * kHopSeconds;
+    out.change.values.assign(hops, 0.f);
+    for (std::size_t h = kBlock; h + kBlock <= hops; ++h) {
+        double total = 0;
+        for (std::size_t b = 0; b < bands; ++b) {
+            double before = 0, after = 0;
+            for (std::size_t k = 0; k < kBlock; ++k) {
+                before += levels[(h - 1 - k) * bands + b];
+                after += levels[(h + k) * bands + b];
+            }
+            total += std::fabs(after - before) / kBlock;
+        }
+        out.change.values[h] = static_cast<float>(total / static_cast<double>(bands));
+    }
     return out;
 }
 
@@ -103,17 +138,17 @@ void FrameChangeBuilder::place(double seconds, float value)
 void FrameChangeBuilder::add(double seconds, std::uint8_t const* pixels, int width, int height, int stride)
 {
     auto size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
-    if (previous_.size() == size) {
-        double rise = 0;
-        for (int y = 0; y < height; ++y) {
-            std::uint8_t const* row = pixels + static_cast<std::ptrdiff_t>(y) * stride;
-            std::uint8_t const* old = previous_.data() + static_cast<std::size_t>(y) * static_cast<std::size_t>(width);
-            for (int x = 0; x < width; ++x) rise += std::max(0, row[x] - old[x]);
-        }
-        place(seconds, static_cast<float>(rise / static_cast<double>(size)));
-    } else {
-        place(seconds, 0.f);
+    if (previous_.size() != size) {
+        previous_.clear();
+        beforePrevious_.clear();
     }
+    float change = 0.f;
+    if (!previous_.empty()) {
+        change = differenceEnergy(pixels, stride, previous_.data(), width, width, height);
+        if (!beforePrevious_.empty()) change = std::min(change, differenceEnergy(pixels, stride, beforePrevious_.data(), width, width, height));
+    }
+    place(seconds, change);
+    std::swap(previous_, beforePrevious_);
     previous_.resize(size);
     for (int y = 0; y < height; ++y)
         std::copy_n(pixels + static_cast<std::ptrdiff_t>(y) * stride, width,
@@ -152,6 +187,33 @@ Envelope events(Envelope const& e, double seconds)
         std::ptrdiff_t lo = std::max<std::ptrdiff_t>(0, i - half), hi = std::min(n, i + half + 1);
         double mean = (prefix[static_cast<std::size_t>(hi)] - prefix[static_cast<std::size_t>(lo)]) / static_cast<double>(hi - lo);
         out.values[static_cast<std::size_t>(i)] = static_cast<float>(std::max(0.0, e.values[static_cast<std::size_t>(i)] - mean));
+    }
+    return out;
+}
+
+Envelope peaks(Envelope const& e, double seconds, double spread)
+{
+    Envelope out = e;
+    std::fill(out.values.begin(), out.values.end(), 0.f);
+    auto n = static_cast<std::ptrdiff_t>(e.values.size());
+    auto half = static_cast<std::ptrdiff_t>(std::max(2.0, seconds * e.rate / 2));
+    std::vector<double> sum(e.values.size() + 1, 0.0), squares(e.values.size() + 1, 0.0);
+    for (std::ptrdiff_t i = 0; i < n; ++i) {
+        double v = e.values[static_cast<std::size_t>(i)];
+        sum[static_cast<std::size_t>(i + 1)] = sum[static_cast<std::size_t>(i)] + v;
+        squares[static_cast<std::size_t>(i + 1)] = squares[static_cast<std::size_t>(i)] + v * v;
+    }
+    auto at = [&](std::ptrdiff_t i) { return i < 0 || i >= n ? 0.0 : static_cast<double>(e.values[static_cast<std::size_t>(i)]); };
+    for (std::ptrdiff_t i = 0; i < n; ++i) {
+        double v = at(i);
+        if (v < at(i - 1) || v < at(i + 1) || v < at(i - 2) || v < at(i + 2)) continue;
+        std::ptrdiff_t lo = std::max<std::ptrdiff_t>(0, i - half), hi = std::min(n, i + half + 1);
+        auto count = static_cast<double>(hi - lo);
+        double mean = (sum[static_cast<std::size_t>(hi)] - sum[static_cast<std::size_t>(lo)]) / count;
+        double var = (squares[static_cast<std::size_t>(hi)] - squares[static_cast<std::size_t>(lo)]) / count - mean * mean;
+        if (v <= mean + spread * std::sqrt(std::max(0.0, var))) continue;
+        for (std::ptrdiff_t j = std::max<std::ptrdiff_t>(0, i - 1); j <= std::min(n - 1, i + 1); ++j)
+            out.values[static_cast<std::size_t>(j)] = static_cast<float>(std::max(0.0, at(j) - mean));
     }
     return out;
 }
@@ -344,7 +406,8 @@ bool anyInWindow(Envelope const& e, double start, double seconds)
     return false;
 }
 
-std::vector<LocalOffset> measureWindows(Evidence const& ev, Envelope const& changes, Envelope const& onsets, Envelope const& mouth,
+std::vector<LocalOffset> measureWindows(Evidence const& ev, Envelope const& changes, Envelope const& onsets, Envelope const& soundChanges,
+                                        Envelope const& mouth,
                                         Envelope const& speech, Settings const& s, std::vector<double> const& slopes)
 {
     std::vector<LocalOffset> out;
@@ -361,6 +424,7 @@ std::vector<LocalOffset> measureWindows(Evidence const& ev, Envelope const& chan
             }
         };
         measure(changes, onsets, "picture changes and sound onsets");
+        if (!soundChanges.values.empty()) measure(changes, soundChanges, "picture changes and changes of sound");
         if (!mouth.values.empty() && anyInWindow(mouth, start, length)) measure(mouth, speech, "mouth motion and speech");
         if (best) out.push_back(*best);
     }
@@ -372,7 +436,8 @@ std::vector<LocalOffset> measureWindows(Evidence const& ev, Envelope const& chan
 Suggestion suggestPoints(Evidence const& ev, Settings const& s)
 {
     Suggestion out;
-    Envelope changes = events(ev.frameChange), onsets = events(ev.onset);
+    Envelope changes = peaks(ev.frameChange), onsets = peaks(ev.onset);
+    Envelope soundChanges = ev.soundChange.values.empty() ? Envelope{} : peaks(ev.soundChange);
     Envelope mouth = ev.mouth.values.empty() ? Envelope{} : events(ev.mouth);
     Envelope speech = ev.speech.values.empty() ? Envelope{} : events(speechChanges(ev.speech));
     if (windowStarts(ev.duration, s).empty()) {
@@ -389,7 +454,7 @@ Suggestion suggestPoints(Evidence const& ev, Settings const& s)
     Suggestion firstPass;
     for (int pass = 0; pass < 2; ++pass) {
         if (pass == 1) firstPass = out;
-        out.windows = measureWindows(ev, changes, onsets, mouth, speech, s, slopes);
+        out.windows = measureWindows(ev, changes, onsets, soundChanges, mouth, speech, s, slopes);
         std::vector<LocalOffset> confident;
         for (auto const& w : out.windows)
             if (w.confidence >= s.minConfidence) confident.push_back(w);

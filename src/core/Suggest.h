@@ -32,14 +32,20 @@ constexpr double kHopSeconds = 0.01;
 struct SoundEnvelopes {
     Envelope onset;
     Envelope speech;
+    // Changes of sound (a scene's sound giving way to another's): how much
+    // the band levels of the 40 ms after each instant differ from those of
+    // the 40 ms before it, either way. Steadier than the onset strength in
+    // noise, but too slow for a click.
+    Envelope change;
 };
 SoundEnvelopes soundEnvelopes(float const* samples, std::size_t count, int sampleRate);
 
 // Accumulates frames of a picture (grey levels, any size, the same for all
-// frames) into a frame-change envelope at 100 Hz: the mean rise of the grey
-// level from one frame to the next, placed at the time of the later frame.
-// Only rises count, so a flash shows once (when it comes, not when it goes)
-// and a cut once.
+// frames) into a frame-change envelope at 100 Hz, placed at the time of each
+// frame: how far it lies from both of the two frames before it (the smaller
+// mean absolute difference). A cut or a step of brightness shows once; a
+// flash shows when it comes, not when it goes (the frame after it is like
+// the one before it).
 class FrameChangeBuilder {
 public:
     explicit FrameChangeBuilder(double rate = 100.0) : rate_(rate) {}
@@ -49,7 +55,11 @@ public:
     // at `seconds`; the first value of a run carries no change.
     void addValue(double seconds, float value);
     // Ends a run (the region was lost): the next frame starts a new one.
-    void breakRun() { previous_.clear(); }
+    void breakRun()
+    {
+        previous_.clear();
+        beforePrevious_.clear();
+    }
     Envelope const& envelope() const { return env_; }
     // Extends the envelope with zeros up to `seconds`.
     void finish(double seconds);
@@ -58,7 +68,7 @@ private:
     void place(double seconds, float value);
     double rate_;
     Envelope env_;
-    std::vector<std::uint8_t> previous_;
+    std::vector<std::uint8_t> previous_, beforePrevious_;
 };
 
 // The mean absolute difference of two equally sized grey regions.
@@ -67,6 +77,13 @@ float differenceEnergy(std::uint8_t const* a, int strideA, std::uint8_t const* b
 // Removes the slow part of an envelope (its running mean over `seconds`) and
 // clips the remainder at zero: what is left are events.
 Envelope events(Envelope const& e, double seconds = 0.5);
+
+// The peaks of an envelope that stand out from their surroundings: a local
+// maximum higher than the mean of the `seconds` around it by `spread` of
+// their standard deviations is kept (with its two neighbours, for its
+// shape), less that mean; everything else becomes zero. Cuts, flashes and
+// clicks survive; the flicker of noise and steady motion do not.
+Envelope peaks(Envelope const& e, double seconds = 1.0, double spread = 2.0);
 
 // The normalised cross-correlation of `picture` (movie time) and `sound`
 // (audio time) over a window of movie time, for every lag in a range:
@@ -146,15 +163,16 @@ struct Suggestion {
 struct Evidence {
     Envelope onset;       // sound, audio time
     Envelope speech;      // sound, audio time
+    Envelope soundChange; // sound, audio time; may be empty
     Envelope frameChange; // picture, movie time
     Envelope mouth;       // picture, movie time; zero where no face
     double duration = 0;  // movie seconds
 };
 
 // Windows over the movie, the offset each one measures, and the candidates.
-// A window correlates picture changes with sound onsets, and mouth motion
-// with changes of speech energy where a mouth was seen; the clearer of the
-// two is its measurement.
+// A window correlates picture changes with sound onsets and with changes of
+// sound, and mouth motion with changes of speech energy where a mouth was
+// seen; the clearest is its measurement.
 Suggestion suggestPoints(Evidence const& evidence, Settings const& settings);
 
 // The start times of the windows over a movie of `duration` seconds.

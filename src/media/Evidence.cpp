@@ -91,6 +91,7 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
         auto envs = suggest::soundEnvelopes(mono.data(), mono.size(), decoder.sampleRate());
         out.evidence.onset = std::move(envs.onset);
         out.evidence.speech = std::move(envs.speech);
+        out.evidence.soundChange = std::move(envs.change);
     }
 
     auto vmedia = fileMediaOf(video, "video track");
@@ -147,7 +148,8 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
             FaceBox m = box ? mouthRegion(*box, fw, fh) : FaceBox{};
             if (box && havePreviousFace && m.area() > 0) {
                 std::size_t offset = static_cast<std::size_t>(m.y) * static_cast<std::size_t>(fw) + static_cast<std::size_t>(m.x);
-                mouth.addValue(t, suggest::differenceEnergy(face.data() + offset, fw, previousFace.data() + offset, fw, m.width, m.height));
+                // The motion between two pictures happened between them.
+                mouth.addValue(t - out.frameSeconds / 2, suggest::differenceEnergy(face.data() + offset, fw, previousFace.data() + offset, fw, m.width, m.height));
                 ++out.framesWithFace;
             }
             std::swap(face, previousFace);

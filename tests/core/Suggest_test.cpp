@@ -91,21 +91,39 @@ TEST(SuggestEnvelopes, OnsetsPeakAtClicksAndSpeechEnergyFollowsTheVoiceBand)
     EXPECT_GT(v.values[175], 20 * v.values[75]);
     EXPECT_EQ(v.values[25], 0.f);
 
+    // A change of sound (one tone giving way to another) peaks where it
+    // happens, in the change envelope.
+    std::vector<float> scene(kRate * 3);
+    for (std::size_t i = 0; i < scene.size(); ++i) {
+        double t = static_cast<double>(i) / kRate;
+        scene[i] = static_cast<float>(0.2 * std::sin(2 * kPi * (t < 1.234 ? 300 : 1200) * t));
+    }
+    auto step = soundEnvelopes(scene.data(), scene.size(), kRate).change;
+    double weight = 0, moment = 0;
+    for (std::size_t i = 100; i < 150; ++i) {
+        weight += step.values[i];
+        moment += step.values[i] * step.timeAt(static_cast<double>(i));
+    }
+    EXPECT_NEAR(moment / weight, 1.234, 0.005);
+    EXPECT_LT(step.values[200], 0.05 * step.values[static_cast<std::size_t>((1.234 - step.start) * 100)]);
+
     // Nothing in, nothing out; bad rates are no crash.
     EXPECT_TRUE(soundEnvelopes(voice.data(), 0, kRate).onset.values.empty());
     EXPECT_TRUE(soundEnvelopes(voice.data(), voice.size(), 0).onset.values.empty());
 }
 
-TEST(SuggestEnvelopes, FrameChangeCountsRisesOncePlacedAtTheFrameTime)
+TEST(SuggestEnvelopes, FrameChangeCountsFlashesAndCutsOncePlacedAtTheFrameTime)
 {
     FrameChangeBuilder b;
-    std::vector<std::uint8_t> dark(16 * 8, 20), bright(16 * 8, 220);
-    // 25 fps; frame 5 flashes: one rise at 0.2 s, none when it goes.
-    for (int k = 0; k < 10; ++k) b.add(k / 25.0, k == 5 ? bright.data() : dark.data(), 16, 8, 16);
+    std::vector<std::uint8_t> dark(16 * 8, 20), mid(16 * 8, 120), bright(16 * 8, 220);
+    // 25 fps; frame 5 flashes (a change when it comes, none when it goes),
+    // and from frame 8 on the picture is darker (a cut, counted once).
+    for (int k = 0; k < 10; ++k) b.add(k / 25.0, k == 5 ? bright.data() : k >= 8 ? dark.data() : mid.data(), 16, 8, 16);
     b.finish(1.0);
     auto const& e = b.envelope();
     ASSERT_EQ(e.size(), 100u);
-    EXPECT_FLOAT_EQ(e.values[20], 200.f);
+    EXPECT_FLOAT_EQ(e.values[20], 100.f);
+    EXPECT_FLOAT_EQ(e.values[32], 100.f);
     float total = 0;
     for (float v : e.values) total += v;
     EXPECT_FLOAT_EQ(total, 200.f);
@@ -123,6 +141,28 @@ TEST(SuggestEnvelopes, FrameChangeCountsRisesOncePlacedAtTheFrameTime)
     EXPECT_FLOAT_EQ(c.envelope().values[30], 7.f);
     EXPECT_FLOAT_EQ(differenceEnergy(dark.data(), 16, bright.data(), 16, 4, 4), 200.f);
     EXPECT_FLOAT_EQ(differenceEnergy(dark.data(), 16, bright.data(), 16, 0, 4), 0.f);
+}
+
+TEST(SuggestEnvelopes, PeaksKeepWhatStandsOutOfNoise)
+{
+    std::mt19937 rng(9);
+    std::uniform_real_distribution<float> flicker(0.f, 1.f);
+    Envelope e;
+    e.values.resize(1000);
+    for (auto& v : e.values) v = 5 + flicker(rng);
+    e.values[300] = 15;
+    e.values[301] = 9;
+    e.values[700] = 12;
+    auto p = peaks(e);
+    // The two events (with a neighbour above the surrounding level), less
+    // that level; the flicker is gone.
+    for (std::size_t i = 0; i < p.size(); ++i)
+        if (i != 300 && i != 301 && i != 700) {
+            EXPECT_EQ(p.values[i], 0.f) << i;
+        }
+    EXPECT_NEAR(p.values[300], 15 - 5.6, 0.3);
+    EXPECT_NEAR(p.values[301], 9 - 5.6, 0.3);
+    EXPECT_NEAR(p.values[700], 12 - 5.5, 0.3);
 }
 
 TEST(SuggestCorrelation, FindsAFractionalLagAndScoresAmbiguity)
