@@ -35,4 +35,5 @@ private:
     QDoubleSpinBox *loop_, *step_;
     QCheckBox* losslessShift_ = nullptr;
     QComboBox* soundCodec_;
+    QDoubleSpinBox* confidence_ = nullptr; // the confidence Accept All Confident asks of a suggested point
 };
