@@ -1,6 +1,7 @@
 #include "Suggest.h"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <complex>
 #include <numeric>
@@ -102,13 +103,21 @@ SoundEnvelopes soundEnvelopes(float const* samples, std::size_t count, int sampl
     out.onset.start = (static_cast<double>(n) / 4 - static_cast<double>(hop)) / sampleRate + 0.006;
     out.speech.start = 0;
 
-    // Changes: the 4 hops from h against the 4 before, per band. The two
-    // blocks meet half a hop before frame h's centre.
-    constexpr std::size_t kBlock = 4;
+    // Changes: the 4 hops from h against the 4 before, per band; the two
+    // blocks meet half a hop before frame h's centre. A change must last:
+    // each band's step is at most the step between the medians of the 7
+    // hops either side, which a click (3 hops at most) does not move.
+    constexpr std::size_t kBlock = 4, kMedian = 7;
     out.change.rate = out.onset.rate;
     out.change.start = -0.5 * kHopSeconds;
     out.change.values.assign(hops, 0.f);
-    for (std::size_t h = kBlock; h + kBlock <= hops; ++h) {
+    std::array<float, kMedian> run{};
+    auto median = [&](std::size_t first, std::size_t b) {
+        for (std::size_t k = 0; k < kMedian; ++k) run[k] = levels[(first + k) * bands + b];
+        std::nth_element(run.begin(), run.begin() + kMedian / 2, run.end());
+        return static_cast<double>(run[kMedian / 2]);
+    };
+    for (std::size_t h = kMedian; h + kMedian <= hops; ++h) {
         double total = 0;
         for (std::size_t b = 0; b < bands; ++b) {
             double before = 0, after = 0;
@@ -116,7 +125,8 @@ SoundEnvelopes soundEnvelopes(float const* samples, std::size_t count, int sampl
                 before += levels[(h - 1 - k) * bands + b];
                 after += levels[(h + k) * bands + b];
             }
-            total += std::fabs(after - before) / kBlock;
+            double step = std::fabs(after - before) / kBlock;
+            total += std::min(step, std::fabs(median(h, b) - median(h - kMedian, b)));
         }
         out.change.values[h] = static_cast<float>(total / static_cast<double>(bands));
     }

@@ -34,8 +34,8 @@ struct SoundEnvelopes {
     Envelope speech;
     // Changes of sound (a scene's sound giving way to another's): how much
     // the band levels of the 40 ms after each instant differ from those of
-    // the 40 ms before it, either way. Steadier than the onset strength in
-    // noise, but too slow for a click.
+    // the 40 ms before it, either way, for a change that lasts. Steadier
+    // than the onset strength in noise; blind to clicks.
     Envelope change;
 };
 SoundEnvelopes soundEnvelopes(float const* samples, std::size_t count, int sampleRate);
