@@ -234,7 +234,7 @@ double Peak::distinctness() const
     return std::clamp(1 - std::max(0.0, runnerUp) / strength, 0.0, 1.0);
 }
 
-double Peak::confidence() const { return std::clamp(strength, 0.0, 1.0) * distinctness(); }
+double Peak::confidence() const { return std::sqrt(std::clamp(strength, 0.0, 1.0)) * distinctness(); }
 
 namespace {
 

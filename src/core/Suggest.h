@@ -95,7 +95,10 @@ struct Peak {
     // How much the peak stands out over the runner-up: 1 - runnerUp/strength
     // (0 when there is no clear peak).
     double distinctness() const;
-    double confidence() const; // strength x distinctness, 0 ... 1
+    // distinctness x the square root of the strength, 0 ... 1: a peak that
+    // stands alone counts even where the evidence correlates only loosely
+    // (a mouth and a voice never match as a flash and a click do).
+    double confidence() const;
 };
 struct Correlation {
     double firstLag = 0;         // seconds of values[0]
