@@ -173,6 +173,9 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
     addSyncItem("Abandon Sync Point", "abandonSync", 2, QString(QChar(0x1b)));
     addSyncItem("Delete Sync Points", "deleteSync", 4, QString(QChar(0x7f)));
     syncMenu_->addSeparator();
+    addSyncItem("Suggest Points\u2026", "suggestPoints", 12, "");
+    addSyncItem("Accept All Confident", "acceptConfident", 13, "");
+    syncMenu_->addSeparator();
     addSyncItem("Advance Audio", "advanceAudio", 5, "");
     addSyncItem("Retard Audio", "retardAudio", 6, "");
     syncMenu_->addSeparator();

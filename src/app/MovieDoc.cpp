@@ -6,6 +6,7 @@
 
 #include "DMApplication.h"
 #include "MovieView.h"
+#include "Evidence.h"
 #include "ProgressSheet.h"
 #include "SyncPointWindow.h"
 #include "kit/Alert.h"
@@ -14,6 +15,7 @@
 #include <QApplication>
 #include <QFileInfo>
 
+#include <algorithm>
 #include <cmath>
 
 MovieDoc::MovieDoc()
@@ -293,6 +295,12 @@ bool MovieDoc::validateAction(QString const& action) const
     if (action == "startSync") return !inProgress && (movieWindowIsKey() || (!editing && rows != 1));
     if (action == "editSync") return !inProgress && !editing && infoWindowIsKeyWindow() && rows == 1;
     if (action == "deleteSync") return !inProgress && !editing && infoWindowIsKeyWindow() && rows >= 1;
+    if (action == "suggestPoints") return !inProgress && enabledVideo();
+    if (action == "acceptConfident") {
+        double threshold = kit::UserDefaults<double>("suggestConfidence");
+        auto const& cs = session_->candidates();
+        return !inProgress && std::any_of(cs.begin(), cs.end(), [&](auto const& c) { return c.confidence >= threshold; });
+    }
     static const QStringList during = {"acceptSync", "abandonSync", "advanceSelection", "retardSelection",
                                        "expandSelection", "contractSelection", "advanceAudio", "retardAudio"};
     if (during.contains(action)) return inProgress && (movieWindowIsKey() || !editing);
@@ -314,6 +322,8 @@ bool MovieDoc::performAction(QString const& action)
         else if (action == "contractSelection") contractSelection();
         else if (action == "advanceAudio") advanceAudio();
         else if (action == "retardAudio") retardAudio();
+        else if (action == "suggestPoints") suggestPoints();
+        else if (action == "acceptConfident") acceptConfidentPoints();
         else return false;
     } catch (OffsetList::BadBackup const&) {
         kit::AlertSpec spec;
@@ -329,6 +339,53 @@ bool MovieDoc::performAction(QString const& action)
         kit::runAlert(spec);
     }
     return true;
+}
+
+bool MovieDoc::enabledVideo() const { return movie() && media::enabledVideoTrack(*movie()) != nullptr; }
+
+void MovieDoc::suggestPoints()
+{
+    if (!session_ || busy_ || syncInProgress() || !enabledVideo()) return;
+    // The sound as it was before any sync: the backup once there is one.
+    OffsetList* list = session_->offsets();
+    dm::TrackPtr unedited = list->backupTrack() ? list->backupTrack() : list->soundTrack();
+    dm::Movie const& movie = *this->movie();
+    player_->pause();
+    std::optional<media::SuggestedPoints> found;
+    auto outcome = runWithProgress("Suggest Sync Points",
+                                   [&](media::Progress const& progress) { found = media::suggestSyncPoints(movie, *unedited, progress); });
+    if (!outcome) return; // cancelled: the table stays as it was
+    kit::AlertSpec spec;
+    spec.sheetParent = mMovieWindow;
+    if (!outcome->empty() || !found) {
+        spec.message = "Dubmatch could not look for sync points.";
+        spec.informative = QString::fromStdString(outcome->empty() ? std::string("The search ended early.") : *outcome);
+        kit::runAlert(spec);
+        return;
+    }
+    auto const& sg = found->suggestion;
+    if (sg.refused()) {
+        spec.message = "Dubmatch has no sync points to suggest.";
+        spec.informative = QString::fromStdString(sg.refusal)
+                         + ".\n\nThe picture and the sound do not agree clearly enough anywhere; make the points by ear.";
+        kit::runAlert(spec);
+        return;
+    }
+    long scale = list->soundTrack()->timeScale();
+    std::vector<SyncSession::Candidate> candidates;
+    for (auto const& c : sg.candidates) candidates.push_back({myQTTime(c.movieTime, scale), myQTTime(c.audioTime, scale), c.confidence});
+    session_->setCandidates(std::move(candidates));
+    createInfoWindow(true);
+    updateMenu();
+}
+
+void MovieDoc::acceptConfidentPoints()
+{
+    if (!session_ || busy_ || syncInProgress()) return;
+    nextLabel_ = "Accept Suggested Points";
+    session_->acceptConfident(kit::UserDefaults<double>("suggestConfidence"));
+    nextLabel_.clear();
+    updateMenu();
 }
 
 void MovieDoc::showPlaybackFault(QString const& message)
@@ -366,6 +423,10 @@ QVariant MovieDoc::objectValue(QString const& column, int row) const
     if (row < 0 || row >= numberOfRows()) return {};
     if (column == "time") return QString::fromStdString(GetOffset(row).movieTime.asString(durationFields(), 3));
     if (column == "offset") return session_->displayedOffset(row);
+    if (column == "confidence") {
+        int c = session_->candidateOfRow(row);
+        return c < 0 ? QVariant() : QVariant(QString::number(session_->candidates()[static_cast<std::size_t>(c)].confidence, 'f', 2));
+    }
     if (column == "flag") {
         if (GetOffset(row).flag) return markerImage("RedDiamond");
         if (syncInProgress() && row == syncRow()) return markerImage("BlueStar");

@@ -124,6 +124,16 @@ public:
     // The shuttle speed J/K/L set last (0: stopped).
     double shuttleRate() const { return shuttle_; }
 
+    // Sync > Suggest Points: the picture and the sound are compared on a
+    // worker thread behind a progress sheet (Cancel stops it); the points
+    // they agree on join the table as greyed candidate rows, with their
+    // confidence. Selecting one starts a sync at it with its offset applied.
+    void suggestPoints();
+    // Sync > Accept All Confident: every candidate whose confidence reaches
+    // the "suggestConfidence" preference becomes a point, as one undo step.
+    void acceptConfidentPoints();
+    bool isCandidateRow(int row) const { return session_ && session_->candidateOfRow(row) >= 0; }
+
     // Whether an action (by name, e.g. "startSync") is enabled now.
     bool validateAction(QString const& action) const;
     // Runs an enabled action; false when disabled or unknown.
@@ -174,6 +184,7 @@ signals:
 
 private:
     friend class PointsCommand;
+    bool enabledVideo() const; // the movie has a picture to compare the sound with
     // After the points changed outside a sync in progress: one undo step
     // from the points before to the points now, when they differ.
     void recordPoints();

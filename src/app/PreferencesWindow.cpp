@@ -75,6 +75,13 @@ PreferencesWindow::PreferencesWindow(QWidget* parent) : QWidget(parent, Qt::Wind
     delayHelp->setWordWrap(true);
     form->addRow("", delayHelp);
     form->addRow("Updates:", updates_);
+    confidence_ = new QDoubleSpinBox(this);
+    confidence_->setObjectName("suggestConfidence");
+    confidence_->setRange(0, 1);
+    confidence_->setSingleStep(0.05);
+    confidence_->setToolTip("Sync > Accept All Confident takes the suggested points whose confidence reaches this.");
+    form->addRow("Suggested points:", confidence_);
+    connect(confidence_, &QDoubleSpinBox::valueChanged, this, [](double v) { kit::Defaults::standard().setValue("suggestConfidence", v); });
     refresh();
 
     connect(loop_, &QDoubleSpinBox::valueChanged, this, [](double v) { kit::Defaults::standard().setValue("loopLength", v); });
@@ -113,6 +120,8 @@ void PreferencesWindow::refresh()
     inspector_->setChecked(d.value("openInspector").toBool());
     QVariant updates = d.value("PXUpdateCheckerCheckAtStartup"); // on until the user answers
     updates_->setChecked(!updates.isValid() || updates.toBool());
+    QSignalBlocker b10(confidence_);
+    confidence_->setValue(d.value("suggestConfidence").toDouble());
 }
 
 void PreferencesWindow::changeEvent(QEvent* e)

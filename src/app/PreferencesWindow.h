@@ -37,4 +37,5 @@ private:
     QCheckBox* losslessShift_ = nullptr;
     QSpinBox* outputDelay_ = nullptr;
     QComboBox* soundCodec_;
+    QDoubleSpinBox* confidence_ = nullptr; // the confidence Accept All Confident asks of a suggested point
 };

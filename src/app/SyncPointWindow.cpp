@@ -4,6 +4,7 @@
 
 #include "MovieDoc.h"
 
+#include <QApplication>
 #include <QGridLayout>
 #include <QDoubleValidator>
 #include <QHeaderView>
@@ -60,6 +61,7 @@ QString OffsetTableModel::identifier(int column)
     case kTime: return "time";
     case kOffset: return "offset";
     case kFlag: return "flag";
+    case kConfidence: return "confidence";
     default: return {};
     }
 }
@@ -68,6 +70,8 @@ int OffsetTableModel::rowCount(QModelIndex const& parent) const { return parent.
 
 QVariant OffsetTableModel::data(QModelIndex const& index, int role) const
 {
+    if (role == Qt::ForegroundRole)
+        return doc_->isCandidateRow(index.row()) ? QVariant(QApplication::palette().brush(QPalette::Disabled, QPalette::Text)) : QVariant();
     QVariant v = doc_->objectValue(identifier(index.column()), index.row());
     if (index.column() == kFlag) return role == Qt::DecorationRole ? v : QVariant();
     if (role == Qt::DisplayRole && index.column() == kOffset) return QString::number(v.toDouble(), 'f', 1);
@@ -86,7 +90,8 @@ bool OffsetTableModel::setData(QModelIndex const& index, QVariant const& value, 
 Qt::ItemFlags OffsetTableModel::flags(QModelIndex const& index) const
 {
     Qt::ItemFlags f = Qt::ItemIsSelectable | Qt::ItemIsEnabled;
-    if (index.column() != kFlag && doc_->canEditTable()) f |= Qt::ItemIsEditable;
+    bool fixed = index.column() == kFlag || index.column() == kConfidence || doc_->isCandidateRow(index.row());
+    if (!fixed && doc_->canEditTable()) f |= Qt::ItemIsEditable;
     return f;
 }
 
@@ -96,6 +101,7 @@ QVariant OffsetTableModel::headerData(int section, Qt::Orientation o, int role) 
     switch (section) {
     case kTime: return "Time";
     case kOffset: return "Offset (ms)";
+    case kConfidence: return "Confidence";
     default: return "";
     }
 }
@@ -179,6 +185,7 @@ OffsetListWindowController::OffsetListWindowController(MovieDoc* doc) : kit::Win
     table_->horizontalHeader()->setSectionResizeMode(OffsetTableModel::kOffset, QHeaderView::Stretch);
     table_->horizontalHeader()->setSectionResizeMode(OffsetTableModel::kFlag, QHeaderView::Fixed);
     table_->horizontalHeader()->resizeSection(OffsetTableModel::kFlag, 28);
+    table_->horizontalHeader()->setSectionResizeMode(OffsetTableModel::kConfidence, QHeaderView::ResizeToContents);
     layout->addWidget(table_, 1);
     plot_ = new ResidualPlot(w);
     plot_->setMinimumHeight(120);
@@ -198,6 +205,6 @@ OffsetListWindowController::OffsetListWindowController(MovieDoc* doc) : kit::Win
     grid->addWidget(time_, 1, 1);
     grid->setColumnStretch(1, 1);
     layout->addLayout(grid);
-    w->resize(300, 500);
+    w->resize(380, 500);
     connect(table_->selectionModel(), &QItemSelectionModel::selectionChanged, doc, [doc] { doc->tableViewSelectionDidChange(); });
 }

@@ -22,15 +22,16 @@ QPixmap markerImage(QString const& name);
 class OffsetTableModel : public QAbstractTableModel {
     Q_OBJECT
 public:
-    static constexpr int kTime = 0, kOffset = 1, kFlag = 2;
+    static constexpr int kTime = 0, kOffset = 1, kFlag = 2, kConfidence = 3;
     explicit OffsetTableModel(MovieDoc* doc, QObject* parent = nullptr) : QAbstractTableModel(parent), doc_(doc) {}
     int rowCount(QModelIndex const& parent = {}) const override;
-    int columnCount(QModelIndex const& parent = {}) const override { return parent.isValid() ? 0 : 3; }
+    int columnCount(QModelIndex const& parent = {}) const override { return parent.isValid() ? 0 : 4; }
     QVariant data(QModelIndex const& index, int role) const override;
     bool setData(QModelIndex const& index, QVariant const& value, int role) override;
     Qt::ItemFlags flags(QModelIndex const& index) const override;
     QVariant headerData(int section, Qt::Orientation o, int role) const override;
-    // The column identifiers: "time", "offset", "flag".
+    // The column identifiers: "time", "offset", "flag", "confidence" (of a
+    // suggested point; its row is greyed until the user takes it).
     static QString identifier(int column);
     // Shows the document's rows again. When the number of rows is the same,
     // the cells are refreshed in place, so an open editor stays valid.

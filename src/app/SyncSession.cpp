@@ -255,6 +255,8 @@ void SyncSession::deleteSync(std::set<int> const& rows)
     if (syncInProgress_) return;
     int n = static_cast<int>(offsets_->points().size());
     for (auto it = rows.rbegin(); it != rows.rend(); ++it) {
+        // A candidate row dismisses the candidate; it was never a point.
+        if (int c = candidateOfRow(*it); c >= 0) candidates_.erase(candidates_.begin() + c);
         if (*it < 0 || *it >= n) continue;
         offsets_->remove(offsets_->getIterator(*it));
         changed(-1);
@@ -332,13 +334,81 @@ void SyncSession::scrollWheel(double notches)
     nudge(motion / 1000.0);
 }
 
-int SyncSession::numberOfRows() const { return static_cast<int>(offsets_->points().size()) + (syncInProgress_ ? 1 : 0); }
+int SyncSession::numberOfRows() const
+{
+    return static_cast<int>(offsets_->points().size()) + (syncInProgress_ ? 1 : 0) + static_cast<int>(candidates_.size());
+}
+
+int SyncSession::candidateOfRow(int row) const
+{
+    int first = static_cast<int>(offsets_->points().size()) + (syncInProgress_ ? 1 : 0);
+    return row >= first && row < numberOfRows() ? row - first : -1;
+}
+
+void SyncSession::setCandidates(std::vector<Candidate> candidates)
+{
+    candidates_ = std::move(candidates);
+    std::sort(candidates_.begin(), candidates_.end(), [](Candidate const& a, Candidate const& b) { return a.movieTime < b.movieTime; });
+    pointsChanged();
+}
+
+void SyncSession::startCandidate(int index)
+{
+    if (syncInProgress_ || index < 0 || index >= static_cast<int>(candidates_.size())) {
+        std::cerr << "Error! startCandidate: no candidate to start" << std::endl;
+        return;
+    }
+    willUpdateMode();
+    CallObjCOnDestruct<SyncDocument> guard(this, &SyncDocument::didUpdateMode);
+    Candidate c = candidates_[static_cast<std::size_t>(index)];
+    // The candidate leaves the table's tail: accepted it is a point, abandoned it is dismissed.
+    candidates_.erase(candidates_.begin() + index);
+    saveNewEditState();
+    loopAround(c.movieTime);
+    setAudioTimeFromMovieTime(offsets_->AudioTimeToMovieTime(c.audioTime));
+    setMovieSelection();
+    syncInProgress_ = true;
+    beganWithEdit_ = false;
+    auto const& pts = offsets_->points();
+    myQTTime middle = loopMiddle();
+    syncRow_ = static_cast<int>(std::find_if(pts.begin(), pts.end(), [&](Offset const& p) { return middle < p.movieTime; }) - pts.begin());
+    // The suggested offset plays at once: Return accepts it as it is.
+    resetAudioTrack();
+    offsetAudioTrack();
+    changed(+1);
+    pointsChanged();
+    player_->play();
+}
+
+int SyncSession::acceptConfident(double threshold)
+{
+    if (syncInProgress_) return 0;
+    std::vector<Offset> points = offsets_->points();
+    std::vector<Candidate> rest;
+    int accepted = 0;
+    for (auto const& c : candidates_) {
+        if (c.confidence >= threshold) {
+            points.emplace_back(c.movieTime, c.audioTime);
+            ++accepted;
+        } else {
+            rest.push_back(c);
+        }
+    }
+    if (accepted == 0) return 0;
+    candidates_ = std::move(rest);
+    replacePoints(std::move(points));
+    return accepted;
+}
 
 int SyncSession::entryOfRow(int row) const { return syncInProgress_ && row > syncRow_ ? row - 1 : row; }
 
 Offset SyncSession::GetOffset(int row) const
 {
     if (syncInProgress_ && row == syncRow_) return Offset(loopMiddle(), offsets_->MovieTimeToAudioTime(audioTime_), false);
+    if (int c = candidateOfRow(row); c >= 0) {
+        auto const& cand = candidates_[static_cast<std::size_t>(c)];
+        return Offset(cand.movieTime, cand.audioTime, false);
+    }
     return offsets_->points().at(static_cast<std::size_t>(entryOfRow(row)));
 }
 
@@ -350,7 +420,7 @@ double SyncSession::displayedOffset(int row) const
 
 bool SyncSession::setRowTime(int row, std::string const& text)
 {
-    if (row < 0 || row >= numberOfRows()) return false;
+    if (row < 0 || row >= numberOfRows() || candidateOfRow(row) >= 0) return false;
     myQTTime t;
     try {
         t = myQTTime(text, 600);
@@ -375,7 +445,7 @@ bool SyncSession::setRowTime(int row, std::string const& text)
 
 void SyncSession::setRowOffset(int row, double displayedMilliseconds)
 {
-    if (row < 0 || row >= numberOfRows()) return;
+    if (row < 0 || row >= numberOfRows() || candidateOfRow(row) >= 0) return;
     double o = displayedMilliseconds * settings_().reverseArrows / 1000.0;
     if (syncInProgress_ && row == syncRow_) {
         myQTTime sum = startTime_;
@@ -397,6 +467,8 @@ void SyncSession::selectionChanged(std::set<int> const& rows)
     if (syncInProgress_) return;
     if (rows.empty()) {
         clearMovieSelection();
+    } else if (rows.size() == 1 && candidateOfRow(*rows.begin()) >= 0) {
+        startCandidate(candidateOfRow(*rows.begin()));
     } else if (rows.size() == 1 && *rows.begin() < numberOfRows()) {
         Offset p = GetOffset(*rows.begin());
         loopAround(p.movieTime);

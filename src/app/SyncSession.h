@@ -69,7 +69,26 @@ public:
     // (points that came with the movie when it opened).
     void replacePoints(std::vector<Offset> points, bool counted = true);
 
-    // The table: the points with the point in progress at `syncRow`.
+    // Suggested points waiting for the user: shown after the points, each
+    // with its confidence. Starting a candidate loops around it with its
+    // offset applied: accepting makes it an ordinary point, abandoning
+    // dismisses it.
+    struct Candidate {
+        myQTTime movieTime;
+        myQTTime audioTime; // in the unedited sound
+        double confidence = 0;
+    };
+    void setCandidates(std::vector<Candidate> candidates);
+    std::vector<Candidate> const& candidates() const { return candidates_; }
+    // The candidate shown in a row, or -1 for a point (or the point in progress).
+    int candidateOfRow(int row) const;
+    void startCandidate(int candidate);
+    // Accepts every candidate of at least `threshold` as one change; returns
+    // how many became points.
+    int acceptConfident(double threshold);
+
+    // The table: the points with the point in progress at `syncRow`, then
+    // the candidates.
     int numberOfRows() const;
     Offset GetOffset(int row) const;
     // The offset shown in a row, in milliseconds, signed by "reverseArrows".
@@ -127,5 +146,6 @@ private:
     bool beganWithEdit_ = false; // the point in progress came out of the list
     bool changingSelection_ = false;
     int syncRow_ = 0;
+    std::vector<Candidate> candidates_;
     myQTTime startTime_, endTime_, audioTime_;
 };

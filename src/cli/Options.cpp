@@ -34,7 +34,8 @@ std::vector<Command> const& commands()
                       valued("--sound-codec", "CODEC", Completes::Words, {"same", "pcm", "flac", "alac", "aac"}),
                       valued("--lossless-shift", "WHEN", Completes::Words, {"auto", "always", "never"}),
                       flag("--drop-unsupported"), flag("--force"), flag("--accept-truncated"), flag("--dry-run"), flag("--quiet"),
-                      json}});
+                      flag("--auto"), valued("--min-confidence", "X"), json}});
+        t.push_back({"suggest", {"MOVIE"}, Completes::Movie, {flag("--quiet"), json}});
         t.push_back({"demo",
                      {"OUT"},
                      Completes::File,

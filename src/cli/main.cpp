@@ -2,6 +2,7 @@
 // command line, without the application.
 #include "AtomicFile.h"
 #include "Containers.h"
+#include "Evidence.h"
 #include "MovieFile.h"
 #include "MovieWriter.h"
 #include "OffsetList.h"
@@ -38,6 +39,8 @@ constexpr char const* kUsageText = R"(Usage:
                     (-o OUT | --in-place) [--type TYPE] [--sound-codec CODEC]
                     [--lossless-shift auto|always|never] [--drop-unsupported]
                     [--force] [--accept-truncated] [--dry-run] [--quiet] [--json]
+  dubmatch-cli sync MOVIE --auto [--min-confidence X] (-o OUT | --in-place | --dry-run) ...
+  dubmatch-cli suggest MOVIE [--quiet] [--json]
   dubmatch-cli demo OUT [--seconds S] [--size WxH] [--fps N] [--offset S] [--rate R]
                     [--points-file FILE]
   dubmatch-cli measure MOVIE
@@ -55,6 +58,12 @@ Commands:
            The unedited sound is kept in a disabled "Backup Sound Track",
            and the points are stored in the movie: a movie synced before
            is synced again from its unedited sound, never from a copy.
+  suggest  Compare the picture with the sound over windows of the movie
+           (picture changes with sound onsets, mouth motion with speech)
+           and print the sync points on which the windows agree, with a
+           confidence from 0 to 1 each. Windows that disagree with the line
+           are never proposed; when fewer than two agree, nothing is
+           suggested and the reason is given (exit status 1).
   demo     Write a demo movie: a test pattern with a white flash every two
            seconds and a click at each flash, the sound 0.35 s late and 0.4 %
            fast (change with --offset and --rate). --points-file writes four
@@ -90,6 +99,11 @@ Options of sync:
   --force          replace a write-protected file (it stays write-protected)
   --accept-truncated
                    sync a movie whose file ends before its declared length
+  --auto           sync with the suggested points (see suggest) whose
+                   confidence is at least --min-confidence; refused (exit
+                   status 1) when fewer than two agree
+  --min-confidence X
+                   the confidence a suggested point needs, 0 to 1 (default 0.5)
   --dry-run        fit and report, write nothing
   --quiet          no progress bar (it shows only on a terminal anyway)
   --json           print one JSON document on standard output instead of the
@@ -330,6 +344,72 @@ std::vector<Offset> readPoints(std::string const& file, long scale)
     }
 }
 
+// The sync points the movie's evidence suggests, found with a progress bar.
+media::SuggestedPoints findSuggestions(dm::Movie const& movie, OffsetList const& list, bool quiet)
+{
+    dm::Track const& unedited = list.backupTrack() ? *list.backupTrack() : *list.soundTrack();
+    return media::suggestSyncPoints(movie, unedited, progressBar(quiet), &gStop);
+}
+
+json offsetJson(suggest::LocalOffset const& o)
+{
+    return {{"movie_time", o.movieTime},
+            {"audio_time", o.audioTime},
+            {"offset_ms", (o.audioTime - o.movieTime) * 1000},
+            {"confidence", o.confidence},
+            {"evidence", o.evidence}};
+}
+
+int suggestCommand(commandline::Parsed const& args, json& out)
+{
+    auto t0 = std::chrono::steady_clock::now();
+    bool asJson = args.has("--json");
+    std::string path = args.positionals.at(0);
+    media::OpenedMovie om = media::openMovie(path);
+    for (auto const& n : om.notes) note(n + ".");
+    SavedSync saved = adoptSavedSync(*om.movie, om.syncPointsTag);
+    if (!saved.note.empty()) note(saved.note);
+    auto made = makeOffsetList(om.movie.get(), nullptr);
+    if (auto* refusal = std::get_if<Refusal>(&made)) throw Refused{refusal->message, refusal->suggestion};
+    OffsetList& list = *std::get<std::unique_ptr<OffsetList>>(made);
+    out = {{"file", path}, {"sound_track", list.soundTrack()->id()}};
+    auto found = findSuggestions(*om.movie, list, args.has("--quiet") || asJson);
+    auto const& sg = found.suggestion;
+    auto const& ev = found.evidence;
+    out["windows"] = json::array();
+    for (auto const& w : sg.windows) {
+        json j = offsetJson(w);
+        j["strength"] = w.strength;
+        j["distinctness"] = w.distinctness;
+        out["windows"].push_back(j);
+    }
+    out["candidates"] = json::array();
+    for (auto const& c : sg.candidates) out["candidates"].push_back(offsetJson(c));
+    out["line"] = sg.line ? json{{"slope", sg.line->slope}, {"intercept", sg.line->intercept}} : json(nullptr);
+    out["faces"] = {{"frames", ev.frames}, {"frames_with_face", ev.framesWithFace}, {"note", ev.faceNote}};
+    out["timings"] = {{"total_seconds", secondsSince(t0)}};
+    if (!ev.faceNote.empty()) note(ev.faceNote + "; mouths were not watched.");
+    if (sg.refused()) {
+        out["refusal"] = sg.refusal;
+        throw Refused{"No sync points can be suggested for \"" + path + "\": " + sg.refusal + ".",
+                      "Find the points by ear in Dubmatch, or give them with sync --point."};
+    }
+    out["refusal"] = nullptr;
+    if (!asJson) {
+        int fields = list.duration().width();
+        std::printf("%zu of %zu windows agree: audio = %.6f x movie %+.4f s (sound runs %+.3f %% against the picture)\n",
+                    sg.candidates.size(), sg.windows.size(), sg.line->slope, sg.line->intercept, (sg.line->slope - 1) * 100);
+        std::printf("%-14s %-14s %10s %10s  %s\n", "movie time", "audio time", "offset ms", "confidence", "evidence");
+        long scale = list.soundTrack()->timeScale();
+        for (auto const& c : sg.candidates)
+            std::printf("%-14s %-14s %10.1f %10.2f  %s\n", clock(myQTTime(c.movieTime, scale), fields).c_str(),
+                        clock(myQTTime(c.audioTime, scale), fields).c_str(), (c.audioTime - c.movieTime) * 1000, c.confidence,
+                        c.evidence.c_str());
+        std::printf("faces seen in %ld of %ld pictures\n", ev.framesWithFace, ev.frames);
+    }
+    return kOk;
+}
+
 int sync(commandline::Parsed const& args, json& out)
 {
     auto t0 = std::chrono::steady_clock::now();
@@ -339,6 +419,19 @@ int sync(commandline::Parsed const& args, json& out)
     std::string output = args.value("--output"), type = args.value("--type");
     bool inPlace = args.has("--in-place"), dryRun = args.has("--dry-run"), quiet = args.has("--quiet") || asJson;
     bool acceptTruncated = args.has("--accept-truncated");
+    double minConfidence = 0.5;
+    if (args.has("--min-confidence")) {
+        if (!args.has("--auto")) throw UsageError("--min-confidence goes with --auto");
+        std::string v = args.value("--min-confidence");
+        try {
+            std::size_t used = 0;
+            minConfidence = std::stod(v, &used);
+            if (used != v.size()) throw std::invalid_argument(v);
+        } catch (std::exception const&) {
+            minConfidence = -1;
+        }
+        if (!(minConfidence >= 0 && minConfidence <= 1)) throw UsageError("--min-confidence takes a number from 0 to 1, not \"" + v + "\"");
+    }
     media::SaveOptions options;
     options.dropUnsupported = args.has("--drop-unsupported");
     options.target.replaceWriteProtected = args.has("--force");
@@ -410,6 +503,30 @@ int sync(commandline::Parsed const& args, json& out)
     }
     if (args.has("--points"))
         for (auto const& p : readPoints(args.value("--points"), scale)) points.push_back(p);
+    if (args.has("--auto")) {
+        if (!points.empty() || args.has("--from-movie")) throw UsageError("--auto finds its own points: give no other points");
+        auto found = findSuggestions(*om.movie, list, quiet);
+        auto const& sg = found.suggestion;
+        std::vector<suggest::LocalOffset> confident;
+        for (auto const& c : sg.candidates)
+            if (c.confidence >= minConfidence) confident.push_back(c);
+        out["suggested"] = {{"min_confidence", minConfidence},
+                            {"candidates", sg.candidates.size()},
+                            {"used", confident.size()},
+                            {"refusal", sg.refused() ? json(sg.refusal) : json(nullptr)}};
+        if (sg.refused())
+            throw Refused{"Nothing was synced: no sync points can be suggested for \"" + path + "\": " + sg.refusal + ".",
+                          "Find the points by ear in Dubmatch, or give them with --point."};
+        if (confident.size() < 2) {
+            char line[256];
+            std::snprintf(line, sizeof line, "only %zu of the %zu suggested points reach the confidence %.2f, and a sync needs two that agree",
+                          confident.size(), sg.candidates.size(), minConfidence);
+            throw Refused{std::string("Nothing was synced: ") + line + ".",
+                          "Lower --min-confidence, or check the points with dubmatch-cli suggest."};
+        }
+        for (auto const& c : confident) points.emplace_back(myQTTime(c.movieTime, scale), myQTTime(c.audioTime, scale));
+        if (!asJson) note("syncing with " + std::to_string(points.size()) + " suggested point(s) of confidence " + std::to_string(minConfidence).substr(0, 4) + " or more.");
+    }
     bool fromMovie = args.has("--from-movie") || (points.empty() && saved.points && !saved.points->empty());
     if (fromMovie) {
         if (!points.empty()) throw UsageError("--from-movie takes the points stored in the movie: give no other points");
@@ -569,6 +686,7 @@ int run(std::string const& name, std::vector<std::string> const& rest)
         int status = kOk;
         if (name == "info") status = info(args, out);
         else if (name == "sync") status = sync(args, out);
+        else if (name == "suggest") status = suggestCommand(args, out);
         else if (name == "demo") return demo(args);
         else return measure(args);
         if (asJson) {

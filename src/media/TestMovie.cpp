@@ -24,6 +24,15 @@ std::vector<std::int64_t> flashFrames(TestMovieSpec const& s)
     std::vector<std::int64_t> frames;
     double fps = static_cast<double>(s.fpsNum) / s.fpsDen;
     std::int64_t total = static_cast<std::int64_t>(std::floor(s.seconds * fps));
+    if (!s.flashTimes.empty()) {
+        for (double t : s.flashTimes) {
+            std::int64_t k = std::llround(t * fps);
+            if (k > 0 && k < total) frames.push_back(k);
+        }
+        std::sort(frames.begin(), frames.end());
+        frames.erase(std::unique(frames.begin(), frames.end()), frames.end());
+        return frames;
+    }
     for (int j = 1;; ++j) {
         std::int64_t k = std::llround(j * s.flashInterval * fps);
         if (k >= total) break;
@@ -261,6 +270,7 @@ void writeTestMovie(std::string const& path, TestMovieSpec const& s)
     for (auto const& m : testMovieMarks(s)) clicks.push_back(std::llround(m.audioTime * s.sampleRate));
     std::int64_t clickLen = std::llround(kClickSeconds * s.sampleRate);
     auto sampleAt = [&](std::int64_t n) {
+        if (s.soundSample) return s.soundSample(n);
         double t = static_cast<double>(n) / s.sampleRate;
         double v = 0.02 * std::sin(2 * kPi * 220 * t);
         auto it = std::upper_bound(clicks.begin(), clicks.end(), n);
@@ -323,7 +333,14 @@ void writeTestMovie(std::string const& path, TestMovieSpec const& s)
     for (std::int64_t k = 0; k < totalFrames; ++k) {
         writeAudioUntil(std::llround((static_cast<double>(k) / fps) * s.sampleRate));
         check(av_frame_make_writable(picture.get()), "Allocating a picture");
-        fillPicture(picture.get(), k, std::binary_search(flashes.begin(), flashes.end(), k));
+        if (s.drawPicture) {
+            s.drawPicture(k, picture->data[0], picture->linesize[0], s.width, s.height);
+            for (int p = 1; p <= 2; ++p)
+                for (int y = 0; y < s.height / 2; ++y)
+                    std::memset(picture->data[p] + static_cast<std::ptrdiff_t>(y) * picture->linesize[p], 128, static_cast<std::size_t>(s.width / 2));
+        } else {
+            fillPicture(picture.get(), k, std::binary_search(flashes.begin(), flashes.end(), k));
+        }
         picture->pts = startFrame + k;
         video.send(picture.get());
     }
@@ -338,6 +355,39 @@ void writeTestMovie(std::string const& path, TestMovieSpec const& s)
     int error = out->pb->error;
     check(avio_closep(&out->pb), "Closing \"" + path + "\"");
     check(error, "Writing \"" + path + "\"");
+}
+
+void drawFace(std::uint8_t* luma, int stride, int width, int height, double cx, double cy, double size, double mouthOpen)
+{
+    double rx = size * 0.38, ry = size * 0.5;
+    auto inEllipse = [](double x, double y, double ex, double ey, double ax, double ay) {
+        double dx = (x - ex) / ax, dy = (y - ey) / ay;
+        return dx * dx + dy * dy <= 1;
+    };
+    mouthOpen = std::clamp(mouthOpen, 0.0, 1.0);
+    int y0 = std::max(0, static_cast<int>(cy - ry) - 2), y1 = std::min(height, static_cast<int>(cy + ry) + 2);
+    int x0 = std::max(0, static_cast<int>(cx - rx) - 2), x1 = std::min(width, static_cast<int>(cx + rx) + 2);
+    for (int y = y0; y < y1; ++y) {
+        std::uint8_t* row = luma + static_cast<std::ptrdiff_t>(y) * stride;
+        for (int x = x0; x < x1; ++x) {
+            double fx = x + 0.5, fy = y + 0.5;
+            if (!inEllipse(fx, fy, cx, cy, rx, ry)) continue;
+            // Skin, lit from the front: brightest at the middle.
+            double v = 175 - 40 * std::hypot((fx - cx) / rx, (fy - cy) / ry);
+            double u = (fx - cx) / size, w = (fy - cy) / size; // face coordinates
+            for (double side : {-1.0, 1.0}) {
+                if (inEllipse(u, w, side * 0.15, -0.08, 0.075, 0.035)) v = 30;                          // eye
+                else if (inEllipse(u, w, side * 0.15, -0.08, 0.11, 0.06)) v = std::min(v, 110.0);       // eye socket
+                if (std::fabs(u - side * 0.15) < 0.1 && std::fabs(w + 0.17) < 0.015) v = 50;          // brow
+            }
+            if (std::fabs(u) < 0.03 && w > -0.05 && w < 0.1) v += 15;                                 // nose ridge
+            if (inEllipse(u, w, 0, 0.11, 0.06, 0.025)) v = std::min(v, 100.0);                        // nostrils
+            double lip = 0.015 + 0.09 * mouthOpen;
+            if (inEllipse(u, w, 0, 0.24, 0.14, lip)) v = 20 + 30 * (1 - mouthOpen);                  // mouth
+            else if (inEllipse(u, w, 0, 0.24, 0.16, lip + 0.02)) v = 95;                              // lips
+            row[x] = static_cast<std::uint8_t>(std::clamp(v, 16.0, 235.0));
+        }
+    }
 }
 
 double SyncMeasurement::worst() const

@@ -3,6 +3,7 @@
 // of sync; and the detector that measures flashes against clicks.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <vector>
@@ -16,6 +17,7 @@ struct TestMovieSpec {
     int sampleRate = 48000;
     int channels = 2;
     double flashInterval = 2.0;  // seconds between flashes
+    std::vector<double> flashTimes; // movie seconds of the flashes instead (each on its nearest frame)
     // The click that belongs to a flash at movie time T lies at unedited
     // audio time audioOffset + audioRate x T.
     double audioOffset = 0.35;
@@ -46,6 +48,12 @@ struct TestMovieSpec {
     std::string timecode;         // "01:00:00:00": a timecode track (QuickTime, MPEG-4)
     std::string videoTag;         // a codec tag for the video ("hvc1")
     int videoBitRate = 1'500'000;
+
+    // Pictures and sound of another kind (benchmarks): the grey levels of
+    // picture `frame` (chroma stays neutral), and the value of sample `n` on
+    // every channel. Flashes and clicks are then not drawn.
+    std::function<void(std::int64_t frame, std::uint8_t* luma, int stride, int width, int height)> drawPicture;
+    std::function<float(std::int64_t n)> soundSample;
 };
 
 // The movie time of every flash of a movie made from `spec` (exact frame
@@ -55,6 +63,11 @@ struct SyncMark {
     double audioTime;
 };
 std::vector<SyncMark> testMovieMarks(TestMovieSpec const& spec);
+
+// Draws a plain face into grey pixels: an oval head centred at (cx, cy),
+// `size` pixels high, with eyes, brows, a nose and a mouth that is open by
+// `mouthOpen` (0 closed ... 1 wide). The background is left as it is.
+void drawFace(std::uint8_t* luma, int stride, int width, int height, double cx, double cy, double size, double mouthOpen);
 
 // Writes the movie. Throws MediaError.
 void writeTestMovie(std::string const& path, TestMovieSpec const& spec);

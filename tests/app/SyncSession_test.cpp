@@ -150,6 +150,63 @@ TEST(SyncSession, EveryChangeOfThePointsCounts)
     EXPECT_EQ(f.changes, changes - 2); // the abandon and the one point there was (row 5 does not exist)
 }
 
+// Suggested points: rows after the points; starting one plays its offset,
+// Return keeps it as a point, Escape dismisses it; the confident ones go in
+// as one change.
+TEST(SyncSession, CandidatesBecomePointsOrGo)
+{
+    Fixture f(movie12());
+    ASSERT_TRUE(f.session);
+    f.startAt(6);
+    f.session->acceptSync();
+    int changes = f.changes;
+    f.session->setCandidates({{at(9), at(9.25), 0.8}, {at(2), at(2.25), 0.3}, {at(5), at(5.25), 0.6}});
+    ASSERT_EQ(f.session->numberOfRows(), 4);
+    EXPECT_EQ(f.session->candidateOfRow(0), -1);
+    EXPECT_EQ(f.session->candidateOfRow(1), 0); // in movie-time order
+    EXPECT_TRUE(f.session->GetOffset(1).movieTime == at(2));
+    EXPECT_NEAR(f.session->displayedOffset(3), -250, 0.01);
+    EXPECT_EQ(f.changes, changes); // suggestions change nothing yet
+    // Candidates are not edited in place.
+    EXPECT_FALSE(f.session->setRowTime(1, "3"));
+    f.session->setRowOffset(1, 10);
+    EXPECT_NEAR(f.session->GetOffset(1).offset().seconds(), -0.25, 1e-9);
+
+    // Selecting the 9 s candidate loops around it with its offset applied.
+    f.session->selectionChanged({3});
+    EXPECT_TRUE(f.session->syncInProgress());
+    EXPECT_TRUE(f.session->loopMiddle() == at(9));
+    EXPECT_EQ(f.session->syncRow(), 1);
+    EXPECT_NEAR(f.session->GetOffset(1).audioTime.seconds(), 9.25, 1e-4);
+    EXPECT_EQ(f.session->candidates().size(), 2u);
+    EXPECT_EQ(f.changes, changes + 1);
+    f.session->acceptSync();
+    ASSERT_EQ(f.session->offsets()->points().size(), 2u);
+    EXPECT_NEAR(f.session->offsets()->points()[1].audioTime.seconds(), 9.25, 1e-4);
+    EXPECT_EQ(f.changes, changes + 1);
+
+    // Escape dismisses: the candidate is gone and nothing changed.
+    f.session->startCandidate(0);
+    EXPECT_TRUE(f.session->loopMiddle() == at(2));
+    f.session->abandonSync();
+    EXPECT_EQ(f.changes, changes + 1);
+    ASSERT_EQ(f.session->candidates().size(), 1u);
+    EXPECT_EQ(f.session->offsets()->points().size(), 2u);
+
+    // Accept all confident: one change for all of them; weaker ones wait.
+    f.session->setCandidates({{at(3), at(3.25), 0.9}, {at(10), at(10.25), 0.7}, {at(11), at(11.5), 0.2}});
+    EXPECT_EQ(f.session->acceptConfident(0.95), 0);
+    EXPECT_EQ(f.changes, changes + 1);
+    EXPECT_EQ(f.session->acceptConfident(0.5), 2);
+    EXPECT_EQ(f.changes, changes + 2);
+    EXPECT_EQ(f.session->offsets()->points().size(), 4u);
+    ASSERT_EQ(f.session->candidates().size(), 1u);
+    // Deleting a candidate row dismisses it.
+    f.session->deleteSync({4});
+    EXPECT_TRUE(f.session->candidates().empty());
+    EXPECT_EQ(f.session->offsets()->points().size(), 4u);
+}
+
 TEST(SyncSession, SettingsAreReadAtEveryStep)
 {
     Fixture f(movie12());

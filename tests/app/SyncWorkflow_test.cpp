@@ -6,11 +6,14 @@
 #include "MovieDoc.h"
 #include "MovieView.h"
 #include "AppTestSupport.h"
+#include "SyncPointWindow.h"
 #include "kit/Alert.h"
 #include "kit/UserDefaults.h"
 
 #include <QDir>
 #include <QTest>
+#include <QProgressDialog>
+#include <QTimer>
 #include <QWheelEvent>
 
 #include <gtest/gtest.h>
@@ -342,3 +345,114 @@ TEST_F(App, ScreenshotOfASync)
 }
 
 } // namespace
+
+namespace {
+
+// A movie whose flashes come at irregular times, so its picture and sound
+// agree at one offset only: 0.3 s.
+std::string irregularMovie()
+{
+    auto s = smallSpec(40, 0.3, 1.0);
+    for (double t = 1.3, gap = 0.9; t < 39; t += gap, gap = gap > 2.5 ? 0.8 : gap + 0.55) s.flashTimes.push_back(t);
+    return cachedMovie("app-irregular.mov", s);
+}
+
+} // namespace
+
+// Sync > Suggest Points fills the table with greyed candidates; selecting one
+// plays its offset, Return keeps it and Escape dismisses one; Accept All
+// Confident takes the rest as one undo step. Cancel and a refusal change nothing.
+TEST_F(App, SuggestedPointsAreConfirmedOrDismissed)
+{
+    MovieDoc* doc = open(irregularMovie());
+    ASSERT_TRUE(doc);
+    AlertRecorder alerts;
+    EXPECT_TRUE(doc->validateAction("suggestPoints"));
+    EXPECT_FALSE(doc->validateAction("acceptConfident")); // nothing suggested yet
+
+    // Cancel on the progress sheet: no candidates.
+    bool cancelled = false;
+    QTimer poll;
+    QObject::connect(&poll, &QTimer::timeout, [&] {
+        if (doc->progressPanel() && !cancelled) {
+            EXPECT_FALSE(doc->validateAction("startSync")); // frozen while it looks
+            doc->progressPanel()->cancel();
+            cancelled = true;
+        }
+    });
+    poll.start(10);
+    EXPECT_TRUE(doc->performAction("suggestPoints"));
+    poll.stop();
+    EXPECT_TRUE(cancelled);
+    EXPECT_TRUE(doc->session()->candidates().empty());
+    EXPECT_TRUE(alerts.shown.empty());
+    EXPECT_FALSE(doc->isBusy());
+
+    EXPECT_TRUE(doc->performAction("suggestPoints"));
+    EXPECT_TRUE(alerts.shown.empty());
+    auto candidates = doc->session()->candidates();
+    ASSERT_GE(candidates.size(), 3u);
+    for (auto const& c : candidates) EXPECT_NEAR(c.audioTime.seconds() - c.movieTime.seconds(), 0.3, 0.01);
+    EXPECT_EQ(doc->changeCount(), 0);
+    EXPECT_FALSE(doc->canUndo());
+    // The table shows them greyed, with their confidence, not editable.
+    auto* model = doc->findInfoWindowController()->model();
+    ASSERT_EQ(model->rowCount(), static_cast<int>(candidates.size()));
+    QModelIndex confidence = model->index(0, OffsetTableModel::kConfidence);
+    EXPECT_EQ(model->data(confidence, Qt::DisplayRole).toString(), QString::number(candidates[0].confidence, 'f', 2));
+    EXPECT_EQ(model->headerData(OffsetTableModel::kConfidence, Qt::Horizontal, Qt::DisplayRole).toString(), "Confidence");
+    QColor grey = QApplication::palette().color(QPalette::Disabled, QPalette::Text);
+    EXPECT_EQ(model->data(model->index(0, OffsetTableModel::kTime), Qt::ForegroundRole).value<QBrush>().color(), grey);
+    EXPECT_FALSE(model->flags(model->index(0, OffsetTableModel::kOffset)) & Qt::ItemIsEditable);
+
+    // Selecting the first starts a sync there with its offset applied; Return keeps it.
+    doc->setSelectedRows({0});
+    ASSERT_TRUE(doc->syncInProgress());
+    EXPECT_TRUE(doc->loopMiddle() == candidates[0].movieTime);
+    EXPECT_NEAR(doc->GetOffset(doc->syncRow()).audioTime.seconds(), candidates[0].audioTime.seconds(), 1e-4);
+    focus(doc);
+    key(doc, Qt::Key_Return);
+    EXPECT_FALSE(doc->syncInProgress());
+    ASSERT_EQ(doc->offsets()->points().size(), 1u);
+    EXPECT_NEAR(doc->offsets()->points()[0].audioTime.seconds(), candidates[0].audioTime.seconds(), 1e-4);
+    EXPECT_EQ(doc->undoText(), "Add Sync Point");
+    EXPECT_EQ(doc->session()->candidates().size(), candidates.size() - 1);
+
+    // The next one, dismissed with Escape: no point, no change.
+    int points = 1, changes = doc->changeCount();
+    doc->setSelectedRows({});
+    doc->setSelectedRows({points});
+    ASSERT_TRUE(doc->syncInProgress());
+    EXPECT_TRUE(doc->loopMiddle() == candidates[1].movieTime);
+    focus(doc);
+    key(doc, Qt::Key_Escape);
+    EXPECT_FALSE(doc->syncInProgress());
+    EXPECT_EQ(doc->offsets()->points().size(), 1u);
+    EXPECT_EQ(doc->changeCount(), changes);
+    ASSERT_EQ(doc->session()->candidates().size(), candidates.size() - 2);
+
+    // Accept All Confident with the threshold of the preference: one step.
+    kit::Defaults::standard().setValue("suggestConfidence", 2.0);
+    EXPECT_FALSE(doc->validateAction("acceptConfident"));
+    kit::Defaults::standard().setValue("suggestConfidence", 0.0);
+    EXPECT_TRUE(doc->performAction("acceptConfident"));
+    kit::Defaults::standard().removeValue("suggestConfidence");
+    EXPECT_TRUE(doc->session()->candidates().empty());
+    EXPECT_EQ(doc->offsets()->points().size(), candidates.size() - 1);
+    EXPECT_EQ(doc->undoText(), "Accept Suggested Points");
+    EXPECT_NEAR(doc->offsets()->intercept(), 0.3, 0.01);
+    doc->undo();
+    EXPECT_EQ(doc->offsets()->points().size(), 1u);
+    doc->undo();
+    EXPECT_TRUE(doc->offsets()->points().empty());
+    EXPECT_TRUE(alerts.shown.empty());
+
+    // A movie whose flashes come every 2 s fits several offsets: refused, saying why.
+    MovieDoc* regular = open(movie12());
+    ASSERT_TRUE(regular);
+    EXPECT_TRUE(regular->performAction("suggestPoints"));
+    ASSERT_EQ(alerts.shown.size(), 1u);
+    EXPECT_EQ(alerts.shown[0].message, "Dubmatch has no sync points to suggest.");
+    EXPECT_TRUE(regular->session()->candidates().empty());
+    EXPECT_EQ(regular->changeCount(), 0);
+}

@@ -185,6 +185,79 @@ TEST(CliConventions, PointsFromStandardInputColourAndVersion)
     EXPECT_EQ(version.output, "dubmatch-cli " + bundleVersion + "\n");
 }
 
+// suggest and sync --auto: the points found, the refusals with their
+// reasons, all as documents of the schema.
+TEST(CliJson, SuggestAndAutoSync)
+{
+    ScratchDir dir;
+    media::TestMovieSpec spec = smallMovie();
+    spec.seconds = 60;
+    spec.audioOffset = -0.45;
+    spec.audioRate = 1.002;
+    for (double t : {1.3, 2.9, 5.2, 6.1, 8.8, 11.0, 12.4, 15.1, 16.0, 18.7, 21.2, 22.3, 24.9, 27.0, 28.4, 31.3, 32.1,
+                     34.8, 37.2, 38.0, 40.6, 43.1, 44.2, 46.9, 49.0, 50.3, 53.2, 54.1, 56.7})
+        spec.flashTimes.push_back(t);
+    std::string movie = dir.file("irregular.mov"), regular = dir.file("regular.mov");
+    media::writeTestMovie(movie, spec);
+    media::TestMovieSpec beat = smallMovie();
+    beat.seconds = 60;
+    media::writeTestMovie(regular, beat);
+    std::vector<std::pair<std::string, json>> docs;
+
+    CliRun suggest = cliStdout("suggest '" + movie + "' --json");
+    ASSERT_EQ(suggest.status, 0) << suggest.output;
+    json sg = parsed(suggest);
+    ASSERT_GE(sg["candidates"].size(), 3u);
+    for (auto const& c : sg["candidates"]) {
+        double m = c["movie_time"].get<double>();
+        EXPECT_NEAR(c["audio_time"].get<double>(), spec.audioOffset + spec.audioRate * m, 0.01) << c.dump();
+    }
+    EXPECT_NEAR(sg["line"]["slope"].get<double>(), spec.audioRate, 5e-4);
+    EXPECT_TRUE(sg["refusal"].is_null());
+    docs.push_back({"suggest", sg});
+    CliRun text = cli("suggest '" + movie + "'");
+    EXPECT_EQ(text.status, 0);
+    EXPECT_NE(text.output.find("windows agree"), std::string::npos) << text.output;
+
+    CliRun ambiguous = cliStdout("suggest '" + regular + "' --json");
+    EXPECT_EQ(ambiguous.status, 1);
+    json am = parsed(ambiguous);
+    EXPECT_TRUE(am["candidates"].empty());
+    EXPECT_TRUE(am["refusal"].is_string());
+    EXPECT_NE(am["error"].get<std::string>().find("No sync points can be suggested"), std::string::npos);
+    docs.push_back({"suggest refused", am});
+
+    CliRun autoSync = cliStdout("sync '" + movie + "' --auto --min-confidence 0.3 --dry-run --json");
+    ASSERT_EQ(autoSync.status, 0) << autoSync.output;
+    json as = parsed(autoSync);
+    EXPECT_NEAR(as["fit"]["slope"].get<double>(), spec.audioRate, 5e-4);
+    EXPECT_NEAR(as["fit"]["intercept"].get<double>(), spec.audioOffset, 0.02);
+    EXPECT_EQ(as["points"].size(), as["suggested"]["used"].get<std::size_t>());
+    docs.push_back({"sync auto", as});
+
+    // Too demanding a threshold, and a movie that suggests nothing: exit 1,
+    // saying why, and nothing written.
+    std::string out = dir.file("never.mov");
+    CliRun strict = cli("sync '" + movie + "' --auto --min-confidence 1 -o '" + out + "'");
+    EXPECT_EQ(strict.status, 1);
+    EXPECT_NE(strict.output.find("reach the confidence"), std::string::npos) << strict.output;
+    CliRun refused = cliStdout("sync '" + regular + "' --auto -o '" + out + "' --json");
+    EXPECT_EQ(refused.status, 1);
+    json rf = parsed(refused);
+    EXPECT_TRUE(rf["suggested"]["refusal"].is_string());
+    docs.push_back({"sync auto refused", rf});
+    EXPECT_FALSE(exists(out));
+
+    // --auto takes no other points; the threshold is a number from 0 to 1.
+    EXPECT_EQ(cli("sync '" + movie + "' --auto --point 1=1 --dry-run").status, 2);
+    EXPECT_EQ(cli("sync '" + movie + "' --auto --min-confidence 1.5 --dry-run").status, 2);
+    EXPECT_EQ(cli("sync '" + movie + "' --auto --min-confidence high --dry-run").status, 2);
+    EXPECT_EQ(cli("sync '" + movie + "' --min-confidence 0.5 --dry-run").status, 2);
+
+    std::string complaints = schemaComplaints(docs, dir.path());
+    EXPECT_TRUE(complaints.empty()) << complaints;
+}
+
 // The completions and the manual follow the one table of commands and options.
 TEST(CliConventions, CompletionsAndManualCoverEveryOption)
 {

@@ -1,0 +1,387 @@
+// How well suggested sync points find the truth, on a labelled set of movies
+// made here with known delay and drift:
+//   flash  - white flashes at irregular times, a click at each;
+//   cuts   - scenes of random length, each with its own sound;
+//   talk   - a drawn face whose mouth opens with speech synthesised by
+//            espeak-ng (with jitter), the face gently swaying;
+// each with a clean sound, a noise bed and a music bed (notes whose onsets
+// have nothing to do with the picture).
+//
+// Per class it prints the share of movies whose suggested line lies within
+// one frame (40 ms) and within 10 ms of the truth at every suggested point,
+// the share refused, and the share proposed wrongly (a point more than 40 ms
+// off) in all and with confidence at least 0.5 (the default of --auto).
+//
+// Seeds 1.. are the tuning set; seeds 1001.. are held out (--held-out).
+// --timing writes a 10-minute 720p movie and times the suggestion against
+// the floor of the same work: FFmpeg decoding that movie's pictures and
+// sound with two threads (ffmpeg -threads 2 -f null).
+#include "Evidence.h"
+#include "MovieFile.h"
+#include "OffsetList.h"
+#include "TestMovie.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <random>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+constexpr int kRate = 48000;
+
+struct Truth {
+    double delay, rate;
+    double at(double movie) const { return delay + rate * movie; }
+};
+
+// A bed under the sound: nothing, noise, or music whose notes start at
+// random times.
+struct Bed {
+    std::string kind;
+    std::vector<double> noteStarts;
+    std::vector<double> noteFreqs;
+    std::mt19937 rng;
+    std::normal_distribution<float> gauss{0.f, 1.f};
+
+    Bed(std::string k, double seconds, unsigned seed) : kind(std::move(k)), rng(seed)
+    {
+        std::uniform_real_distribution<double> gap(0.3, 1.2), semitone(0, 24);
+        for (double t = 0; t < seconds + 1; t += gap(rng)) {
+            noteStarts.push_back(t);
+            noteFreqs.push_back(220 * std::pow(2.0, std::floor(semitone(rng)) / 12));
+        }
+    }
+    float operator()(std::int64_t n)
+    {
+        double t = static_cast<double>(n) / kRate;
+        if (kind == "noise") return 0.06f * gauss(rng);
+        if (kind != "music") return 0.f;
+        auto it = std::upper_bound(noteStarts.begin(), noteStarts.end(), t);
+        if (it == noteStarts.begin()) return 0.f;
+        std::size_t k = static_cast<std::size_t>(it - noteStarts.begin()) - 1;
+        double age = t - noteStarts[k];
+        double env = std::min(1.0, age / 0.01) * std::exp(-age * 2.5);
+        double f = noteFreqs[k];
+        return static_cast<float>(0.12 * env * (std::sin(2 * kPi * f * t) + 0.5 * std::sin(2 * kPi * 1.5 * f * t)));
+    }
+};
+
+std::string scratch;
+
+std::vector<float> speechFromEspeak(unsigned seed, double seconds)
+{
+    static const char* sentences[] = {
+        "The morning train was late again, so we walked along the river.",
+        "Nobody knew where the old map had gone after the storm.",
+        "Please bring the blue folder and two cups of coffee.",
+        "She counted seven boats before the fog came down.",
+        "If the bridge is closed, we will take the northern road.",
+        "My grandfather built this table from a single oak.",
+        "Listen carefully, because I will only say this once.",
+        "The market opens at nine and closes when the bell rings.",
+        "They painted the kitchen yellow and the hall green.",
+        "Where did you put the keys to the garden shed?",
+        "Thunder rolled over the hills all through the night.",
+        "We should have left an hour ago, but the film was good.",
+    };
+    std::mt19937 rng(seed);
+    std::string text;
+    for (int i = 0; i < 40; ++i) text += std::string(sentences[rng() % 12]) + " ";
+    std::string wav = scratch + "/speech.wav";
+    std::string cmd = "espeak-ng -s " + std::to_string(140 + rng() % 40) + " -p " + std::to_string(35 + rng() % 30) + " -w '" + wav + "' \""
+                    + text + "\"";
+    if (std::system(cmd.c_str()) != 0) throw std::runtime_error("espeak-ng failed (install it with scripts/install-deps)");
+    std::ifstream f(wav, std::ios::binary);
+    std::vector<char> bytes((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    // RIFF: find "fmt " for the rate and "data" for 16-bit mono samples.
+    int rate = 22050;
+    std::size_t data = 0;
+    for (std::size_t i = 12; i + 8 <= bytes.size();) {
+        std::uint32_t size;
+        std::memcpy(&size, &bytes[i + 4], 4);
+        if (std::memcmp(&bytes[i], "fmt ", 4) == 0) std::memcpy(&rate, &bytes[i + 12], 4);
+        if (std::memcmp(&bytes[i], "data", 4) == 0) {
+            data = i + 8;
+            break;
+        }
+        i += 8 + size;
+    }
+    if (data == 0) throw std::runtime_error("espeak-ng wrote no sound");
+    std::size_t count = (bytes.size() - data) / 2;
+    std::vector<float> out(static_cast<std::size_t>(seconds * kRate), 0.f);
+    for (std::size_t i = 0; i < out.size(); ++i) {
+        double pos = static_cast<double>(i) * rate / kRate;
+        auto k = static_cast<std::size_t>(pos);
+        if (k + 1 >= count) break;
+        std::int16_t a, b;
+        std::memcpy(&a, &bytes[data + 2 * k], 2);
+        std::memcpy(&b, &bytes[data + 2 * k + 2], 2);
+        out[i] = static_cast<float>((a + (pos - static_cast<double>(k)) * (b - a)) / 32768.0 * 0.8);
+    }
+    return out;
+}
+
+// The value of movie-timeline sound `s` at audio sample n, through the truth.
+float alongTruth(std::vector<float> const& s, Truth const& truth, std::int64_t n)
+{
+    double m = (static_cast<double>(n) / kRate - truth.delay) / truth.rate;
+    double pos = m * kRate;
+    if (pos < 0 || pos >= static_cast<double>(s.size()) - 1) return 0.f;
+    auto i = static_cast<std::size_t>(pos);
+    return static_cast<float>(s[i] + (pos - static_cast<double>(i)) * (s[i + 1] - s[i]));
+}
+
+media::TestMovieSpec makeMovie(std::string const& cls, std::string const& bed, unsigned seed, double seconds, int width, int height,
+                               Truth& truth)
+{
+    std::seed_seq seq{seed, static_cast<unsigned>(std::hash<std::string>{}(cls)), static_cast<unsigned>(std::hash<std::string>{}(bed))};
+    std::mt19937 rng(seq);
+    std::uniform_real_distribution<double> delay(-1.5, 1.5), drift(-0.005, 0.005);
+    truth = {delay(rng), 1 + drift(rng)};
+    media::TestMovieSpec s;
+    s.seconds = seconds;
+    s.width = width;
+    s.height = height;
+    s.audioOffset = truth.delay;
+    s.audioRate = truth.rate;
+    s.videoBitRate = width * height * 4;
+    auto beds = std::make_shared<Bed>(bed, seconds, seed + 17);
+
+    if (cls == "flash") {
+        std::uniform_real_distribution<double> gap(0.7, 3.5);
+        for (double t = 1 + gap(rng); t < seconds - 1; t += gap(rng)) s.flashTimes.push_back(t);
+        std::vector<std::int64_t> clicks;
+        for (auto const& m : media::testMovieMarks(s)) clicks.push_back(std::llround(m.audioTime * kRate));
+        s.soundSample = [clicks, beds](std::int64_t n) {
+            double v = 0.02 * std::sin(2 * kPi * 220 * static_cast<double>(n) / kRate);
+            auto it = std::upper_bound(clicks.begin(), clicks.end(), n);
+            if (it != clicks.begin() && n - *(it - 1) < kRate / 200)
+                v = 0.8 * std::cos(2 * kPi * 2000 * static_cast<double>(n - *(it - 1)) / kRate);
+            return static_cast<float>(v) + (*beds)(n);
+        };
+    } else if (cls == "cuts") {
+        struct Scene {
+            double start;
+            int base, stripes;
+            double tone, hiss;
+        };
+        std::vector<Scene> scenes;
+        std::uniform_real_distribution<double> len(1.5, 6), tone(120, 900), hiss(0.02, 0.12);
+        std::uniform_int_distribution<int> base(30, 200), stripes(2, 12);
+        // Scenes start on frames: a cut is where a picture changes.
+        for (double t = 0; t < seconds + 2; t = std::round((t + len(rng)) * 25) / 25)
+            scenes.push_back({t, base(rng), stripes(rng), tone(rng), hiss(rng)});
+        auto sceneAt = [scenes](double m) {
+            auto it = std::upper_bound(scenes.begin(), scenes.end(), m, [](double t, Scene const& sc) { return t < sc.start - 1e-9; });
+            return it == scenes.begin() ? scenes.front() : *(it - 1);
+        };
+        double fps = 25;
+        s.drawPicture = [sceneAt, fps](std::int64_t k, std::uint8_t* luma, int stride, int w, int h) {
+            Scene sc = sceneAt(static_cast<double>(k) / fps);
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x) {
+                    int stripe = ((x + static_cast<int>(k)) * sc.stripes / std::max(1, w)) % 2;
+                    luma[static_cast<std::ptrdiff_t>(y) * stride + x] = static_cast<std::uint8_t>(std::clamp(sc.base + stripe * 30 - y / 8, 16, 235));
+                }
+        };
+        auto noise = std::make_shared<std::mt19937>(seed);
+        s.soundSample = [sceneAt, truth, beds, noise](std::int64_t n) {
+            double a = static_cast<double>(n) / kRate;
+            Scene sc = sceneAt((a - truth.delay) / truth.rate);
+            std::normal_distribution<double> g(0, 1);
+            double v = 0.2 * std::sin(2 * kPi * sc.tone * a) + sc.hiss * g(*noise);
+            return static_cast<float>(v) + (*beds)(n);
+        };
+    } else {
+        auto speech = std::make_shared<std::vector<float>>(speechFromEspeak(seed, seconds + 2));
+        // The mouth opens with the loudness of the speech (20 ms RMS), with
+        // jitter in time and amount.
+        std::size_t frames = static_cast<std::size_t>(seconds * 25) + 1;
+        std::vector<double> open(frames);
+        std::uniform_real_distribution<double> jitterTime(-0.02, 0.02), jitterAmount(0.85, 1.15);
+        std::vector<double> rms(frames);
+        for (std::size_t k = 0; k < frames; ++k) {
+            double m = static_cast<double>(k) / 25 + jitterTime(rng);
+            auto c = static_cast<std::ptrdiff_t>(m * kRate);
+            double sum = 0;
+            int count = 0;
+            for (std::ptrdiff_t i = c - kRate / 100; i < c + kRate / 100; ++i)
+                if (i >= 0 && static_cast<std::size_t>(i) < speech->size()) {
+                    sum += (*speech)[static_cast<std::size_t>(i)] * (*speech)[static_cast<std::size_t>(i)];
+                    ++count;
+                }
+            rms[k] = count ? std::sqrt(sum / count) : 0;
+        }
+        std::vector<double> sorted = rms;
+        std::sort(sorted.begin(), sorted.end());
+        double loud = std::max(1e-6, sorted[sorted.size() * 95 / 100]);
+        for (std::size_t k = 0; k < frames; ++k) open[k] = std::clamp(rms[k] / loud * jitterAmount(rng), 0.0, 1.0);
+        double sway = std::uniform_real_distribution<double>(0, 2 * kPi)(rng);
+        s.drawPicture = [open, sway](std::int64_t k, std::uint8_t* luma, int stride, int w, int h) {
+            for (int y = 0; y < h; ++y)
+                for (int x = 0; x < w; ++x) luma[static_cast<std::ptrdiff_t>(y) * stride + x] = static_cast<std::uint8_t>(50 + x * 60 / w);
+            double t = static_cast<double>(k) / 25;
+            double cx = w / 2.0 + w * 0.03 * std::sin(0.4 * t + sway), cy = h / 2.0 + h * 0.01 * std::sin(0.23 * t);
+            media::drawFace(luma, stride, w, h, cx, cy, h * 0.7, open[std::min(open.size() - 1, static_cast<std::size_t>(k))]);
+        };
+        s.soundSample = [speech, truth, beds](std::int64_t n) { return alongTruth(*speech, truth, n) + (*beds)(n); };
+    }
+    return s;
+}
+
+struct Outcome {
+    bool refused = true;
+    double worst = 0;         // seconds, |line - truth| over the suggested points
+    double worstConfident = 0; // the same over the points of confidence >= 0.5
+    std::size_t candidates = 0, windowCount = 0;
+    double seconds = 0;       // suggestion time
+    std::string windows;      // each window: its error against the truth and its scores
+};
+
+Outcome evaluate(std::string const& path, Truth const& truth)
+{
+    media::OpenedMovie om = media::openMovie(path);
+    OffsetList list(om.movie.get(), nullptr);
+    auto t0 = std::chrono::steady_clock::now();
+    auto got = media::suggestSyncPoints(*om.movie, *list.soundTrack());
+    Outcome o;
+    o.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    auto const& sg = got.suggestion;
+    o.refused = sg.refused();
+    o.windowCount = sg.windows.size();
+    o.candidates = sg.candidates.size();
+    for (auto const& w : sg.windows) {
+        char line[160];
+        std::snprintf(line, sizeof line, "    at %6.1f s: %+8.1f ms off, confidence %.2f (strength %.2f, distinct %.2f), %s\n", w.movieTime,
+                      (w.audioTime - truth.at(w.movieTime)) * 1000, w.confidence, w.strength, w.distinctness, w.evidence.c_str());
+        o.windows += line;
+    }
+    for (auto const& c : sg.candidates) {
+        double err = std::fabs(sg.line->at(c.movieTime) - truth.at(c.movieTime));
+        o.worst = std::max(o.worst, err);
+        if (c.confidence >= 0.5) o.worstConfident = std::max(o.worstConfident, std::fabs(c.audioTime - truth.at(c.movieTime)));
+    }
+    return o;
+}
+
+// One line of the table: the shares of a set of movies.
+void printRow(std::string const& cls, std::string const& bed, std::vector<Outcome> const& v)
+{
+    double n = static_cast<double>(v.size());
+    int in40 = 0, in10 = 0, refused = 0, wrong = 0, wrongConfident = 0;
+    double time = 0;
+    for (auto const& o : v) {
+        time += o.seconds;
+        if (o.refused) {
+            ++refused;
+            continue;
+        }
+        in40 += o.worst <= 0.040;
+        in10 += o.worst <= 0.010;
+        wrong += o.worst > 0.040;
+        wrongConfident += o.worstConfident > 0.040;
+    }
+    std::printf("%-6s %-6s %6zu %9.0f%% %9.0f%% %7.0f%% %7.0f%% %15.0f%% %9.1f\n", cls.c_str(), bed.c_str(), v.size(), 100 * in40 / n,
+                100 * in10 / n, 100 * refused / n, 100 * wrong / n, 100 * wrongConfident / n, time / n);
+}
+
+double wallSeconds(std::string const& cmd)
+{
+    auto t0 = std::chrono::steady_clock::now();
+    if (std::system(cmd.c_str()) != 0) return -1;
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    bool heldOut = false, timing = false, verbose = false;
+    int perCell = 4;
+    double seconds = 120;
+    std::vector<std::string> classes = {"flash", "cuts", "talk"};
+    for (int i = 1; i < argc; ++i) {
+        std::string a = argv[i];
+        if (a == "--held-out") heldOut = true;
+        else if (a == "--timing") timing = true;
+        else if (a == "--verbose") verbose = true;
+        else if (a == "--movies" && i + 1 < argc) perCell = std::atoi(argv[++i]);
+        else if (a == "--seconds" && i + 1 < argc) seconds = std::atof(argv[++i]);
+        else if (a == "--class" && i + 1 < argc) classes = {argv[++i]};
+        else {
+            std::fprintf(stderr, "usage: suggest [--held-out] [--movies N] [--seconds S] [--class flash|cuts|talk] [--verbose] [--timing]\n");
+            return 2;
+        }
+    }
+    char const* tmp = std::getenv("TMPDIR");
+    std::string pattern = std::string(tmp && *tmp ? tmp : "/tmp") + "/dubmatch-suggest-XXXXXX";
+    std::vector<char> buf(pattern.begin(), pattern.end());
+    buf.push_back(0);
+    if (!mkdtemp(buf.data())) {
+        std::perror("suggest: a scratch folder");
+        return 1;
+    }
+    scratch = buf.data();
+    media::setupMediaLogging();
+
+    if (timing) {
+        Truth truth{};
+        auto spec = makeMovie("flash", "music", 4242, 600, 1280, 720, truth);
+        std::string path = scratch + "/ten-minutes.mov";
+        std::printf("writing a 10-minute 1280x720 movie...\n");
+        std::fflush(stdout);
+        media::writeTestMovie(path, spec);
+        double floor = wallSeconds("ffmpeg -v error -threads 2 -i '" + path + "' -f null - ");
+        Outcome o = evaluate(path, truth);
+        std::printf("10-minute 1280x720 movie: suggestion %.1f s, ffmpeg decoding (the floor) %.1f s, ratio %.2f; %zu of %zu windows agree, "
+                    "worst error %.1f ms\n",
+                    o.seconds, floor, floor > 0 ? o.seconds / floor : 0.0, o.candidates, o.windowCount, o.worst * 1000);
+        std::remove(path.c_str());
+        rmdir(scratch.c_str());
+        return 0;
+    }
+
+    unsigned firstSeed = heldOut ? 1001 : 1;
+    std::printf("%s seeds %u..%u, %d movie(s) per class and bed, %.0f s each, 320x180\n", heldOut ? "held-out" : "tuning", firstSeed,
+                firstSeed + perCell - 1, perCell, seconds);
+    std::printf("%-6s %-6s %6s %10s %10s %8s %8s %16s %9s\n", "class", "bed", "movies", "<=40 ms", "<=10 ms", "refused", "wrong",
+                "wrong+confident", "s/movie");
+    std::map<std::string, std::vector<Outcome>> byClass;
+    for (std::string const& cls : classes) {
+        for (std::string bed : {"clean", "noise", "music"}) {
+            std::vector<Outcome> cell;
+            for (int k = 0; k < perCell; ++k) {
+                unsigned seed = firstSeed + static_cast<unsigned>(k);
+                Truth truth{};
+                auto spec = makeMovie(cls, bed, seed, seconds, 320, 180, truth);
+                std::string path = scratch + "/" + cls + "-" + bed + "-" + std::to_string(seed) + ".mov";
+                media::writeTestMovie(path, spec);
+                Outcome o = evaluate(path, truth);
+                std::remove(path.c_str());
+                if (verbose)
+                    std::printf("  %s %s seed %u: delay %+.3f rate %.5f: %s, %zu/%zu windows, worst %.1f ms\n", cls.c_str(), bed.c_str(), seed,
+                                truth.delay, truth.rate, o.refused ? "refused" : "suggested", o.candidates, o.windowCount, o.worst * 1000);
+                if (verbose) std::printf("%s", o.windows.c_str());
+                cell.push_back(o);
+                byClass[cls].push_back(o);
+            }
+            printRow(cls, bed, cell);
+            std::fflush(stdout);
+        }
+    }
+    std::printf("per class:\n");
+    for (std::string const& cls : classes) printRow(cls, "all", byClass[cls]);
+    rmdir(scratch.c_str());
+    return 0;
+}

@@ -1,0 +1,496 @@
+#include "Suggest.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <complex>
+#include <numeric>
+
+namespace suggest {
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+
+// In-place radix-2 FFT of a power-of-two length.
+void fft(std::vector<std::complex<float>>& a)
+{
+    std::size_t n = a.size();
+    for (std::size_t i = 1, j = 0; i < n; ++i) {
+        std::size_t bit = n >> 1;
+        for (; j & bit; bit >>= 1) j ^= bit;
+        j ^= bit;
+        if (i < j) std::swap(a[i], a[j]);
+    }
+    for (std::size_t len = 2; len <= n; len <<= 1) {
+        double ang = -2 * kPi / static_cast<double>(len);
+        std::complex<float> wl(static_cast<float>(std::cos(ang)), static_cast<float>(std::sin(ang)));
+        for (std::size_t i = 0; i < n; i += len) {
+            std::complex<float> w(1, 0);
+            for (std::size_t k = 0; k < len / 2; ++k) {
+                auto u = a[i + k], v = a[i + k + len / 2] * w;
+                a[i + k] = u + v;
+                a[i + k + len / 2] = u - v;
+                w *= wl;
+            }
+        }
+    }
+}
+
+} // namespace
+
+SoundEnvelopes soundEnvelopes(float const* samples, std::size_t count, int sampleRate)
+{
+    SoundEnvelopes out;
+    out.onset.rate = out.speech.rate = 1.0 / kHopSeconds;
+    if (sampleRate <= 0 || count == 0) return out;
+    auto hop = static_cast<std::size_t>(std::lround(sampleRate * kHopSeconds));
+    std::size_t n = 1;
+    while (n < 2 * hop) n <<= 1;
+    std::vector<float> window(n);
+    for (std::size_t i = 0; i < n; ++i) window[i] = static_cast<float>(0.5 - 0.5 * std::cos(2 * kPi * (static_cast<double>(i) + 0.5) / n));
+    std::size_t bins = n / 2;
+    double binHz = static_cast<double>(sampleRate) / static_cast<double>(n);
+    auto lowBin = static_cast<std::size_t>(std::ceil(300 / binHz));
+    auto highBin = std::min(bins, static_cast<std::size_t>(3400 / binHz) + 1);
+    std::size_t hops = (count + hop - 1) / hop;
+    out.onset.values.assign(hops, 0.f);
+    out.speech.values.assign(hops, 0.f);
+    // The flux is taken over bands a third of an octave wide (one bin at
+    // least) rather than over single bins: noise makes every bin flicker,
+    // while a band's energy holds still until the sound changes.
+    std::vector<std::size_t> edges = {1};
+    for (double f = 50; f < std::min(16000.0, sampleRate / 2.0); f *= 1.26) {
+        auto b = std::min(bins, static_cast<std::size_t>(f / binHz));
+        if (b > edges.back()) edges.push_back(b);
+    }
+    if (edges.back() < bins) edges.push_back(bins);
+    std::size_t bands = edges.size() - 1;
+    std::vector<std::complex<float>> buf(n);
+    std::vector<float> previous(bands, 0.f), current(bands);
+    std::vector<float> levels(hops * bands); // band levels of every hop, for the changes
+    // Frame h is centred on sample h x hop. Its flux is the rise from frame
+    // h-1, which sees the sound up to half a window later than frame h-1's
+    // centre: the rise belongs between the two frames' leading edges, so it
+    // is placed a quarter window after the centre of frame h-1.
+    for (std::size_t h = 0; h < hops; ++h) {
+        auto centre = static_cast<std::ptrdiff_t>(h * hop);
+        for (std::size_t i = 0; i < n; ++i) {
+            std::ptrdiff_t s = centre - static_cast<std::ptrdiff_t>(n / 2) + static_cast<std::ptrdiff_t>(i);
+            float v = s >= 0 && static_cast<std::size_t>(s) < count ? samples[s] : 0.f;
+            buf[i] = {v * window[i], 0.f};
+        }
+        fft(buf);
+        double flux = 0, band = 0;
+        for (std::size_t b = 0; b < bands; ++b) {
+            double power = 0;
+            for (std::size_t k = edges[b]; k < edges[b + 1]; ++k) {
+                double p = std::norm(buf[k]);
+                power += p;
+                if (k >= lowBin && k < highBin) band += p;
+            }
+            current[b] = static_cast<float>(std::log1p(100 * std::sqrt(power / static_cast<double>(edges[b + 1] - edges[b]))));
+            if (h > 0) flux += std::max(0.f, current[b] - previous[b]);
+            levels[h * bands + b] = current[b];
+        }
+        out.onset.values[h] = static_cast<float>(flux / static_cast<double>(bands));
+        out.speech.values[h] = static_cast<float>(std::sqrt(2 * band) / static_cast<double>(n));
+        std::swap(previous, current);
+    }
+    // Flux between frames h-1 and h, placed a quarter window into the newly
+    // seen sound: start = (quarter window - hop) in seconds, relative to
+    // frame h's centre at h x hop.
+    out.onset.start = (static_cast<double>(n) / 4 - static_cast<double>(hop)) / sampleRate + 0.006;
+    out.speech.start = 0;
+
+    // Changes: the 4 hops from h against the 4 before, per band; the two
+    // blocks meet half a hop before frame h's centre. A change must last:
+    // each band's step is at most the step between the medians of the 7
+    // hops either side, which a click (3 hops at most) does not move.
+    constexpr std::size_t kBlock = 4, kMedian = 7;
+    out.change.rate = out.onset.rate;
+    out.change.start = -0.5 * kHopSeconds;
+    out.change.values.assign(hops, 0.f);
+    std::array<float, kMedian> run{};
+    auto median = [&](std::size_t first, std::size_t b) {
+        for (std::size_t k = 0; k < kMedian; ++k) run[k] = levels[(first + k) * bands + b];
+        std::nth_element(run.begin(), run.begin() + kMedian / 2, run.end());
+        return static_cast<double>(run[kMedian / 2]);
+    };
+    for (std::size_t h = kMedian; h + kMedian <= hops; ++h) {
+        double total = 0;
+        for (std::size_t b = 0; b < bands; ++b) {
+            double before = 0, after = 0;
+            for (std::size_t k = 0; k < kBlock; ++k) {
+                before += levels[(h - 1 - k) * bands + b];
+                after += levels[(h + k) * bands + b];
+            }
+            double step = std::fabs(after - before) / kBlock;
+            total += std::min(step, std::fabs(median(h, b) - median(h - kMedian, b)));
+        }
+        out.change.values[h] = static_cast<float>(total / static_cast<double>(bands));
+    }
+    return out;
+}
+
+void FrameChangeBuilder::place(double seconds, float value)
+{
+    env_.rate = rate_;
+    double pos = seconds * rate_;
+    if (pos < 0) return;
+    auto i = static_cast<std::size_t>(std::floor(pos));
+    if (env_.values.size() < i + 2) env_.values.resize(i + 2, 0.f);
+    double frac = pos - static_cast<double>(i);
+    env_.values[i] += static_cast<float>((1 - frac) * value);
+    env_.values[i + 1] += static_cast<float>(frac * value);
+}
+
+void FrameChangeBuilder::add(double seconds, std::uint8_t const* pixels, int width, int height, int stride)
+{
+    auto size = static_cast<std::size_t>(width) * static_cast<std::size_t>(height);
+    if (previous_.size() != size) {
+        previous_.clear();
+        beforePrevious_.clear();
+    }
+    float change = 0.f;
+    if (!previous_.empty()) {
+        change = differenceEnergy(pixels, stride, previous_.data(), width, width, height);
+        if (!beforePrevious_.empty()) change = std::min(change, differenceEnergy(pixels, stride, beforePrevious_.data(), width, width, height));
+    }
+    place(seconds, change);
+    std::swap(previous_, beforePrevious_);
+    previous_.resize(size);
+    for (int y = 0; y < height; ++y)
+        std::copy_n(pixels + static_cast<std::ptrdiff_t>(y) * stride, width,
+                    previous_.begin() + static_cast<std::ptrdiff_t>(y) * width);
+}
+
+void FrameChangeBuilder::addValue(double seconds, float value) { place(seconds, value); }
+
+void FrameChangeBuilder::finish(double seconds)
+{
+    env_.rate = rate_;
+    auto n = static_cast<std::size_t>(std::max(0.0, std::ceil(seconds * rate_)));
+    if (env_.values.size() < n) env_.values.resize(n, 0.f);
+}
+
+float differenceEnergy(std::uint8_t const* a, int strideA, std::uint8_t const* b, int strideB, int width, int height)
+{
+    if (width <= 0 || height <= 0) return 0.f;
+    double sum = 0;
+    for (int y = 0; y < height; ++y) {
+        std::uint8_t const* ra = a + static_cast<std::ptrdiff_t>(y) * strideA;
+        std::uint8_t const* rb = b + static_cast<std::ptrdiff_t>(y) * strideB;
+        for (int x = 0; x < width; ++x) sum += std::abs(ra[x] - rb[x]);
+    }
+    return static_cast<float>(sum / (static_cast<double>(width) * height));
+}
+
+Envelope events(Envelope const& e, double seconds)
+{
+    Envelope out = e;
+    auto half = static_cast<std::ptrdiff_t>(std::max(1.0, seconds * e.rate / 2));
+    auto n = static_cast<std::ptrdiff_t>(e.values.size());
+    std::vector<double> prefix(e.values.size() + 1, 0.0);
+    for (std::ptrdiff_t i = 0; i < n; ++i) prefix[static_cast<std::size_t>(i + 1)] = prefix[static_cast<std::size_t>(i)] + e.values[static_cast<std::size_t>(i)];
+    for (std::ptrdiff_t i = 0; i < n; ++i) {
+        std::ptrdiff_t lo = std::max<std::ptrdiff_t>(0, i - half), hi = std::min(n, i + half + 1);
+        double mean = (prefix[static_cast<std::size_t>(hi)] - prefix[static_cast<std::size_t>(lo)]) / static_cast<double>(hi - lo);
+        out.values[static_cast<std::size_t>(i)] = static_cast<float>(std::max(0.0, e.values[static_cast<std::size_t>(i)] - mean));
+    }
+    return out;
+}
+
+Envelope peaks(Envelope const& e, double seconds, double spread)
+{
+    Envelope out = e;
+    std::fill(out.values.begin(), out.values.end(), 0.f);
+    auto n = static_cast<std::ptrdiff_t>(e.values.size());
+    auto half = static_cast<std::ptrdiff_t>(std::max(2.0, seconds * e.rate / 2));
+    std::vector<double> sum(e.values.size() + 1, 0.0), squares(e.values.size() + 1, 0.0);
+    for (std::ptrdiff_t i = 0; i < n; ++i) {
+        double v = e.values[static_cast<std::size_t>(i)];
+        sum[static_cast<std::size_t>(i + 1)] = sum[static_cast<std::size_t>(i)] + v;
+        squares[static_cast<std::size_t>(i + 1)] = squares[static_cast<std::size_t>(i)] + v * v;
+    }
+    auto at = [&](std::ptrdiff_t i) { return i < 0 || i >= n ? 0.0 : static_cast<double>(e.values[static_cast<std::size_t>(i)]); };
+    for (std::ptrdiff_t i = 0; i < n; ++i) {
+        double v = at(i);
+        if (v < at(i - 1) || v < at(i + 1) || v < at(i - 2) || v < at(i + 2)) continue;
+        std::ptrdiff_t lo = std::max<std::ptrdiff_t>(0, i - half), hi = std::min(n, i + half + 1);
+        auto count = static_cast<double>(hi - lo);
+        double mean = (sum[static_cast<std::size_t>(hi)] - sum[static_cast<std::size_t>(lo)]) / count;
+        double var = (squares[static_cast<std::size_t>(hi)] - squares[static_cast<std::size_t>(lo)]) / count - mean * mean;
+        if (v <= mean + spread * std::sqrt(std::max(0.0, var))) continue;
+        for (std::ptrdiff_t j = std::max<std::ptrdiff_t>(0, i - 1); j <= std::min(n - 1, i + 1); ++j)
+            out.values[static_cast<std::size_t>(j)] = static_cast<float>(std::max(0.0, at(j) - mean));
+    }
+    return out;
+}
+
+double Peak::distinctness() const
+{
+    if (strength <= 0) return 0;
+    return std::clamp(1 - std::max(0.0, runnerUp) / strength, 0.0, 1.0);
+}
+
+double Peak::confidence() const { return std::sqrt(std::clamp(strength, 0.0, 1.0)) * distinctness(); }
+
+namespace {
+
+// Linear interpolation of an envelope at a time; zero outside.
+double sampleAt(Envelope const& e, double seconds)
+{
+    double pos = (seconds - e.start) * e.rate;
+    if (pos < 0 || pos > static_cast<double>(e.values.size()) - 1) return 0;
+    auto i = static_cast<std::size_t>(pos);
+    double f = pos - static_cast<double>(i);
+    double a = e.values[i], b = i + 1 < e.values.size() ? e.values[i + 1] : a;
+    return a + f * (b - a);
+}
+
+// As correlate(), with the sound read along a slope about the window's
+// centre: picture(t) against sound(c + slope (t - c) + lag).
+Correlation correlateAlong(Envelope const& picture, Envelope const& sound, double windowStart, double windowSeconds, double maxLag,
+                           double slope)
+{
+    Correlation c;
+    double rate = picture.rate;
+    c.step = 1 / rate;
+    auto lags = static_cast<int>(std::lround(maxLag * rate));
+    c.firstLag = -lags * c.step;
+    auto n = static_cast<std::size_t>(std::lround(windowSeconds * rate));
+    if (n < 4) return c;
+    std::vector<double> x(n), y(n);
+    double centre = windowStart + windowSeconds / 2;
+    for (std::size_t i = 0; i < n; ++i) x[i] = sampleAt(picture, windowStart + static_cast<double>(i) / rate);
+    double mx = std::accumulate(x.begin(), x.end(), 0.0) / static_cast<double>(n);
+    double sxx = 0;
+    for (double& v : x) {
+        v -= mx;
+        sxx += v * v;
+    }
+    c.values.assign(static_cast<std::size_t>(2 * lags + 1), 0.0);
+    if (sxx <= 0) return c;
+    for (int l = -lags; l <= lags; ++l) {
+        double lag = l * c.step;
+        double my = 0;
+        for (std::size_t i = 0; i < n; ++i) {
+            double t = windowStart + static_cast<double>(i) / rate;
+            y[i] = sampleAt(sound, centre + slope * (t - centre) + lag);
+            my += y[i];
+        }
+        my /= static_cast<double>(n);
+        double sxy = 0, syy = 0;
+        for (std::size_t i = 0; i < n; ++i) {
+            double d = y[i] - my;
+            sxy += x[i] * d;
+            syy += d * d;
+        }
+        c.values[static_cast<std::size_t>(l + lags)] = syy > 0 ? sxy / std::sqrt(sxx * syy) : 0.0;
+    }
+    return c;
+}
+
+} // namespace
+
+Correlation correlate(Envelope const& picture, Envelope const& sound, double windowStart, double windowSeconds, double maxLag)
+{
+    return correlateAlong(picture, sound, windowStart, windowSeconds, maxLag, 1.0);
+}
+
+std::optional<Peak> findPeak(Correlation const& c, double exclusion)
+{
+    if (c.values.size() < 3) return std::nullopt;
+    auto best = static_cast<std::size_t>(std::max_element(c.values.begin(), c.values.end()) - c.values.begin());
+    if (!(c.values[best] > 0)) return std::nullopt;
+    Peak p;
+    p.strength = c.values[best];
+    double shift = 0;
+    if (best > 0 && best + 1 < c.values.size()) {
+        double a = c.values[best - 1], b = c.values[best], d = c.values[best + 1];
+        double denom = a - 2 * b + d;
+        if (denom < 0) shift = std::clamp(0.5 * (a - d) / denom, -0.5, 0.5);
+        p.strength = b - 0.25 * (a - d) * shift;
+    }
+    p.lag = c.firstLag + (static_cast<double>(best) + shift) * c.step;
+    // The runner-up: the best local maximum beyond the exclusion zone.
+    p.runnerUp = 0;
+    for (std::size_t i = 0; i < c.values.size(); ++i) {
+        double lag = c.firstLag + static_cast<double>(i) * c.step;
+        if (std::fabs(lag - p.lag) <= exclusion) continue;
+        bool localMax = (i == 0 || c.values[i] >= c.values[i - 1]) && (i + 1 == c.values.size() || c.values[i] >= c.values[i + 1]);
+        if (localMax) p.runnerUp = std::max(p.runnerUp, c.values[i]);
+    }
+    return p;
+}
+
+std::optional<Line> consensusLine(std::vector<LocalOffset> const& offsets, double tolerance, double minSlope, double maxSlope)
+{
+    std::size_t n = offsets.size();
+    std::optional<Line> best;
+    double bestSpread = 0;
+    auto consider = [&](double slope, double intercept) {
+        Line line{slope, intercept, {}};
+        double spread = 0;
+        for (std::size_t k = 0; k < n; ++k) {
+            double r = std::fabs(line.at(offsets[k].movieTime) - offsets[k].audioTime);
+            if (r <= tolerance) {
+                line.inliers.push_back(k);
+                spread += r;
+            }
+        }
+        if (!best || line.inliers.size() > best->inliers.size() || (line.inliers.size() == best->inliers.size() && spread < bestSpread)) {
+            best = line;
+            bestSpread = spread;
+        }
+    };
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t j = i + 1; j < n; ++j) {
+            double dm = offsets[j].movieTime - offsets[i].movieTime;
+            if (std::fabs(dm) < 1e-9) continue;
+            double slope = (offsets[j].audioTime - offsets[i].audioTime) / dm;
+            if (slope < minSlope || slope > maxSlope) continue;
+            consider(slope, offsets[i].audioTime - slope * offsets[i].movieTime);
+        }
+    if (!best || best->inliers.size() < 2) return std::nullopt;
+    // Least squares through the agreeing offsets; they must still agree.
+    double sm = 0, sa = 0;
+    for (auto k : best->inliers) {
+        sm += offsets[k].movieTime;
+        sa += offsets[k].audioTime;
+    }
+    auto count = static_cast<double>(best->inliers.size());
+    double mm = sm / count, ma = sa / count, smm = 0, sma = 0;
+    for (auto k : best->inliers) {
+        smm += (offsets[k].movieTime - mm) * (offsets[k].movieTime - mm);
+        sma += (offsets[k].movieTime - mm) * (offsets[k].audioTime - ma);
+    }
+    if (smm > 0) {
+        double slope = sma / smm;
+        if (slope >= minSlope && slope <= maxSlope) {
+            Line refit{slope, ma - slope * mm, {}};
+            bool allAgree = true;
+            for (auto k : best->inliers)
+                allAgree = allAgree && std::fabs(refit.at(offsets[k].movieTime) - offsets[k].audioTime) <= tolerance;
+            if (allAgree) {
+                refit.inliers = best->inliers;
+                return refit;
+            }
+        }
+    }
+    return best;
+}
+
+std::vector<double> windowStarts(double duration, Settings const& s)
+{
+    std::vector<double> starts;
+    double length = std::min(s.windowSeconds, duration);
+    if (length <= 2 * s.maxLag || duration <= 0) return starts;
+    double span = duration - length;
+    double step = s.windowStep;
+    if (s.minWindows > 1 && span / step + 1 < s.minWindows) step = span / (s.minWindows - 1);
+    if (step <= 0) return {0.0};
+    for (double t = 0; t <= span + 1e-9; t += step) starts.push_back(t);
+    return starts;
+}
+
+namespace {
+
+// Changes of speech energy, either way: what a moving mouth goes with.
+Envelope speechChanges(Envelope const& speech)
+{
+    Envelope out = speech;
+    for (std::size_t i = 0; i < speech.values.size(); ++i) {
+        float before = speech.values[i == 0 ? 0 : i - 1];
+        float after = speech.values[std::min(i + 1, speech.values.size() - 1)];
+        out.values[i] = std::fabs(after - before) / 2;
+    }
+    return out;
+}
+
+bool anyInWindow(Envelope const& e, double start, double seconds)
+{
+    for (double t = start; t < start + seconds; t += 1 / e.rate)
+        if (sampleAt(e, t) > 0) return true;
+    return false;
+}
+
+std::vector<LocalOffset> measureWindows(Evidence const& ev, Envelope const& changes, Envelope const& onsets, Envelope const& soundChanges,
+                                        Envelope const& mouth,
+                                        Envelope const& speech, Settings const& s, std::vector<double> const& slopes)
+{
+    std::vector<LocalOffset> out;
+    double length = std::min(s.windowSeconds, ev.duration);
+    for (double start : windowStarts(ev.duration, s)) {
+        std::optional<LocalOffset> best;
+        auto measure = [&](Envelope const& picture, Envelope const& sound, char const* what) {
+            for (double slope : slopes) {
+                auto peak = findPeak(correlateAlong(picture, sound, start, length, s.maxLag, slope), 2 * s.frameSeconds);
+                if (!peak) continue;
+                double centre = start + length / 2;
+                LocalOffset o{centre, centre + peak->lag, peak->confidence(), peak->strength, peak->distinctness(), what};
+                if (!best || o.confidence > best->confidence) best = o;
+            }
+        };
+        measure(changes, onsets, "picture changes and sound onsets");
+        if (!soundChanges.values.empty()) measure(changes, soundChanges, "picture changes and changes of sound");
+        if (!mouth.values.empty() && anyInWindow(mouth, start, length)) measure(mouth, speech, "mouth motion and speech");
+        if (best) out.push_back(*best);
+    }
+    return out;
+}
+
+} // namespace
+
+Suggestion suggestPoints(Evidence const& ev, Settings const& s)
+{
+    Suggestion out;
+    Envelope changes = peaks(ev.frameChange), onsets = peaks(ev.onset);
+    Envelope soundChanges = ev.soundChange.values.empty() ? Envelope{} : peaks(ev.soundChange);
+    Envelope mouth = ev.mouth.values.empty() ? Envelope{} : events(ev.mouth);
+    Envelope speech = ev.speech.values.empty() ? Envelope{} : events(speechChanges(ev.speech));
+    if (windowStarts(ev.duration, s).empty()) {
+        out.refusal = "the movie is too short to compare its picture with its sound";
+        return out;
+    }
+    // First pass at the nominal rate; when a line is found, the windows are
+    // measured again along its slope, so that drift does not smear a window.
+    std::vector<double> slopes = {1.0};
+    for (double d = s.driftStep; s.driftStep > 0 && d <= s.maxDrift + 1e-12; d += s.driftStep) {
+        slopes.push_back(1 + d);
+        slopes.push_back(1 - d);
+    }
+    Suggestion firstPass;
+    for (int pass = 0; pass < 2; ++pass) {
+        if (pass == 1) firstPass = out;
+        out.windows = measureWindows(ev, changes, onsets, soundChanges, mouth, speech, s, slopes);
+        std::vector<LocalOffset> confident;
+        for (auto const& w : out.windows)
+            if (w.confidence >= s.minConfidence) confident.push_back(w);
+        out.candidates.clear();
+        out.line.reset();
+        if (confident.size() < 2) {
+            if (pass == 1) return firstPass;
+            out.refusal = "only " + std::to_string(confident.size()) + " of " + std::to_string(out.windows.size())
+                          + " windows show a clear offset between picture and sound";
+            return out;
+        }
+        auto line = consensusLine(confident, s.tolerance);
+        // Agreement must be the rule, not a coincidence among disagreeing windows.
+        if (!line || 2 * line->inliers.size() <= confident.size()) {
+            if (pass == 1) return firstPass;
+            std::size_t agree = line ? line->inliers.size() : 1;
+            out.refusal = "the windows disagree: at most " + std::to_string(agree) + " of " + std::to_string(confident.size())
+                          + " clear offsets lie on one line";
+            return out;
+        }
+        for (auto k : line->inliers) out.candidates.push_back(confident[k]);
+        out.line = line;
+        out.refusal.clear();
+        slopes = {line->slope};
+    }
+    return out;
+}
+
+} // namespace suggest

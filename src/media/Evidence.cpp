@@ -1,0 +1,182 @@
+#include "Evidence.h"
+
+#include "AudioRenderer.h"
+#include "Codec.h"
+#include "FaceFinder.h"
+#include "WriteProgress.h"
+
+#include <cmath>
+#include <optional>
+
+namespace media {
+
+namespace {
+
+std::shared_ptr<const FileMedia> fileMediaOf(dm::Track const& t, char const* what)
+{
+    auto m = std::dynamic_pointer_cast<const FileMedia>(t.media());
+    if (!m) throw MediaError(std::string("The ") + what + " cannot be read for suggestions.");
+    return m;
+}
+
+// The timeline seconds at which a media tick of `track` plays, through its
+// edits; nullopt where the tick is not played.
+std::optional<double> timelineSeconds(dm::Track const& track, std::int64_t mediaTick)
+{
+    auto edits = track.editList();
+    auto const& segs = edits->segments();
+    auto const& starts = edits->starts();
+    for (std::size_t i = 0; i < segs.size(); ++i) {
+        auto const& s = segs[i];
+        if (s.isEmpty() || mediaTick < s.mediaStart || mediaTick >= s.mediaStart + s.mediaLength) continue;
+        double inSegment = static_cast<double>(mediaTick - s.mediaStart) * static_cast<double>(s.duration) / static_cast<double>(s.mediaLength);
+        return (static_cast<double>(starts[i]) + inSegment) / track.timeScale();
+    }
+    return std::nullopt;
+}
+
+// The unedited sound as mono samples from audio time 0, read through the
+// track's edits in short pieces (empty time reads as silence).
+std::vector<float> monoSound(dm::Track const& sound, FileMedia const& media, AudioDecoder& decoder, ProgressReporter& progress,
+                             double share)
+{
+    int rate = decoder.sampleRate();
+    double seconds = static_cast<double>(sound.editList()->duration()) / sound.timeScale();
+    auto total = static_cast<std::size_t>(std::max(0.0, seconds * rate));
+    std::vector<float> mono(total, 0.f);
+    constexpr int kPiece = 4800;
+    int channels = decoder.channels();
+    PcmBuffer buf(channels, kPiece);
+    std::vector<float*> ptrs;
+    for (auto& c : buf.channels) ptrs.push_back(c.data());
+    double mediaPerSample = static_cast<double>(media.timeScale) / rate;
+    for (std::size_t first = 0; first < total; first += kPiece) {
+        progress.update(share * static_cast<double>(first) / static_cast<double>(total));
+        auto at = sound.lookup(myQTTime(static_cast<long long>(first), rate));
+        if (!at || at->segment.isEmpty()) continue;
+        auto start = static_cast<std::int64_t>(std::llround(at->mediaTime / mediaPerSample));
+        int count = static_cast<int>(std::min<std::size_t>(kPiece, total - first));
+        decoder.read(start, count, ptrs.data());
+        for (int i = 0; i < count; ++i) {
+            float sum = 0;
+            for (int c = 0; c < channels; ++c) sum += buf.channels[static_cast<std::size_t>(c)][static_cast<std::size_t>(i)];
+            mono[first + static_cast<std::size_t>(i)] = sum / static_cast<float>(std::max(1, channels));
+        }
+    }
+    return mono;
+}
+
+} // namespace
+
+dm::TrackPtr enabledVideoTrack(dm::Movie const& movie)
+{
+    for (auto const& t : movie.tracks())
+        if (t->isEnabled() && t->mediaType() == dm::MediaType::Video) return t;
+    return nullptr;
+}
+
+MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, double duration, Progress const& progress,
+                             std::atomic<bool> const* stop, EvidenceOptions const& options)
+{
+    ProgressReporter report(progress, "Looking for sync points", stop);
+    MovieEvidence out;
+    out.evidence.duration = duration;
+    constexpr double kSoundShare = 0.1;
+
+    // Sound first: it is the cheaper half.
+    auto smedia = fileMediaOf(unedited, "sound track");
+    {
+        AudioDecoder decoder(smedia);
+        std::vector<float> mono = monoSound(unedited, *smedia, decoder, report, kSoundShare);
+        auto envs = suggest::soundEnvelopes(mono.data(), mono.size(), decoder.sampleRate());
+        out.evidence.onset = std::move(envs.onset);
+        out.evidence.speech = std::move(envs.speech);
+        out.evidence.soundChange = std::move(envs.change);
+    }
+
+    auto vmedia = fileMediaOf(video, "video track");
+    if (vmedia->width <= 0 || vmedia->height <= 0) throw MediaError("The video track has no picture size.");
+    VideoDecoder decoder(vmedia);
+    // Pictures are looked at small: the deblocking filter is not worth its time.
+    decoder.context()->skip_loop_filter = AVDISCARD_ALL;
+    if (vmedia->frameRate.num > 0 && vmedia->frameRate.den > 0) out.frameSeconds = av_q2d(av_inv_q(vmedia->frameRate));
+
+    auto evenSize = [&](int width) {
+        int w = std::max(16, std::min(width, vmedia->width)) & ~1;
+        int h = std::max(2, static_cast<int>(std::lround(static_cast<double>(w) * vmedia->height / vmedia->width)) & ~1);
+        return std::pair{w, h};
+    };
+    auto [pw, ph] = evenSize(options.pictureWidth);
+    auto [fw, fh] = evenSize(options.faceWidth);
+
+    std::unique_ptr<FaceFinder> faces;
+    if (options.findFaces) faces = makeFaceFinder(&out.faceNote);
+    suggest::FrameChangeBuilder changes, mouth;
+    std::vector<std::uint8_t> small(static_cast<std::size_t>(pw * ph)), face(static_cast<std::size_t>(fw * fh)),
+        previousFace(face.size());
+    bool havePreviousFace = false;
+    std::optional<FaceBox> box;
+    double nextSearch = -1, boxSeen = 0;
+    Scaler toSmall, toFace;
+    Frame f = makeFrame();
+    while (decoder.next(f.get())) {
+        std::int64_t pts = f->best_effort_timestamp != AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts;
+        auto when = pts == AV_NOPTS_VALUE ? std::nullopt : timelineSeconds(video, vmedia->ticksFromPts(pts));
+        if (!when) {
+            av_frame_unref(f.get());
+            continue;
+        }
+        double t = *when;
+        ++out.frames;
+        report.update(kSoundShare + (1 - kSoundShare) * std::clamp(t / std::max(duration, 1e-9), 0.0, 1.0));
+        toSmall.convertInto(f.get(), pw, ph, AV_PIX_FMT_GRAY8, small.data(), pw, SWS_AREA);
+        changes.add(t, small.data(), pw, ph, pw);
+        if (faces) {
+            toFace.convertInto(f.get(), fw, fh, AV_PIX_FMT_GRAY8, face.data(), fw, SWS_AREA);
+            if (t >= nextSearch) {
+                // A face missed once (a blink, an open mouth) is kept for a
+                // few searches: faces do not vanish between two pictures.
+                auto found = faces->find(face.data(), fw, fh, fw);
+                if (!found.empty()) {
+                    box = found.front();
+                    boxSeen = t;
+                } else if (t - boxSeen > 3 * options.faceInterval) {
+                    box.reset();
+                }
+                nextSearch = t + options.faceInterval;
+            }
+            FaceBox m = box ? mouthRegion(*box, fw, fh) : FaceBox{};
+            if (box && havePreviousFace && m.area() > 0) {
+                std::size_t offset = static_cast<std::size_t>(m.y) * static_cast<std::size_t>(fw) + static_cast<std::size_t>(m.x);
+                // The motion between two pictures happened between them.
+                mouth.addValue(t - out.frameSeconds / 2, suggest::differenceEnergy(face.data() + offset, fw, previousFace.data() + offset, fw, m.width, m.height));
+                ++out.framesWithFace;
+            }
+            std::swap(face, previousFace);
+            havePreviousFace = true;
+        }
+        av_frame_unref(f.get());
+    }
+    changes.finish(duration);
+    out.evidence.frameChange = changes.envelope();
+    if (out.framesWithFace > 0) {
+        mouth.finish(duration);
+        out.evidence.mouth = mouth.envelope();
+    }
+    report.end();
+    return out;
+}
+
+SuggestedPoints suggestSyncPoints(dm::Movie const& movie, dm::Track const& unedited, Progress const& progress,
+                                  std::atomic<bool> const* stop, suggest::Settings settings, EvidenceOptions const& options)
+{
+    auto video = enabledVideoTrack(movie);
+    if (!video) throw MediaError("The movie has no enabled video track: there is no picture to match the sound to.");
+    SuggestedPoints out;
+    out.evidence = gatherEvidence(*video, unedited, movie.duration().seconds(), progress, stop, options);
+    settings.frameSeconds = out.evidence.frameSeconds;
+    out.suggestion = suggest::suggestPoints(out.evidence.evidence, settings);
+    return out;
+}
+
+} // namespace media

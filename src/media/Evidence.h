@@ -1,0 +1,51 @@
+// The evidence for suggested sync points, read from a movie's streams at
+// reduced size: sound onsets and speech energy from the unedited sound,
+// picture changes and mouth motion from the enabled video. Runs on any one
+// thread (it opens its own decoders); progress and stop as for saves.
+#pragma once
+
+#include "MovieFile.h"
+#include "MovieWriter.h"
+#include "Suggest.h"
+
+#include <atomic>
+#include <string>
+
+namespace media {
+
+struct EvidenceOptions {
+    int pictureWidth = 160;    // frame changes are measured at this width
+    int faceWidth = 320;       // faces are searched for and mouths watched at this width
+    double faceInterval = 0.5; // seconds between face searches
+    bool findFaces = true;
+};
+
+struct MovieEvidence {
+    suggest::Evidence evidence;
+    double frameSeconds = 0.04; // one frame of the video
+    long frames = 0;            // pictures read
+    long framesWithFace = 0;    // pictures where a mouth was watched
+    std::string faceNote;       // why no faces were searched for, if so
+};
+
+// The evidence of `video` (movie time) and `unedited` (the sound as it was
+// before any sync, audio time), over `duration` seconds of movie. Throws
+// MediaError, Cancelled.
+MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, double duration, Progress const& progress = {},
+                             std::atomic<bool> const* stop = nullptr, EvidenceOptions const& options = {});
+
+// The movie's enabled video track, or null.
+dm::TrackPtr enabledVideoTrack(dm::Movie const& movie);
+
+// The evidence of a movie and the sync points it suggests. `unedited` is
+// the sound as it was before any sync (the backup of a synced movie).
+// Throws MediaError (no video), Cancelled.
+struct SuggestedPoints {
+    MovieEvidence evidence;
+    suggest::Suggestion suggestion;
+};
+SuggestedPoints suggestSyncPoints(dm::Movie const& movie, dm::Track const& unedited, Progress const& progress = {},
+                                  std::atomic<bool> const* stop = nullptr, suggest::Settings settings = {},
+                                  EvidenceOptions const& options = {});
+
+} // namespace media

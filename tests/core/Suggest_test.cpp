@@ -1,0 +1,288 @@
+#include "Suggest.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <random>
+
+using namespace suggest;
+
+namespace {
+
+constexpr int kRate = 48000;
+constexpr double kPi = 3.14159265358979323846;
+
+// Quiet hum with 5 ms clicks of 2 kHz at the given times.
+std::vector<float> clicks(double seconds, std::vector<double> const& at)
+{
+    std::vector<float> s(static_cast<std::size_t>(seconds * kRate));
+    for (std::size_t i = 0; i < s.size(); ++i) s[i] = static_cast<float>(0.02 * std::sin(2 * kPi * 220 * static_cast<double>(i) / kRate));
+    for (double t : at) {
+        auto first = static_cast<std::size_t>(std::llround(t * kRate));
+        for (std::size_t i = 0; i < kRate / 200 && first + i < s.size(); ++i)
+            s[first + i] = static_cast<float>(0.8 * std::cos(2 * kPi * 2000 * static_cast<double>(i) / kRate));
+    }
+    return s;
+}
+
+// The refined time of the highest value of an envelope near `t`.
+double peakNear(Envelope const& e, double t)
+{
+    auto lo = static_cast<std::size_t>(std::max(1.0, (t - 0.1 - e.start) * e.rate));
+    auto hi = std::min(e.values.size() - 1, static_cast<std::size_t>((t + 0.1 - e.start) * e.rate));
+    std::size_t best = lo;
+    for (std::size_t i = lo; i < hi; ++i)
+        if (e.values[i] > e.values[best]) best = i;
+    double a = e.values[best - 1], b = e.values[best], c = e.values[best + 1];
+    double shift = a - 2 * b + c < 0 ? 0.5 * (a - c) / (a - 2 * b + c) : 0;
+    return e.timeAt(static_cast<double>(best) + shift);
+}
+
+// Picture events at random times and the sound that follows a line.
+struct SyntheticMovie {
+    Evidence evidence;
+    std::vector<double> events; // movie times
+};
+
+SyntheticMovie synthetic(double seconds, double delay, double rate, unsigned seed, bool soundFollows = true)
+{
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> gap(0.4, 2.5), height(0.5, 1.0);
+    SyntheticMovie m;
+    auto n = static_cast<std::size_t>(seconds * 100);
+    m.evidence.duration = seconds;
+    m.evidence.frameChange.values.assign(n, 0.f);
+    m.evidence.onset.values.assign(n, 0.f);
+    for (double t = gap(rng); t < seconds - 1; t += gap(rng)) m.events.push_back(t);
+    for (double t : m.events) {
+        float h = static_cast<float>(height(rng));
+        // Frame times of a 25 fps picture; sound events where the line says.
+        double frame = std::round(t * 25) / 25;
+        m.evidence.frameChange.values[static_cast<std::size_t>(std::lround(frame * 100))] += h;
+        double a = soundFollows ? delay + rate * frame : gap(rng) * seconds / 2.5;
+        double pos = a * 100;
+        if (pos < 0 || pos >= static_cast<double>(n) - 1) continue;
+        auto i = static_cast<std::size_t>(pos);
+        m.evidence.onset.values[i] += static_cast<float>((1 - (pos - static_cast<double>(i))) * h);
+        m.evidence.onset.values[i + 1] += static_cast<float>((pos - static_cast<double>(i)) * h);
+    }
+    return m;
+}
+
+} // namespace
+
+TEST(SuggestEnvelopes, OnsetsPeakAtClicksAndSpeechEnergyFollowsTheVoiceBand)
+{
+    std::vector<double> at = {0.5, 1.203, 2.0071, 3.4449};
+    auto s = clicks(4, at);
+    auto env = soundEnvelopes(s.data(), s.size(), kRate);
+    ASSERT_NEAR(static_cast<double>(env.onset.size()), 400, 1);
+    EXPECT_DOUBLE_EQ(env.onset.rate, 100);
+    for (double t : at) EXPECT_NEAR(peakNear(env.onset, t), t, 0.005) << "click at " << t;
+    // Between clicks the steady hum has no onsets.
+    EXPECT_LT(env.onset.values[static_cast<std::size_t>((0.8 - env.onset.start) * 100)], 0.05 * env.onset.values[50]);
+
+    // A 1 kHz burst raises speech energy by far more than a 60 Hz one.
+    std::vector<float> voice(kRate * 2, 0.f);
+    for (int i = kRate / 2; i < kRate; ++i) voice[static_cast<std::size_t>(i)] = static_cast<float>(0.3 * std::sin(2 * kPi * 60 * i / kRate));
+    for (int i = kRate + kRate / 2; i < 2 * kRate; ++i) voice[static_cast<std::size_t>(i)] = static_cast<float>(0.3 * std::sin(2 * kPi * 1000 * i / kRate));
+    auto v = soundEnvelopes(voice.data(), voice.size(), kRate).speech;
+    EXPECT_GT(v.values[175], 0.05f);
+    EXPECT_GT(v.values[175], 20 * v.values[75]);
+    EXPECT_EQ(v.values[25], 0.f);
+
+    // A change of sound (one tone giving way to another) peaks where it
+    // happens, in the change envelope.
+    std::vector<float> scene(kRate * 3);
+    for (std::size_t i = 0; i < scene.size(); ++i) {
+        double t = static_cast<double>(i) / kRate;
+        scene[i] = static_cast<float>(0.2 * std::sin(2 * kPi * (t < 1.234 ? 300 : 1200) * t));
+    }
+    auto step = soundEnvelopes(scene.data(), scene.size(), kRate).change;
+    double weight = 0, moment = 0;
+    for (std::size_t i = 100; i < 150; ++i) {
+        weight += step.values[i];
+        moment += step.values[i] * step.timeAt(static_cast<double>(i));
+    }
+    EXPECT_NEAR(moment / weight, 1.234, 0.008);
+    // A click is no change of sound: it is gone again at once.
+    auto clickChange = soundEnvelopes(s.data(), s.size(), kRate).change;
+    EXPECT_LT(*std::max_element(clickChange.values.begin() + 100, clickChange.values.end() - 100), 0.1 * weight / 10);
+    EXPECT_LT(step.values[200], 0.05 * step.values[static_cast<std::size_t>((1.234 - step.start) * 100)]);
+
+    // Nothing in, nothing out; bad rates are no crash.
+    EXPECT_TRUE(soundEnvelopes(voice.data(), 0, kRate).onset.values.empty());
+    EXPECT_TRUE(soundEnvelopes(voice.data(), voice.size(), 0).onset.values.empty());
+}
+
+TEST(SuggestEnvelopes, FrameChangeCountsFlashesAndCutsOncePlacedAtTheFrameTime)
+{
+    FrameChangeBuilder b;
+    std::vector<std::uint8_t> dark(16 * 8, 20), mid(16 * 8, 120), bright(16 * 8, 220);
+    // 25 fps; frame 5 flashes (a change when it comes, none when it goes),
+    // and from frame 8 on the picture is darker (a cut, counted once).
+    for (int k = 0; k < 10; ++k) b.add(k / 25.0, k == 5 ? bright.data() : k >= 8 ? dark.data() : mid.data(), 16, 8, 16);
+    b.finish(1.0);
+    auto const& e = b.envelope();
+    ASSERT_EQ(e.size(), 100u);
+    EXPECT_FLOAT_EQ(e.values[20], 100.f);
+    EXPECT_FLOAT_EQ(e.values[32], 100.f);
+    float total = 0;
+    for (float v : e.values) total += v;
+    EXPECT_FLOAT_EQ(total, 200.f);
+    // A frame between two samples is shared by them in proportion.
+    FrameChangeBuilder c;
+    c.add(0.0, dark.data(), 16, 8, 16);
+    c.add(0.1025, bright.data(), 16, 8, 16);
+    EXPECT_NEAR(c.envelope().values[10], 150.f, 0.01f);
+    EXPECT_NEAR(c.envelope().values[11], 50.f, 0.01f);
+    // A new run starts without a change; a region's values go in as given.
+    c.breakRun();
+    c.add(0.2, dark.data(), 16, 8, 16);
+    c.addValue(0.3, 7.f);
+    EXPECT_FLOAT_EQ(c.envelope().values[20], 0.f);
+    EXPECT_FLOAT_EQ(c.envelope().values[30], 7.f);
+    EXPECT_FLOAT_EQ(differenceEnergy(dark.data(), 16, bright.data(), 16, 4, 4), 200.f);
+    EXPECT_FLOAT_EQ(differenceEnergy(dark.data(), 16, bright.data(), 16, 0, 4), 0.f);
+}
+
+TEST(SuggestEnvelopes, PeaksKeepWhatStandsOutOfNoise)
+{
+    std::mt19937 rng(9);
+    std::uniform_real_distribution<float> flicker(0.f, 1.f);
+    Envelope e;
+    e.values.resize(1000);
+    for (auto& v : e.values) v = 5 + flicker(rng);
+    e.values[300] = 15;
+    e.values[301] = 9;
+    e.values[700] = 12;
+    auto p = peaks(e);
+    // The two events (with a neighbour above the surrounding level), less
+    // that level; the flicker is gone.
+    for (std::size_t i = 0; i < p.size(); ++i)
+        if (i != 300 && i != 301 && i != 700) {
+            EXPECT_EQ(p.values[i], 0.f) << i;
+        }
+    EXPECT_NEAR(p.values[300], 15 - 5.6, 0.3);
+    EXPECT_NEAR(p.values[301], 9 - 5.6, 0.3);
+    EXPECT_NEAR(p.values[700], 12 - 5.5, 0.3);
+}
+
+TEST(SuggestCorrelation, FindsAFractionalLagAndScoresAmbiguity)
+{
+    auto m = synthetic(30, 0.2375, 1.0, 7);
+    auto c = correlate(events(m.evidence.frameChange), events(m.evidence.onset), 5, 20, 3);
+    ASSERT_EQ(c.values.size(), 601u);
+    auto peak = findPeak(c, 0.08);
+    ASSERT_TRUE(peak);
+    EXPECT_NEAR(peak->lag, 0.2375, 0.003);
+    EXPECT_GT(peak->strength, 0.9);
+    EXPECT_GT(peak->confidence(), 0.5);
+
+    // Events every second exactly: lags one second apart fit as well, so
+    // the peak is not distinct.
+    Envelope regular, heard;
+    regular.values.assign(3000, 0.f);
+    heard.values.assign(3000, 0.f);
+    for (int k = 1; k < 30; ++k) {
+        regular.values[static_cast<std::size_t>(k * 100)] = 1;
+        heard.values[static_cast<std::size_t>(k * 100 + 40)] = 1;
+    }
+    auto ambiguous = findPeak(correlate(regular, heard, 5, 20, 3), 0.08);
+    ASSERT_TRUE(ambiguous);
+    EXPECT_LT(ambiguous->distinctness(), 0.2);
+
+    // A still picture correlates with nothing.
+    Envelope still;
+    still.values.assign(3000, 0.f);
+    EXPECT_FALSE(findPeak(correlate(still, heard, 5, 20, 3), 0.08));
+}
+
+TEST(SuggestLine, AgreeingOffsetsWinOverStrays)
+{
+    std::vector<LocalOffset> offsets;
+    for (int k = 0; k < 8; ++k) {
+        double m = 15 + 30 * k;
+        offsets.push_back({m, 0.8 + 1.004 * m + (k % 2 ? 0.006 : -0.006), 0.9, 0.9, 1, ""});
+    }
+    offsets[2].audioTime += 0.9;  // a window that locked onto another event
+    offsets[5].audioTime -= 1.7;
+    offsets[6].audioTime += 0.07; // just beyond the tolerance
+    auto line = consensusLine(offsets, 0.04);
+    ASSERT_TRUE(line);
+    EXPECT_NEAR(line->slope, 1.004, 2e-4);
+    EXPECT_NEAR(line->at(100), 0.8 + 100.4, 0.01);
+    EXPECT_EQ(line->inliers, (std::vector<std::size_t>{0, 1, 3, 4, 7}));
+
+    // Offsets that agree with no plausible line: none is proposed.
+    std::vector<LocalOffset> scattered = {{10, 11.5, 1, 1, 1, ""}, {40, 39.0, 1, 1, 1, ""}, {70, 73.5, 1, 1, 1, ""}};
+    EXPECT_FALSE(consensusLine(scattered, 0.04));
+    EXPECT_FALSE(consensusLine({}, 0.04));
+    EXPECT_FALSE(consensusLine({offsets[0]}, 0.04));
+}
+
+TEST(SuggestPoints, CandidatesLieOnTheTrueLineWithDriftAndDelay)
+{
+    for (auto [delay, rate, seed] : {std::tuple{-1.3, 1.005, 1u}, std::tuple{0.35, 0.996, 2u}, std::tuple{1.45, 1.0, 3u}}) {
+        auto m = synthetic(240, delay, rate, seed);
+        Settings s;
+        auto got = suggestPoints(m.evidence, s);
+        ASSERT_FALSE(got.refused()) << got.refusal;
+        EXPECT_TRUE(got.refusal.empty());
+        EXPECT_GE(got.candidates.size(), 6u) << "delay " << delay;
+        ASSERT_TRUE(got.line);
+        for (auto const& c : got.candidates) {
+            EXPECT_NEAR(c.audioTime, delay + rate * c.movieTime, 0.01) << "delay " << delay << " at " << c.movieTime;
+            EXPECT_GE(c.confidence, s.minConfidence);
+        }
+        EXPECT_NEAR(got.line->slope, rate, 1e-4);
+    }
+}
+
+TEST(SuggestPoints, RefusesWhenTheEvidenceDisagreesOrIsMissing)
+{
+    // Sound events unrelated to the picture.
+    auto unrelated = synthetic(240, 0, 1, 4, false);
+    auto got = suggestPoints(unrelated.evidence, Settings{});
+    EXPECT_TRUE(got.refused());
+    EXPECT_TRUE(got.candidates.empty());
+    EXPECT_FALSE(got.refusal.empty());
+
+    // Half of the movie is delayed by two seconds more than the other: the
+    // windows split into two lines and neither is the rule.
+    auto first = synthetic(240, 0.5, 1, 5);
+    auto second = synthetic(240, 2.5, 1, 5);
+    Evidence split = first.evidence;
+    for (std::size_t i = 12000; i < split.onset.values.size(); ++i) split.onset.values[i] = second.evidence.onset.values[i];
+    for (std::size_t i = 0; i < 12000; ++i) split.onset.values[i] = first.evidence.onset.values[i];
+    // Four windows see one line, four the other: neither is the rule.
+    auto halves = suggestPoints(split, Settings{});
+    EXPECT_TRUE(halves.refused());
+    EXPECT_EQ(halves.windows.size(), 8u);
+    EXPECT_NE(halves.refusal.find("disagree"), std::string::npos) << halves.refusal;
+
+    // Too short to compare, and no picture at all.
+    Evidence tiny = first.evidence;
+    tiny.duration = 4;
+    EXPECT_TRUE(suggestPoints(tiny, Settings{}).refused());
+    EXPECT_NE(suggestPoints(tiny, Settings{}).refusal.find("too short"), std::string::npos);
+    Evidence blind = first.evidence;
+    std::fill(blind.frameChange.values.begin(), blind.frameChange.values.end(), 0.f);
+    auto none = suggestPoints(blind, Settings{});
+    EXPECT_TRUE(none.refused());
+    EXPECT_NE(none.refusal.find("clear offset"), std::string::npos);
+}
+
+TEST(SuggestPoints, WindowsCoverShortAndLongMovies)
+{
+    Settings s;
+    auto longOnes = windowStarts(600, s);
+    ASSERT_EQ(longOnes.size(), 20u);
+    EXPECT_DOUBLE_EQ(longOnes[1], 30);
+    EXPECT_LE(longOnes.back() + s.windowSeconds, 600);
+    auto shortOnes = windowStarts(60, s);
+    ASSERT_EQ(shortOnes.size(), 4u);
+    EXPECT_NEAR(shortOnes.back() + s.windowSeconds, 60, 1e-9);
+    EXPECT_TRUE(windowStarts(5, s).empty());
+}

@@ -1,0 +1,164 @@
+#include "Evidence.h"
+#include "FaceFinder.h"
+#include "MediaTestSupport.h"
+#include "OffsetList.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+
+using namespace media;
+using namespace testsupport;
+
+namespace {
+
+constexpr double kPi = 3.14159265358979323846;
+
+// Flashes at irregular times (a regular beat would fit at several lags).
+TestMovieSpec irregularFlashes(double seconds, double offset, double rate, unsigned seed)
+{
+    TestMovieSpec s = smallSpec(seconds, offset, rate);
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> gap(0.7, 2.9);
+    for (double t = 1 + gap(rng); t < seconds - 1; t += gap(rng)) s.flashTimes.push_back(t);
+    return s;
+}
+
+// A talking face: syllables of a buzzing voice, and a mouth that opens with
+// the voice's loudness. The sound lies `offset` later than the picture.
+struct TalkingHead {
+    std::vector<float> loudness; // per 10 ms of movie time
+    TestMovieSpec spec;
+};
+
+TalkingHead talkingHead(double seconds, double offset, unsigned seed)
+{
+    TalkingHead th;
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> syllable(0.12, 0.35), pause(0.05, 0.6), level(0.4, 1.0);
+    th.loudness.assign(static_cast<std::size_t>(seconds * 100) + 1, 0.f);
+    for (double t = 0.5; t < seconds - 0.5;) {
+        double len = syllable(rng), l = level(rng);
+        for (double u = 0; u < len; u += 0.01)
+            th.loudness[static_cast<std::size_t>((t + u) * 100)] = static_cast<float>(l * std::sin(kPi * u / len));
+        t += len + pause(rng);
+    }
+    TestMovieSpec& s = th.spec;
+    s = smallSpec(seconds, offset, 1.0);
+    s.audioCodec = "pcm_s16le";
+    auto loud = th.loudness;
+    s.soundSample = [loud, offset, rate = s.sampleRate](std::int64_t n) {
+        double t = static_cast<double>(n) / rate - offset; // the movie time this sound belongs to
+        double pos = t * 100;
+        if (pos < 0 || pos >= static_cast<double>(loud.size()) - 1) return 0.f;
+        auto i = static_cast<std::size_t>(pos);
+        double env = loud[i] + (pos - static_cast<double>(i)) * (loud[i + 1] - loud[i]);
+        double phase = 2 * kPi * 140 * static_cast<double>(n) / rate;
+        double v = 0;
+        for (int h = 1; h <= 6; ++h) v += std::sin(h * phase) / h;
+        return static_cast<float>(0.25 * env * v);
+    };
+    s.drawPicture = [loud](std::int64_t k, std::uint8_t* luma, int stride, int w, int h) {
+        for (int y = 0; y < h; ++y) std::memset(luma + static_cast<std::ptrdiff_t>(y) * stride, 70, static_cast<std::size_t>(w));
+        auto i = std::min(loud.size() - 1, static_cast<std::size_t>(k * 4)); // 25 fps: 4 hops a frame
+        drawFace(luma, stride, w, h, w / 2.0, h / 2.0, h * 0.7, loud[i]);
+    };
+    return th;
+}
+
+struct Opened {
+    OpenedMovie om;
+    std::unique_ptr<OffsetList> list;
+    explicit Opened(std::string const& path) : om(openMovie(path)), list(std::make_unique<OffsetList>(om.movie.get(), nullptr)) {}
+};
+
+} // namespace
+
+// Flashes against clicks: the suggested points lie on the movie's true line,
+// with progress reported in order up to the end.
+TEST(SuggestMovie, FlashesAndClicksGiveTheTrueLine)
+{
+    auto spec = irregularFlashes(100, 0.8, 1.003, 11);
+    Opened m(cachedMovie("suggest-flashes.mov", spec));
+    std::vector<double> fractions;
+    bool ended = false;
+    Progress progress = [&](std::string const&, Phase phase, double f) {
+        if (phase == Phase::End) ended = true;
+        else fractions.push_back(f);
+        return true;
+    };
+    auto got = suggestSyncPoints(*m.om.movie, *m.list->soundTrack(), progress);
+    ASSERT_FALSE(got.suggestion.refused()) << got.suggestion.refusal;
+    EXPECT_GE(got.suggestion.candidates.size(), 3u);
+    for (auto const& c : got.suggestion.candidates)
+        EXPECT_NEAR(c.audioTime, spec.audioOffset + spec.audioRate * c.movieTime, 0.01) << "at " << c.movieTime;
+    EXPECT_NEAR(got.suggestion.line->slope, spec.audioRate, 5e-4);
+    EXPECT_NEAR(got.evidence.frameSeconds, 0.04, 1e-9);
+    EXPECT_EQ(got.evidence.frames, 2500);
+    EXPECT_EQ(got.evidence.framesWithFace, 0); // colour bars have no face
+    EXPECT_NEAR(static_cast<double>(got.evidence.evidence.onset.size()), 10000, 2);
+    EXPECT_TRUE(ended);
+    ASSERT_FALSE(fractions.empty());
+    EXPECT_TRUE(std::is_sorted(fractions.begin(), fractions.end()));
+    EXPECT_DOUBLE_EQ(fractions.back(), 1.0);
+}
+
+// A drawn face whose mouth follows a voice: the face is found, its mouth
+// watched, and the offset found from it.
+TEST(SuggestMovie, MouthMotionFollowsSpeech)
+{
+    auto th = talkingHead(80, -0.6, 5);
+    Opened m(cachedMovie("suggest-talking.mov", th.spec));
+    auto got = suggestSyncPoints(*m.om.movie, *m.list->soundTrack());
+    EXPECT_GT(got.evidence.framesWithFace, got.evidence.frames * 9 / 10);
+    ASSERT_FALSE(got.evidence.evidence.mouth.values.empty());
+    ASSERT_FALSE(got.suggestion.refused()) << got.suggestion.refusal;
+    for (auto const& c : got.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, -0.6, 0.04) << "at " << c.movieTime;
+
+    // Without faces the picture still changes where the mouth moves, but
+    // the face detector is what saw the mouth.
+    EvidenceOptions blind;
+    blind.findFaces = false;
+    auto video = enabledVideoTrack(*m.om.movie);
+    ASSERT_TRUE(video);
+    auto without = gatherEvidence(*video, *m.list->soundTrack(), 80, {}, nullptr, blind);
+    EXPECT_EQ(without.framesWithFace, 0);
+    EXPECT_TRUE(without.evidence.mouth.values.empty());
+
+    // The mouth is the lower third of the face, inside the picture.
+    FaceBox mouth = mouthRegion({100, 50, 90, 90}, 320, 240);
+    EXPECT_EQ(mouth.y, 110);
+    EXPECT_EQ(mouth.height, 30);
+    EXPECT_EQ(mouth.x, 118);
+    EXPECT_EQ(mouth.width, 54);
+    EXPECT_EQ(mouthRegion({300, 200, 90, 90}, 320, 240).height, 0);
+}
+
+// Stopping ends the search with Cancelled; a periodic movie and a silent one
+// are refused with a reason, never given points.
+TEST(SuggestMovie, StopsAndRefuses)
+{
+    auto regular = smallSpec(60, 0.3, 1.0); // a flash every 2 s: every 2 s of lag fits
+    Opened periodic(cachedMovie("suggest-regular.mov", regular));
+    std::atomic<bool> stop{false};
+    int calls = 0;
+    Progress stopper = [&](std::string const&, Phase phase, double) {
+        if (phase == Phase::Update && ++calls == 2) stop = true;
+        return true;
+    };
+    EXPECT_THROW(suggestSyncPoints(*periodic.om.movie, *periodic.list->soundTrack(), stopper, &stop), Cancelled);
+
+    auto ambiguous = suggestSyncPoints(*periodic.om.movie, *periodic.list->soundTrack());
+    EXPECT_TRUE(ambiguous.suggestion.refused());
+    EXPECT_TRUE(ambiguous.suggestion.candidates.empty());
+    EXPECT_FALSE(ambiguous.suggestion.refusal.empty());
+
+    auto quiet = irregularFlashes(60, 0.3, 1.0, 3);
+    quiet.soundSample = [](std::int64_t) { return 0.f; };
+    Opened silent(cachedMovie("suggest-silent.mov", quiet));
+    auto none = suggestSyncPoints(*silent.om.movie, *silent.list->soundTrack());
+    EXPECT_TRUE(none.suggestion.refused());
+    EXPECT_NE(none.suggestion.refusal.find("clear offset"), std::string::npos) << none.suggestion.refusal;
+}
