@@ -495,7 +495,8 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
             copies.push_back(c);
         } else if (d.how == TrackPlan::How::Encoded && track.mediaType() == dm::MediaType::Sound) {
             auto s = std::make_unique<SoundEncoder>(out.get(), track, d.sound, plan.dv ? seconds + 1 : 0,
-                                                    av_rescale(gridShiftUs, d.sound.sampleRate, AV_TIME_BASE));
+                                                    av_rescale(gridShiftUs, d.sound.sampleRate, AV_TIME_BASE),
+                                                    plan.options.soundThreads);
             if (d.in && !plan.dv && plan.container != "aiff") copyStreamTags(s->stream(), d.in, enabled);
             else s->stream()->disposition = enabled ? AV_DISPOSITION_DEFAULT : 0;
             if (!name.empty()) setName(s->stream(), name);
