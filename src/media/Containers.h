@@ -51,7 +51,7 @@ struct EncoderThreads {
     // Encoders at work at once, each on its own chunk of the sound: 0 one
     // per core, 1 a single encoder on the writer's thread (sequential).
     int workers = 0;
-    // Encoder frames in a chunk; 0: about 5 seconds' worth.
+    // Encoder frames in a chunk; 0: the codec's default (AAC: 1040, 22 s at 48 kHz).
     int chunkFrames = 0;
 };
 

@@ -425,10 +425,12 @@ bool chunkable(AVCodecID id, int& preroll, int& postroll)
     case AV_CODEC_ID_AC3:
     case AV_CODEC_ID_EAC3:
         // The decoder overlaps each frame with the one before it (one frame
-        // of pre-roll rebuilds that); the encoder's window choice looks one
-        // frame ahead and its psychoacoustic model and rate control settle
-        // within a few frames.
-        preroll = 8;
+        // of pre-roll rebuilds that) and the encoder's window choice looks
+        // one frame ahead; but its rate control and psychoacoustic model
+        // take a hundred frames and more to settle from their start (about
+        // 1 dB of signal-to-noise ratio is lost after 64 frames of pre-roll,
+        // half that after 128: see Writer.ChunkedEncodingSplicesAreInaudible).
+        preroll = 128;
         postroll = 2;
         return true;
     case AV_CODEC_ID_ALAC:
@@ -513,7 +515,8 @@ SoundEncoder::SoundEncoder(AVFormatContext* out, dm::Track const& track, SoundFo
         setup.padding = c->initial_padding;
         setup.preroll = preroll;
         setup.postroll = postroll;
-        setup.chunkFrames = threads.chunkFrames > 0 ? threads.chunkFrames : std::max(16, (1 << 18) / frameSize_);
+        // Chunks long enough that the pre-roll costs about a tenth more work.
+        setup.chunkFrames = threads.chunkFrames > 0 ? threads.chunkFrames : std::max(64, (preroll + postroll) * 8);
         setup.workers = workers;
         chunks_ = std::make_unique<ChunkedEncoding>(std::move(setup));
     }
