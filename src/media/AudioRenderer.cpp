@@ -248,6 +248,8 @@ struct AudioRenderer::Scaled {
     std::int64_t skip = 0;     // output samples still to drop
     Swr swr;
     std::vector<std::vector<float>> pending; // produced, not yet used
+    std::vector<std::vector<float>> in;      // decoded, fed to the resampler (reused)
+    std::vector<float*> inPtr, outPtr;
 };
 
 AudioRenderer::AudioRenderer(std::shared_ptr<const FileMedia> media) : media_(media), decoder_(media) {}
@@ -258,6 +260,13 @@ int AudioRenderer::sampleRate() const { return decoder_.sampleRate(); }
 
 void AudioRenderer::render(dm::EditList const& list, std::int64_t start, PcmBuffer& out)
 {
+    constexpr std::size_t kMost = 16; // channels a buffer may have without a vector made for it
+    if (out.channels.size() <= kMost) {
+        float* planes[kMost];
+        for (std::size_t c = 0; c < out.channels.size(); ++c) planes[c] = out.channels[c].data();
+        render(list, start, static_cast<int>(out.frames()), planes, 0);
+        return;
+    }
     std::vector<float*> ptrs;
     for (auto& c : out.channels) ptrs.push_back(c.data());
     render(list, start, static_cast<int>(out.frames()), ptrs.data(), 0);
@@ -341,10 +350,14 @@ void AudioRenderer::renderScaled(dm::Segment const& seg, std::int64_t segStart, 
         scaled_ = std::move(st);
     }
     Scaled& st = *scaled_;
-    std::vector<std::vector<float>> in(static_cast<std::size_t>(ch), std::vector<float>(kFeed));
-    std::vector<float*> inPtr(static_cast<std::size_t>(ch));
-    std::vector<float*> outPtr(static_cast<std::size_t>(ch));
-    for (int c = 0; c < ch; ++c) inPtr[c] = in[c].data();
+    if (st.in.size() != static_cast<std::size_t>(ch)) {
+        st.in.assign(static_cast<std::size_t>(ch), std::vector<float>(kFeed));
+        st.inPtr.resize(static_cast<std::size_t>(ch));
+        st.outPtr.resize(static_cast<std::size_t>(ch));
+        for (int c = 0; c < ch; ++c) st.inPtr[c] = st.in[c].data();
+    }
+    auto& inPtr = st.inPtr;
+    auto& outPtr = st.outPtr;
     auto available = [&] { return static_cast<std::int64_t>(st.pending[0].size()); };
     while (available() - st.skip < count) {
         decoder_.read(st.nextIn, kFeed, inPtr.data());
