@@ -422,16 +422,21 @@ bool chunkable(AVCodecID id, int& preroll, int& postroll)
 {
     switch (id) {
     case AV_CODEC_ID_AAC:
-    case AV_CODEC_ID_AC3:
-    case AV_CODEC_ID_EAC3:
         // The decoder overlaps each frame with the one before it (one frame
         // of pre-roll rebuilds that) and the encoder's window choice looks
         // one frame ahead; but its rate control and psychoacoustic model
-        // take a hundred frames and more to settle from their start (about
-        // 1 dB of signal-to-noise ratio is lost after 64 frames of pre-roll,
-        // half that after 128: see Writer.ChunkedEncodingSplicesAreInaudible).
+        // take a hundred frames and more to settle from their start (with
+        // 64 frames of pre-roll about 1 dB of signal-to-noise ratio is
+        // lost, half that with 128: see Writer/ChunkedSplices).
         preroll = 128;
         postroll = 2;
+        return true;
+    case AV_CODEC_ID_AC3:
+    case AV_CODEC_ID_EAC3:
+        // Each frame's blocks overlap the last block of the frame before;
+        // the bit allocation starts afresh in every frame.
+        preroll = 2;
+        postroll = 1;
         return true;
     case AV_CODEC_ID_ALAC:
         preroll = postroll = 0;
