@@ -3,7 +3,6 @@
 #include "MovieFile.h"
 
 #include <algorithm>
-#include <atomic>
 #include <climits>
 #include <cmath>
 #include <functional>
@@ -230,7 +229,7 @@ public:
         std::function<void(AVCodecContext*)> configure; // sets a context up as the stream's
         int frameSize = 1024;
         std::int64_t padding = 0; // the codec's priming, in its time base
-        int preroll = 0, postroll = 0, chunkFrames = 256, workers = 2;
+        int preroll = 0, postroll = 0, chunkFrames = 1024, workers = 2;
     };
 
     explicit ChunkedEncoding(Setup setup) : s_(std::move(setup))
@@ -509,11 +508,13 @@ SoundEncoder::SoundEncoder(AVFormatContext* out, dm::Track const& track, SoundFo
         ChunkedEncoding::Setup setup;
         setup.codec = c->codec;
         bool globalHeader = (c->flags & AV_CODEC_FLAG_GLOBAL_HEADER) != 0;
-        auto layout = std::make_shared<AVChannelLayout>();
+        std::shared_ptr<AVChannelLayout> layout(new AVChannelLayout{}, [](AVChannelLayout* l) {
+            av_channel_layout_uninit(l);
+            delete l;
+        });
         check(av_channel_layout_copy(layout.get(), &c->ch_layout), "Sound layout");
-        std::shared_ptr<AVChannelLayout> owned(layout.get(), [layout](AVChannelLayout* l) { av_channel_layout_uninit(l); });
-        setup.configure = [format, owned, globalHeader](AVCodecContext* ctx) {
-            configure(ctx, format, *owned);
+        setup.configure = [format, layout, globalHeader](AVCodecContext* ctx) {
+            configure(ctx, format, *layout);
             if (globalHeader) ctx->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
         };
         setup.frameSize = frameSize_;

@@ -45,10 +45,10 @@ class ChunkedEncoding;
 // A render thread decodes and re-times the sound a few chunks ahead. Codecs
 // whose packets decode on their own (AAC, AC-3, E-AC-3; ALAC and PCM) are
 // then encoded in chunks of whole encoder frames on a pool of threads, each
-// chunk by its own encoder that first sees a few frames before the chunk
+// chunk by its own encoder that first sees frames before the chunk
 // (pre-roll: the decoder's overlap at the splice is rebuilt from the same
-// signal, and the encoder's model has settled) and a few after it, whose
-// packets are dropped; the chunks' packets are written in order, with the
+// signal, and the encoder's rate control has settled) and a few after it,
+// whose packets are dropped; the chunks' packets are written in order, with the
 // time stamps and priming of one encoder over the whole sound. Other codecs
 // (FLAC numbers its frames and sums the whole stream in its header; MP3's
 // bit reservoir, Vorbis and Opus carry state from packet to packet) are
