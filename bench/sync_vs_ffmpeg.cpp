@@ -6,7 +6,9 @@
 // that bit rate. Prints medians of interleaved runs, the ratios, and the
 // sync accuracy of both outputs measured with the click/flash detector.
 //
-// Also prints each command's peak memory (largest resident set of its runs).
+// Also prints each command's processor time (user + system, median; less
+// disturbed than the wall time on a shared machine) and peak memory (largest
+// resident set of its runs).
 //
 // Usage: sync_vs_ffmpeg CLI [--seconds S] [--size WxH] [--runs N] [--workdir DIR]
 #include "MovieFile.h"
@@ -28,9 +30,10 @@
 
 namespace {
 
-// Runs `cmd` through the shell; returns its wall time in seconds and keeps
-// in `peak` the largest resident set (MiB) of its runs.
-double timeCommand(std::string const& cmd, double& peak)
+// Runs `cmd` through the shell; returns its wall time in seconds, adds its
+// processor time (s) to `cpu` and keeps in `peak` the largest resident set
+// (MiB) of its runs.
+double timeCommand(std::string const& cmd, std::vector<double>& cpu, double& peak)
 {
     auto start = std::chrono::steady_clock::now();
     pid_t pid = fork();
@@ -50,6 +53,8 @@ double timeCommand(std::string const& cmd, double& peak)
         std::exit(1);
     }
     peak = std::max(peak, static_cast<double>(usage.ru_maxrss) / 1024.0); // kilobytes on Linux
+    auto seconds = [](timeval const& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
+    cpu.push_back(seconds(usage.ru_utime) + seconds(usage.ru_stime));
     return s;
 }
 
@@ -132,12 +137,12 @@ int main(int argc, char** argv)
                             " -disposition:a:0 default -disposition:a:1 0 '" + theirs + "'";
     std::string floorCmd = std::string("ffmpeg -nostdin -y -v error -i '") + source + "' -map 0:a:0 -vn -c:a aac -b:a " + rate + " -f null -";
 
-    std::vector<double> a, b, f;
+    std::vector<double> a, b, f, cpuA, cpuB, cpuF;
     double peakA = 0, peakB = 0, peakF = 0;
     for (int r = 0; r < runs; ++r) { // interleaved, so all three see the same machine
-        a.push_back(timeCommand(dubmatchCmd, peakA));
-        b.push_back(timeCommand(ffmpegCmd, peakB));
-        f.push_back(timeCommand(floorCmd, peakF));
+        a.push_back(timeCommand(dubmatchCmd, cpuA, peakA));
+        b.push_back(timeCommand(ffmpegCmd, cpuB, peakB));
+        f.push_back(timeCommand(floorCmd, cpuF, peakF));
     }
     double ma = median(a), mb = median(b), mf = median(f);
     auto accuracy = [&](std::string const& path) {
@@ -161,6 +166,9 @@ int main(int argc, char** argv)
     std::printf("%-22s                  worst click-to-flash %8.3f ms\n", "source (unsynced)", accSrc);
     (void)nSrc;
     std::printf("time ratio dubmatch/ffmpeg: %.3f   dubmatch/floor: %.3f   ffmpeg/floor: %.3f\n", ma / mb, ma / mf, mb / mf);
+    double ca = median(cpuA), cb = median(cpuB), cf = median(cpuF);
+    std::printf("processor time: dubmatch %.2f s, ffmpeg %.2f s, floor %.2f s   dubmatch/ffmpeg: %.3f   dubmatch/floor: %.3f\n", ca, cb, cf,
+                ca / cb, ca / cf);
     std::printf("accuracy: dubmatch %.3f ms, ffmpeg %.3f ms\n", accA, accB);
     return 0;
 }
