@@ -433,7 +433,8 @@ bool chunkable(AVCodecID id, int& preroll, int& postroll)
     case AV_CODEC_ID_AC3:
     case AV_CODEC_ID_EAC3:
         // Each frame's blocks overlap the last block of the frame before;
-        // the bit allocation starts afresh in every frame.
+        // the bit allocation starts afresh in every frame. Chunked, the
+        // sound decodes exactly as one encoder's (Writer/ChunkedSplices).
         preroll = 2;
         postroll = 1;
         return true;
