@@ -6,7 +6,11 @@
 // that bit rate. Prints medians of interleaved runs, the ratios, and the
 // sync accuracy of both outputs measured with the click/flash detector.
 //
-// Usage: sync_vs_ffmpeg CLI [--seconds S] [--runs N] [--workdir DIR]
+// Also prints each command's processor time (user + system, median; less
+// disturbed than the wall time on a shared machine) and peak memory (largest
+// resident set of its runs).
+//
+// Usage: sync_vs_ffmpeg CLI [--seconds S] [--size WxH] [--runs N] [--workdir DIR]
 #include "MovieFile.h"
 #include "SoundEncoder.h"
 #include "TestMovie.h"
@@ -18,20 +22,39 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <thread>
+#include <sys/resource.h>
 #include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
 
-double timeCommand(std::string const& cmd)
+// Runs `cmd` through the shell; returns its wall time in seconds, adds its
+// processor time (s) to `cpu` and keeps in `peak` the largest resident set
+// (MiB) of its runs.
+double timeCommand(std::string const& cmd, std::vector<double>& cpu, double& peak)
 {
     auto start = std::chrono::steady_clock::now();
-    int rc = std::system(cmd.c_str());
-    double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    if (rc != 0) {
-        std::fprintf(stderr, "command failed (%d): %s\n", rc, cmd.c_str());
+    pid_t pid = fork();
+    if (pid == 0) {
+        execl("/bin/sh", "sh", "-c", cmd.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int status = 0;
+    struct rusage usage {};
+    if (pid < 0 || wait4(pid, &status, 0, &usage) != pid) {
+        std::fprintf(stderr, "cannot run: %s\n", cmd.c_str());
         std::exit(1);
     }
+    double s = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        std::fprintf(stderr, "command failed (%d): %s\n", status, cmd.c_str());
+        std::exit(1);
+    }
+    peak = std::max(peak, static_cast<double>(usage.ru_maxrss) / 1024.0); // kilobytes on Linux
+    auto seconds = [](timeval const& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; };
+    cpu.push_back(seconds(usage.ru_utime) + seconds(usage.ru_stime));
     return s;
 }
 
@@ -46,16 +69,21 @@ double median(std::vector<double> v)
 int main(int argc, char** argv)
 {
     if (argc < 2) {
-        std::fprintf(stderr, "usage: %s DUBMATCH_CLI [--seconds S] [--runs N] [--workdir DIR]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s DUBMATCH_CLI [--seconds S] [--size WxH] [--runs N] [--workdir DIR]\n", argv[0]);
         return 2;
     }
     std::string cli = argv[1];
     double seconds = 600;
     int runs = 3;
     std::string work = "bench-work";
+    int width = 1280, height = 720;
     for (int i = 2; i + 1 < argc; i += 2) {
         std::string a = argv[i];
         if (a == "--seconds") seconds = std::atof(argv[i + 1]);
+        else if (a == "--size" && std::sscanf(argv[i + 1], "%dx%d", &width, &height) != 2) {
+            std::fprintf(stderr, "--size takes WxH\n");
+            return 2;
+        }
         else if (a == "--runs") runs = std::atoi(argv[i + 1]);
         else if (a == "--workdir") work = argv[i + 1];
     }
@@ -64,11 +92,12 @@ int main(int argc, char** argv)
 
     media::TestMovieSpec spec;
     spec.seconds = seconds;
-    spec.width = 1280;
-    spec.height = 720;
+    spec.width = width;
+    spec.height = height;
     spec.audioOffset = 0.35;
     spec.audioRate = 250.0 / 251.0; // the sound runs 0.4 % slow: an exact ratio for ffmpeg's filters
-    std::string source = work + "/source-" + std::to_string(static_cast<int>(seconds)) + "s-720p.mov";
+    std::string source = work + "/source-" + std::to_string(static_cast<int>(seconds)) + "s-" + std::to_string(width) + "x"
+                       + std::to_string(height) + ".mov";
     if (!std::filesystem::exists(source)) {
         std::printf("generating %s ...\n", source.c_str());
         std::fflush(stdout);
@@ -108,11 +137,12 @@ int main(int argc, char** argv)
                             " -disposition:a:0 default -disposition:a:1 0 '" + theirs + "'";
     std::string floorCmd = std::string("ffmpeg -nostdin -y -v error -i '") + source + "' -map 0:a:0 -vn -c:a aac -b:a " + rate + " -f null -";
 
-    std::vector<double> a, b, f;
+    std::vector<double> a, b, f, cpuA, cpuB, cpuF;
+    double peakA = 0, peakB = 0, peakF = 0;
     for (int r = 0; r < runs; ++r) { // interleaved, so all three see the same machine
-        a.push_back(timeCommand(dubmatchCmd));
-        b.push_back(timeCommand(ffmpegCmd));
-        f.push_back(timeCommand(floorCmd));
+        a.push_back(timeCommand(dubmatchCmd, cpuA, peakA));
+        b.push_back(timeCommand(ffmpegCmd, cpuB, peakB));
+        f.push_back(timeCommand(floorCmd, cpuF, peakF));
     }
     double ma = median(a), mb = median(b), mf = median(f);
     auto accuracy = [&](std::string const& path) {
@@ -125,14 +155,20 @@ int main(int argc, char** argv)
     auto [accA, nA] = accuracy(ours);
     auto [accB, nB] = accuracy(theirs);
     auto [accSrc, nSrc] = accuracy(source);
-    std::printf("movie: %.0f s 1280x720 H.264 + AAC, sound %+.2f s and x%.5f; sound encoded as AAC at %s by both; %d runs each\n",
-                seconds, intercept, spec.audioRate, rate.c_str(), runs);
-    std::printf("%-22s median %7.2f s   worst click-to-flash %8.3f ms over %zu flashes\n", "dubmatch-cli sync", ma, accA, nA);
-    std::printf("%-22s median %7.2f s   worst click-to-flash %8.3f ms over %zu flashes\n", "ffmpeg (soxr)", mb, accB, nB);
-    std::printf("%-22s median %7.2f s\n", "floor (decode+encode)", mf);
+    std::printf("movie: %.0f s %dx%d H.264 + AAC, sound %+.2f s and x%.5f; sound encoded as AAC at %s by both; %d runs each; %u cores\n",
+                seconds, width, height, intercept, spec.audioRate, rate.c_str(), runs, std::thread::hardware_concurrency());
+    std::printf("%-22s median %7.2f s   worst click-to-flash %8.3f ms over %zu flashes   peak memory %6.1f MiB\n", "dubmatch-cli sync",
+                ma, accA, nA, peakA);
+    std::printf("%-22s median %7.2f s   worst click-to-flash %8.3f ms over %zu flashes   peak memory %6.1f MiB\n", "ffmpeg (soxr)", mb,
+                accB, nB, peakB);
+    std::printf("%-22s median %7.2f s                                                 peak memory %6.1f MiB\n", "floor (decode+encode)", mf,
+                peakF);
     std::printf("%-22s                  worst click-to-flash %8.3f ms\n", "source (unsynced)", accSrc);
     (void)nSrc;
     std::printf("time ratio dubmatch/ffmpeg: %.3f   dubmatch/floor: %.3f   ffmpeg/floor: %.3f\n", ma / mb, ma / mf, mb / mf);
+    double ca = median(cpuA), cb = median(cpuB), cf = median(cpuF);
+    std::printf("processor time: dubmatch %.2f s, ffmpeg %.2f s, floor %.2f s   dubmatch/ffmpeg: %.3f   dubmatch/floor: %.3f\n", ca, cb, cf,
+                ca / cb, ca / cf);
     std::printf("accuracy: dubmatch %.3f ms, ffmpeg %.3f ms\n", accA, accB);
     return 0;
 }

@@ -296,6 +296,13 @@ int AudioRenderer::sampleRate() const { return decoder_.sampleRate(); }
 
 void AudioRenderer::render(dm::EditList const& list, std::int64_t start, PcmBuffer& out)
 {
+    constexpr std::size_t kMost = 16; // channels a buffer may have without a vector made for it
+    if (out.channels.size() <= kMost) {
+        float* planes[kMost];
+        for (std::size_t c = 0; c < out.channels.size(); ++c) planes[c] = out.channels[c].data();
+        render(list, start, static_cast<int>(out.frames()), planes, 0);
+        return;
+    }
     std::vector<float*> ptrs;
     for (auto& c : out.channels) ptrs.push_back(c.data());
     render(list, start, static_cast<int>(out.frames()), ptrs.data(), 0);

@@ -46,12 +46,17 @@ void Encoder::send(AVFrame const* frame)
         // container's edit list, and players would drop it.
         if (packet_->duration == 0 && ctx_->codec_type == AVMEDIA_TYPE_VIDEO && ctx_->framerate.num > 0)
             packet_->duration = av_rescale_q(1, av_inv_q(ctx_->framerate), ctx_->time_base);
-        av_packet_rescale_ts(packet_.get(), ctx_->time_base, stream_->time_base);
-        packet_->stream_index = stream_->index;
-        bytes_ += packet_->size;
-        ++packets_;
-        check(writePacket(out_, packet_.get()), "Writing the movie");
+        write(packet_.get());
     }
+}
+
+void Encoder::write(AVPacket* packet)
+{
+    av_packet_rescale_ts(packet, ctx_->time_base, stream_->time_base);
+    packet->stream_index = stream_->index;
+    bytes_ += packet->size;
+    ++packets_;
+    check(writePacket(out_, packet), "Writing the movie");
 }
 
 StreamDecoder openStreamDecoder(FileMedia const& media, char const* kind)

@@ -22,6 +22,10 @@ public:
     AVStream* stream() const { return stream_; }
     // Encodes a frame; null drains the encoder.
     void send(AVFrame const* frame);
+    // Writes a packet of this codec (time stamps in the codec's time base,
+    // as from send's context or another context opened alike) into the
+    // stream; the packet is left rescaled and unreferenced by the muxer.
+    void write(AVPacket* packet);
     std::int64_t bytesWritten() const { return bytes_; }
     std::int64_t packetsWritten() const { return packets_; }
 

@@ -46,4 +46,13 @@ SoundCodec soundCodecNamed(std::string const& name);
 
 bool isLosslessAudio(AVCodecID id);
 
+// How a sound encoder spreads its work over the cores (see SoundEncoder).
+struct EncoderThreads {
+    // Encoders at work at once, each on its own chunk of the sound: 0 one
+    // per core, 1 a single encoder on the writer's thread (sequential).
+    int workers = 0;
+    // Encoder frames in a chunk; 0: the codec's default (AAC: 1040, 22 s at 48 kHz).
+    int chunkFrames = 0;
+};
+
 } // namespace media

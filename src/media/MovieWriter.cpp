@@ -495,7 +495,8 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
             copies.push_back(c);
         } else if (d.how == TrackPlan::How::Encoded && track.mediaType() == dm::MediaType::Sound) {
             auto s = std::make_unique<SoundEncoder>(out.get(), track, d.sound, plan.dv ? seconds + 1 : 0,
-                                                    av_rescale(gridShiftUs, d.sound.sampleRate, AV_TIME_BASE));
+                                                    av_rescale(gridShiftUs, d.sound.sampleRate, AV_TIME_BASE),
+                                                    plan.options.soundThreads);
             if (d.in && !plan.dv && plan.container != "aiff") copyStreamTags(s->stream(), d.in, enabled);
             else s->stream()->disposition = enabled ? AV_DISPOSITION_DEFAULT : 0;
             if (!name.empty()) setName(s->stream(), name);
@@ -560,7 +561,7 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
         std::multimap<int, Copy const*> wanted;
         for (auto const* c : list) wanted.emplace(c->sourceIndex, c);
         for (unsigned i = 0; i < fmt->nb_streams; ++i) fmt->streams[i]->discard = wanted.count(static_cast<int>(i)) ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
-        Packet pkt = makePacket();
+        Packet pkt = makePacket(), copy = makePacket(); // reused for every packet
         std::int64_t size = std::max<std::int64_t>(1, file->size());
         while ((rc = av_read_frame(fmt, pkt.get())) >= 0) {
             auto [first, last] = wanted.equal_range(pkt->stream_index);
@@ -571,7 +572,6 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
             // A stream may go out twice (the moved sound and its backup).
             for (auto it = first; it != last; ++it) {
                 Copy const& c = *it->second;
-                Packet copy = makePacket();
                 check(av_packet_ref(copy.get(), pkt.get()), "Copying a packet");
                 if (c.moved && copy->pts != AV_NOPTS_VALUE) {
                     // A delay keeps what is played (not the encoder's priming
@@ -584,7 +584,10 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
                     bool keep = c.delayOnly        ? copy->pts + duration > c.cutPts
                               : c.keepStraddling ? copy->pts + 2 * duration > c.cutPts
                                                  : copy->pts >= c.cutPts;
-                    if (!keep) continue;
+                    if (!keep) {
+                        av_packet_unref(copy.get());
+                        continue;
+                    }
                 }
                 if (copy->pts != AV_NOPTS_VALUE) copy->pts -= c.shift;
                 if (copy->dts != AV_NOPTS_VALUE) copy->dts -= c.shift;
@@ -593,7 +596,9 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
                 av_packet_rescale_ts(copy.get(), c.sourceTb, c.out->time_base);
                 copy->stream_index = c.out->index;
                 copy->pos = -1;
-                check(writePacket(out.get(), copy.get()), "Writing the movie");
+                int written = writePacket(out.get(), copy.get()); // takes the packet's reference
+                av_packet_unref(copy.get());
+                check(written, "Writing the movie");
             }
             av_packet_unref(pkt.get());
             copiedFraction = (static_cast<double>(filesDone) + static_cast<double>(avio_tell(fmt->pb)) / static_cast<double>(size))

@@ -58,6 +58,8 @@ struct SaveOptions {
     std::string container;
     // The codec of the re-timed sound track.
     SoundCodec soundCodec = SoundCodec::Same;
+    // How the re-timed sound's encoding uses the cores (tests compare chunked and sequential).
+    EncoderThreads soundThreads;
     // Write even when a stream of the movie cannot go into the container
     // (it is then left out, with a note). Without it such a save throws
     // StreamsLeftOut before anything is written.

@@ -3,7 +3,9 @@
 #include "MovieFile.h"
 
 #include <algorithm>
+#include <climits>
 #include <cmath>
+#include <functional>
 #include <numeric>
 #include <vector>
 
@@ -212,8 +214,243 @@ SoundFormat chooseSoundFormat(std::string const& container, AVCodecParameters co
                      + " sound of " + std::to_string(channels) + " channels.");
 }
 
+// Encodes a sound in chunks of whole encoder frames on a pool of threads.
+// Each chunk gets an encoder of its own, opened as the stream's, that is fed
+// `preroll` frames before the chunk, the chunk, and `postroll` frames after
+// it, then drained; it keeps the packets whose time stamps fall in the
+// chunk's span (shifted by the codec's priming, as one encoder over the
+// whole sound would stamp them). Frames are handed in and packets written
+// out on one thread (the writer's); at most `workers + 1` chunks are in
+// flight.
+class ChunkedEncoding {
+public:
+    struct Setup {
+        AVCodec const* codec = nullptr;
+        std::function<void(AVCodecContext*)> configure; // sets a context up as the stream's
+        int frameSize = 1024;
+        std::int64_t padding = 0; // the codec's priming, in its time base
+        int preroll = 0, postroll = 0, chunkFrames = 1024, workers = 2;
+    };
+
+    explicit ChunkedEncoding(Setup setup) : s_(std::move(setup))
+    {
+        for (int i = 0; i < s_.workers; ++i) threads_.emplace_back([this] { work(); });
+    }
+    ~ChunkedEncoding()
+    {
+        {
+            std::lock_guard<std::mutex> g(lock_);
+            stop_ = true;
+        }
+        changed_.notify_all();
+        for (auto& t : threads_) t.join();
+    }
+    ChunkedEncoding(ChunkedEncoding const&) = delete;
+    ChunkedEncoding& operator=(ChunkedEncoding const&) = delete;
+
+    // Enough chunks are in flight: write the oldest before adding more.
+    bool full() const { return inFlight_.size() > static_cast<std::size_t>(s_.workers); }
+
+    // The next frame of the sound (time stamp set, full size but the last).
+    void add(Frame f)
+    {
+        std::int64_t i = added_++;
+        if (i % s_.chunkFrames == 0) {
+            if (current_) {
+                // The chunk is whole; it goes once it has its post-roll.
+                after_ = std::move(current_);
+                afterLeft_ = s_.postroll;
+                if (afterLeft_ == 0) dispatch(std::move(after_));
+            }
+            current_ = std::make_shared<Job>();
+            for (auto const& h : history_) current_->frames.push_back(clone(h.get()));
+            if (i > 0) current_->keepFrom = f->pts - s_.padding;
+            current_->keepTo = f->pts + static_cast<std::int64_t>(s_.chunkFrames) * s_.frameSize - s_.padding;
+        }
+        if (after_) {
+            after_->frames.push_back(clone(f.get()));
+            if (--afterLeft_ == 0) dispatch(std::move(after_));
+        }
+        if (s_.preroll > 0) {
+            history_.push_back(clone(f.get()));
+            if (history_.size() > static_cast<std::size_t>(s_.preroll)) history_.pop_front();
+        }
+        current_->keptSamples += f->nb_samples;
+        current_->frames.push_back(std::move(f));
+    }
+
+    // Every frame is in: the last chunk keeps all its encoder gives out.
+    void finish()
+    {
+        if (after_) dispatch(std::move(after_)); // its post-roll cut short by the end
+        if (current_) {
+            current_->keepTo = INT64_MAX;
+            dispatch(std::move(current_));
+        }
+        history_.clear();
+    }
+
+    // Writes the oldest chunk's packets through `to`, waiting for the chunk
+    // when `wait`. Returns the encoder samples written (0: none ready, or
+    // none left); rethrows a worker's error.
+    std::int64_t writeOldest(Encoder& to, bool wait)
+    {
+        if (inFlight_.empty()) return 0;
+        std::shared_ptr<Job> job = inFlight_.front();
+        {
+            std::unique_lock<std::mutex> g(lock_);
+            if (!job->done && !wait) return 0;
+            changed_.wait(g, [&] { return job->done; });
+        }
+        inFlight_.pop_front();
+        if (job->error) std::rethrow_exception(job->error);
+        for (auto& p : job->packets) to.write(p.get());
+        job->packets.clear();
+        return std::max<std::int64_t>(job->keptSamples, 1);
+    }
+
+    bool empty() const { return inFlight_.empty() && !current_ && !after_; }
+
+private:
+    struct Job {
+        std::vector<Frame> frames;                          // pre-roll, chunk, post-roll
+        std::int64_t keepFrom = INT64_MIN, keepTo = INT64_MAX; // packet time stamps kept
+        std::int64_t keptSamples = 0;
+        std::vector<Packet> packets;
+        bool done = false; // guarded
+        std::exception_ptr error;
+    };
+
+    static Frame clone(AVFrame const* f)
+    {
+        Frame c(av_frame_clone(f));
+        if (!c) throw MediaError("Out of memory.");
+        return c;
+    }
+
+    void dispatch(std::shared_ptr<Job> job)
+    {
+        inFlight_.push_back(job);
+        {
+            std::lock_guard<std::mutex> g(lock_);
+            queue_.push_back(std::move(job));
+        }
+        changed_.notify_all();
+    }
+
+    void work()
+    {
+        for (;;) {
+            std::shared_ptr<Job> job;
+            {
+                std::unique_lock<std::mutex> g(lock_);
+                changed_.wait(g, [&] { return stop_ || !queue_.empty(); });
+                if (stop_) return;
+                job = std::move(queue_.front());
+                queue_.pop_front();
+            }
+            try {
+                encode(*job);
+            } catch (...) {
+                job->error = std::current_exception();
+            }
+            job->frames.clear();
+            {
+                std::lock_guard<std::mutex> g(lock_);
+                job->done = true;
+            }
+            changed_.notify_all();
+        }
+    }
+
+    bool stopping()
+    {
+        std::lock_guard<std::mutex> g(lock_);
+        return stop_;
+    }
+
+    void encode(Job& job)
+    {
+        CodecContext c(avcodec_alloc_context3(s_.codec));
+        if (!c) throw MediaError("Out of memory.");
+        s_.configure(c.get());
+        check(avcodec_open2(c.get(), s_.codec, nullptr), std::string("Opening the ") + s_.codec->name + " encoder");
+        std::string what = std::string("Encoding with ") + s_.codec->name;
+        Packet pkt = makePacket();
+        auto drain = [&] {
+            for (;;) {
+                int rc = avcodec_receive_packet(c.get(), pkt.get());
+                if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return;
+                check(rc, what);
+                if (pkt->pts != AV_NOPTS_VALUE && pkt->pts >= job.keepFrom && pkt->pts < job.keepTo) {
+                    job.packets.push_back(std::move(pkt));
+                    pkt = makePacket();
+                } else {
+                    av_packet_unref(pkt.get());
+                }
+            }
+        };
+        for (std::size_t i = 0; i < job.frames.size(); ++i) {
+            if (i % 64 == 0 && stopping()) return;
+            check(avcodec_send_frame(c.get(), job.frames[i].get()), what);
+            job.frames[i].reset(); // the encoder holds what it still needs
+            drain();
+        }
+        check(avcodec_send_frame(c.get(), nullptr), what);
+        drain();
+    }
+
+    Setup s_;
+    std::deque<Frame> history_;             // the last `preroll` frames
+    std::shared_ptr<Job> current_, after_;  // filling; whole and taking its post-roll
+    int afterLeft_ = 0;
+    std::int64_t added_ = 0;
+    std::deque<std::shared_ptr<Job>> inFlight_; // dispatched, in order
+    std::mutex lock_;
+    std::condition_variable changed_;
+    std::deque<std::shared_ptr<Job>> queue_; // waiting for a worker (guarded)
+    bool stop_ = false;                      // guarded
+    std::vector<std::thread> threads_;
+};
+
+namespace {
+
+// The pre-roll and post-roll frames a codec's chunks need, when its packets
+// decode on their own.
+bool chunkable(AVCodecID id, int& preroll, int& postroll)
+{
+    switch (id) {
+    case AV_CODEC_ID_AAC:
+        // The decoder overlaps each frame with the one before it (one frame
+        // of pre-roll rebuilds that) and the encoder's window choice looks
+        // one frame ahead; but its rate control and psychoacoustic model
+        // take a hundred frames and more to settle from their start (with
+        // 64 frames of pre-roll about 1 dB of signal-to-noise ratio is
+        // lost, half that with 128: see Writer/ChunkedSplices).
+        preroll = 128;
+        postroll = 2;
+        return true;
+    case AV_CODEC_ID_AC3:
+    case AV_CODEC_ID_EAC3:
+        // Each frame's blocks overlap the last block of the frame before;
+        // the bit allocation starts afresh in every frame. Chunked, the
+        // sound decodes exactly as one encoder's (Writer/ChunkedSplices).
+        preroll = 2;
+        postroll = 1;
+        return true;
+    case AV_CODEC_ID_ALAC:
+        preroll = postroll = 0;
+        return true;
+    default:
+        preroll = postroll = 0;
+        return id >= AV_CODEC_ID_FIRST_AUDIO && id < AV_CODEC_ID_ADPCM_IMA_QT; // PCM
+    }
+}
+
+} // namespace
+
 SoundEncoder::SoundEncoder(AVFormatContext* out, dm::Track const& track, SoundFormat const& format, double padToSeconds,
-                           std::int64_t delay)
+                           std::int64_t delay, EncoderThreads threads)
     : list_(track.editList()), renderer_(std::static_pointer_cast<const FileMedia>(track.media()))
 {
     if (track.timeScale() != renderer_.sampleRate()) throw MediaError("The sound track's time scale is not its sample rate.");
@@ -266,7 +503,38 @@ SoundEncoder::SoundEncoder(AVFormatContext* out, dm::Track const& track, SoundFo
     fifo_.reset(av_audio_fifo_alloc(c->sample_fmt, c->ch_layout.nb_channels, frameSize_ * 4));
     if (!fifo_) throw MediaError("Out of memory.");
     total_ = std::max(list_->duration(), static_cast<std::int64_t>(std::ceil(padToSeconds * renderer_.sampleRate())));
+    int workers = threads.workers > 0 ? threads.workers : static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 8u));
+    int preroll = 0, postroll = 0;
+    if (workers > 1 && chunkable(c->codec_id, preroll, postroll)) {
+        ChunkedEncoding::Setup setup;
+        setup.codec = c->codec;
+        bool globalHeader = (c->flags & AV_CODEC_FLAG_GLOBAL_HEADER) != 0;
+        std::shared_ptr<AVChannelLayout> layout(new AVChannelLayout{}, [](AVChannelLayout* l) {
+            av_channel_layout_uninit(l);
+            delete l;
+        });
+        check(av_channel_layout_copy(layout.get(), &c->ch_layout), "Sound layout");
+        setup.configure = [format, layout, globalHeader](AVCodecContext* ctx) {
+            configure(ctx, format, *layout);
+            if (globalHeader) ctx->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+        };
+        setup.frameSize = frameSize_;
+        setup.padding = c->initial_padding;
+        setup.preroll = preroll;
+        setup.postroll = postroll;
+        // Chunks long enough that the pre-roll costs about a tenth more work.
+        setup.chunkFrames = threads.chunkFrames > 0 ? threads.chunkFrames : std::max(64, (preroll + postroll) * 8);
+        setup.workers = workers;
+        chunks_ = std::make_unique<ChunkedEncoding>(std::move(setup));
+    }
     renderThread_ = std::thread([this, start = pos_] { renderAhead(start); });
+}
+
+double SoundEncoder::secondsDone() const
+{
+    if (!chunks_) return static_cast<double>(pos_) / renderer_.sampleRate();
+    return static_cast<double>(pos0_) / renderer_.sampleRate()
+         + static_cast<double>(writtenSamples_) / encoder_->context()->sample_rate;
 }
 
 SoundEncoder::~SoundEncoder()
@@ -320,7 +588,17 @@ void SoundEncoder::encodeUntil(double seconds)
 bool SoundEncoder::step()
 {
     if (finished_) return false;
-    AVCodecContext* c = encoder_->context();
+    if (chunks_) {
+        // Write what the pool has done; wait for the oldest chunk when
+        // enough are in flight or every frame is in.
+        std::int64_t n = chunks_->writeOldest(*encoder_, inputDone_ || chunks_->full());
+        writtenSamples_ += n;
+        if (n > 0) return true;
+        if (inputDone_) {
+            finished_ = chunks_->empty();
+            return true;
+        }
+    }
     if (pos_ < total_) {
         PcmBuffer chunk;
         {
@@ -333,15 +611,21 @@ bool SoundEncoder::step()
         queueChanged_.notify_all();
         int n = static_cast<int>(chunk.frames());
         pos_ += n;
-        std::vector<std::uint8_t const*> in;
-        for (auto& ch : chunk.channels) in.push_back(reinterpret_cast<std::uint8_t const*>(ch.data()));
-        convertAndQueue(in.data(), n);
+        planes_.clear();
+        for (auto& ch : chunk.channels) planes_.push_back(reinterpret_cast<std::uint8_t const*>(ch.data()));
+        convertAndQueue(planes_.data(), n);
         std::lock_guard<std::mutex> g(queueLock_);
         spare_.push_back(std::move(chunk));
     } else {
         convertAndQueue(nullptr, 0); // drain the converter
     }
-    bool last = pos_ >= total_;
+    sendFrames(pos_ >= total_);
+    return true;
+}
+
+void SoundEncoder::sendFrames(bool last)
+{
+    AVCodecContext* c = encoder_->context();
     while (av_audio_fifo_size(fifo_.get()) >= frameSize_ || (last && av_audio_fifo_size(fifo_.get()) > 0)) {
         int n = std::min(frameSize_, av_audio_fifo_size(fifo_.get()));
         Frame f = makeFrame();
@@ -353,13 +637,17 @@ bool SoundEncoder::step()
         av_audio_fifo_read(fifo_.get(), reinterpret_cast<void**>(f->extended_data), n);
         f->pts = encodedSamples_ + pos0_ + ptsShift_;
         encodedSamples_ += n;
-        encoder_->send(f.get());
+        if (chunks_) chunks_->add(std::move(f));
+        else encoder_->send(f.get());
     }
-    if (last) {
+    if (!last) return;
+    if (chunks_) {
+        chunks_->finish();
+        inputDone_ = true;
+    } else {
         encoder_->send(nullptr);
         finished_ = true;
     }
-    return true;
 }
 
 void SoundEncoder::convertAndQueue(std::uint8_t const** in, int n)

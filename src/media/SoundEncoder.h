@@ -38,17 +38,34 @@ struct SoundFormat {
 SoundFormat chooseSoundFormat(std::string const& container, AVCodecParameters const* source, AVChannelLayout const& layout,
                               SoundCodec policy, bool lossless);
 
+class ChunkedEncoding;
+
 // A sound track rendered through its edit list and encoded.
+//
+// A render thread decodes and re-times the sound a few chunks ahead. Codecs
+// whose packets decode on their own (AAC, AC-3, E-AC-3; ALAC and PCM) are
+// then encoded in chunks of whole encoder frames on a pool of threads, each
+// chunk by its own encoder that first sees frames before the chunk
+// (pre-roll: the decoder's overlap at the splice is rebuilt from the same
+// signal, and the encoder's rate control has settled) and a few after it,
+// whose packets are dropped; the chunks' packets are written in order, with the
+// time stamps and priming of one encoder over the whole sound. Other codecs
+// (FLAC numbers its frames and sums the whole stream in its header; MP3's
+// bit reservoir, Vorbis and Opus carry state from packet to packet) are
+// encoded by one encoder on the writer's thread.
 class SoundEncoder {
 public:
     // `padToSeconds` extends the sound with silence to at least that length;
     // `delay` (samples) is the time stamp of the timeline's start in the file.
     SoundEncoder(AVFormatContext* out, dm::Track const& track, SoundFormat const& format, double padToSeconds = 0,
-                 std::int64_t delay = 0);
+                 std::int64_t delay = 0, EncoderThreads threads = {});
     ~SoundEncoder();
 
     AVStream* stream() const { return encoder_->stream(); }
-    double secondsDone() const { return static_cast<double>(pos_) / renderer_.sampleRate(); }
+    // Timeline seconds written into the file.
+    double secondsDone() const;
+    // Whether the sound is encoded in chunks on a pool of threads.
+    bool chunked() const { return chunks_ != nullptr; }
     double fractionDone() const { return total_ > 0 ? std::max(0.0, static_cast<double>(pos_) / static_cast<double>(total_)) : 1.0; }
     bool done() const { return finished_; }
     // Packets handed to the muxer so far.
@@ -61,6 +78,8 @@ public:
 
 private:
     void convertAndQueue(std::uint8_t const** in, int n);
+    // Frames the converted samples and hands them to the encoder (or the chunks).
+    void sendFrames(bool last);
     // The render thread: decodes and re-times the sound from `start` (the
     // renderer is its own from construction on) a few chunks ahead of the
     // encoding, which runs on the caller's thread, so the two use two cores.
@@ -76,6 +95,10 @@ private:
     bool stopRendering_ = false;     // guarded
     std::exception_ptr renderError_; // guarded
     std::unique_ptr<Encoder> encoder_;
+    std::unique_ptr<ChunkedEncoding> chunks_;
+    std::vector<std::uint8_t const*> planes_; // the planes of the chunk being converted
+    std::int64_t writtenSamples_ = 0;         // chunked: encoder samples written into the file
+    bool inputDone_ = false;                  // chunked: every frame handed to the chunks
     Swr convert_;
     AudioFifo fifo_;
     int frameSize_ = 1024;

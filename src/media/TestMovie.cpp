@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <iterator>
 
 extern "C" {
 #include <libavutil/display.h>
@@ -273,6 +275,22 @@ void writeTestMovie(std::string const& path, TestMovieSpec const& s)
         if (s.soundSample) return s.soundSample(n);
         double t = static_cast<double>(n) / s.sampleRate;
         double v = 0.02 * std::sin(2 * kPi * 220 * t);
+        if (s.music) {
+            static constexpr double kNotes[] = {261.63, 329.63, 392.0, 523.25, 1318.5, 3135.96};
+            double chord = 0;
+            for (std::size_t k = 0; k < std::size(kNotes); ++k) {
+                double f = kNotes[k] * (1 + 0.004 * std::sin(2 * kPi * (5 + 0.7 * static_cast<double>(k)) * t));
+                chord += std::sin(2 * kPi * f * t + static_cast<double>(k)) / static_cast<double>(k + 1);
+            }
+            double tremolo = 0.6 + 0.4 * std::sin(2 * kPi * 1.3 * t);
+            // Deterministic white noise from the sample's index.
+            std::uint64_t h = static_cast<std::uint64_t>(n) * 0x9E3779B97F4A7C15ULL;
+            h ^= h >> 31;
+            h *= 0xBF58476D1CE4E5B9ULL;
+            h ^= h >> 29;
+            double noise = static_cast<double>(h >> 11) / 9007199254740992.0 * 2 - 1;
+            v += 0.12 * tremolo * chord + 0.01 * noise;
+        }
         auto it = std::upper_bound(clicks.begin(), clicks.end(), n);
         if (it != clicks.begin()) {
             std::int64_t c = *(it - 1);

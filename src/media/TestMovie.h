@@ -30,6 +30,10 @@ struct TestMovieSpec {
     int extraSoundTracks = 0;
     bool extraSoundEnabled = false;
     bool withSound = true;
+    // Music under the clicks: a louder chord with vibrato and tremolo over
+    // soft noise, which keeps a lossy codec busy in every frame (the sound
+    // is otherwise a quiet 220 Hz tone).
+    bool music = false;
 
     // What movies made by other tools carry, for tests of faithful saves.
     double startTime = 0;         // time stamp of the first picture and sample (recordings start late)

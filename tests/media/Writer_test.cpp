@@ -1,3 +1,4 @@
+#include "AudioRenderer.h"
 #include "Codec.h"
 #include "MediaTestSupport.h"
 #include "MovieWriter.h"
@@ -6,7 +7,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <csignal>
+#include <cstdio>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -212,3 +215,157 @@ TEST(Writer, EveryExportTypeWritesWhatFFmpegReads)
 }
 
 } // namespace
+
+namespace {
+
+// Channel 0 of the enabled sound track of a file, decoded as players do.
+std::vector<float> decodedSound(std::string const& path)
+{
+    OpenedMovie om = openMovie(path);
+    for (auto const& t : om.movie->tracks()) {
+        if (t->mediaType() != dm::MediaType::Sound || !t->isEnabled()) continue;
+        auto m = std::static_pointer_cast<const FileMedia>(t->media());
+        AudioDecoder decoder(m);
+        PcmBuffer buf(decoder.channels(), static_cast<std::size_t>(m->length));
+        std::vector<float*> ptrs;
+        for (auto& c : buf.channels) ptrs.push_back(c.data());
+        decoder.read(0, static_cast<int>(m->length), ptrs.data());
+        return buf.channels[0];
+    }
+    return {};
+}
+
+// The re-timed sound of a synced movie saved with `codec` and `threads`.
+std::vector<float> savedSound(std::string const& source, media::TestMovieSpec const& spec, std::string const& out, SoundCodec codec,
+                              EncoderThreads threads)
+{
+    OpenedMovie om = openMovie(source);
+    OffsetList list(om.movie.get(), nullptr);
+    list.replacePoints(markPoints(spec));
+    SaveOptions options;
+    options.soundCodec = codec;
+    options.soundThreads = threads;
+    writeMovie(*om.movie, out, {}, options);
+    return decodedSound(out);
+}
+
+double median(std::vector<double> v)
+{
+    std::sort(v.begin(), v.end());
+    return v.empty() ? 0 : v[v.size() / 2];
+}
+
+} // namespace
+
+// The sound encoded in chunks on several threads, each chunk's encoder
+// started a few frames early, decodes like the sound encoded by one
+// encoder: at every splice between chunks the error against the re-timed
+// sound (saved as PCM) is no larger than at the other frame boundaries.
+struct SpliceCase {
+    char const* name;
+    char const* sourceCodec; // of the movie's sound, kept by the save
+    int frame;               // the encoder's frame size
+    int chunk;               // frames in a chunk
+    bool exact;              // chunks decode exactly as one encoder's output (no state across frames)
+};
+
+class ChunkedSplices : public ::testing::TestWithParam<SpliceCase> {};
+
+TEST_P(ChunkedSplices, AreInaudible)
+{
+    ScratchDir dir;
+    SpliceCase const& param = GetParam();
+    auto spec = smallSpec(24, 0.25, 1.0 / 1.004);
+    spec.music = true;
+    spec.audioCodec = param.sourceCodec;
+    spec.audioBitRate = 192000;
+    std::string source = cachedMovie(std::string("music-stretched-") + param.name + ".mov", spec);
+    int const kFrame = param.frame, kChunk = param.chunk; // a splice every 1 to 1.4 s
+    std::size_t const frame = static_cast<std::size_t>(kFrame);
+    SoundCodec const same = SoundCodec::Same;
+    std::vector<float> ref = savedSound(source, spec, dir.file("pcm.mov"), SoundCodec::Pcm, {1, 0});
+    std::vector<float> seq = savedSound(source, spec, dir.file("seq.mov"), same, {1, 0});
+    std::vector<float> chk = savedSound(source, spec, dir.file("chunked.mov"), same, {2, kChunk});
+    ASSERT_GT(ref.size(), 20u * 48000);
+    ASSERT_EQ(seq.size(), chk.size()); // the same priming, length and time stamps
+    if (param.exact) {
+        EXPECT_TRUE(seq == chk);
+    }
+    ASSERT_NEAR(static_cast<double>(seq.size()), static_cast<double>(ref.size()), 2 * kFrame);
+
+    // Around each frame boundary (a frame either side): the signal-to-error
+    // ratio against the PCM sound, and the largest error (a click).
+    struct Window {
+        double snr, peak;
+    };
+    auto window = [&](std::vector<float> const& x, std::size_t boundary) {
+        double signal = 0, error = 0, peak = 0;
+        for (std::size_t i = boundary - frame; i < boundary + frame; ++i) {
+            double e = static_cast<double>(x[i]) - ref[i];
+            signal += static_cast<double>(ref[i]) * ref[i];
+            error += e * e;
+            peak = std::max(peak, std::fabs(e));
+        }
+        return Window{10 * std::log10(signal / std::max(error, 1e-20)), peak};
+    };
+    std::vector<double> spliceSnr, ordinarySnr, seqSnr;
+    // The same, as a difference from one encoder's at the same boundary
+    // (which takes the signal's own ups and downs out).
+    std::vector<double> spliceDelta, ordinaryDelta;
+    double splicePeak = 0, ordinaryPeak = 0, worstSplice = 1e9;
+    std::size_t frames = std::min(ref.size(), chk.size()) / frame;
+    for (std::size_t j = 2; j + 2 < frames; ++j) {
+        Window c = window(chk, j * frame), s = window(seq, j * frame);
+        seqSnr.push_back(s.snr);
+        ordinaryPeak = std::max(ordinaryPeak, s.peak);
+        if (j % kChunk == 0) {
+            spliceSnr.push_back(c.snr);
+            spliceDelta.push_back(c.snr - s.snr);
+            splicePeak = std::max(splicePeak, c.peak);
+            worstSplice = std::min(worstSplice, c.snr);
+        } else {
+            ordinarySnr.push_back(c.snr);
+            ordinaryDelta.push_back(c.snr - s.snr);
+            ordinaryPeak = std::max(ordinaryPeak, c.peak);
+        }
+    }
+    std::vector<double> sorted = ordinarySnr;
+    std::sort(sorted.begin(), sorted.end());
+    double lowOrdinary = sorted[sorted.size() / 20]; // the 5th percentile
+    std::printf("[ splices ] %s, %zu splices: SNR median %.2f dB, worst %.2f dB, peak error %.5f; other frame boundaries: "
+                "median %.2f dB, 5th percentile %.2f dB, worst %.2f dB, peak error %.5f; one encoder: median %.2f dB; "
+                "against one encoder at the same boundary: splices %+.2f dB, elsewhere %+.2f dB (medians)\n",
+                param.name, spliceSnr.size(), median(spliceSnr), worstSplice, splicePeak, median(ordinarySnr), lowOrdinary, sorted.front(),
+                ordinaryPeak, median(seqSnr), median(spliceDelta), median(ordinaryDelta));
+    ASSERT_GT(spliceSnr.size(), 12u);
+    EXPECT_GT(median(ordinarySnr), 15.0); // the codec at work: the comparison means something
+    // A splice falls where a chunk's encoder has had only its pre-roll to
+    // settle: within the codec's ordinary spread, a little below its median.
+    EXPECT_GE(median(spliceSnr), median(ordinarySnr) - 2.0);
+    EXPECT_GE(worstSplice, lowOrdinary - 3.0);
+    // Chunks here are a sixteenth of a save's, so most frames lie in the
+    // settling that follows a pre-roll; a save's chunks lose less.
+    EXPECT_GE(median(ordinarySnr), median(seqSnr) - 2.0);
+    EXPECT_LE(splicePeak, ordinaryPeak); // no click
+    EXPECT_GE(median(spliceDelta), median(ordinaryDelta) - 1.5);
+}
+
+INSTANTIATE_TEST_SUITE_P(Writer, ChunkedSplices, ::testing::Values(SpliceCase{"aac", "aac", 1024, 64, false},
+                                                                       SpliceCase{"ac3", "ac3", 1536, 32, true},
+                                                                       SpliceCase{"eac3", "eac3", 1536, 32, true}),
+                         [](auto const& info) { return std::string(info.param.name); });
+
+// Lossless codecs chunk exactly: the decoded sound is the PCM save's.
+TEST(Writer, ChunkedLosslessEncodingIsExact)
+{
+    ScratchDir dir;
+    auto spec = smallSpec(24, 0.25, 1.0 / 1.004);
+    spec.music = true;
+    std::string source = cachedMovie("music-stretched.mov", spec);
+    std::vector<float> ref = savedSound(source, spec, dir.file("pcm.mov"), SoundCodec::Pcm, {1, 0});
+    std::vector<float> pcm = savedSound(source, spec, dir.file("pcm-chunked.mov"), SoundCodec::Pcm, {2, 16});
+    std::vector<float> alac = savedSound(source, spec, dir.file("alac-chunked.mov"), SoundCodec::Alac, {2, 4});
+    ASSERT_GT(ref.size(), 20u * 48000);
+    EXPECT_TRUE(ref == pcm);
+    EXPECT_TRUE(ref == alac);
+}
