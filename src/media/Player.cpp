@@ -315,8 +315,13 @@ void Player::setRate(double rate)
 
 void Player::followSoundLengthLocked()
 {
-    if (!sound_) return;
-    std::int64_t d = std::max(others_, sound_->editList()->duration());
+    if (sound_) setSoundLengthLocked(sound_->editList()->duration());
+}
+
+void Player::setSoundLengthLocked(std::int64_t soundLength)
+{
+    // A re-timing made the sound longer or shorter: play to its end.
+    std::int64_t d = std::max(others_, soundLength);
     if (d == duration_) return;
     duration_ = d;
     if (range_.whole) range_.end = d;
@@ -397,11 +402,11 @@ void Player::setPlaysSelectionOnly(bool on)
 void Player::refreshFromMovie()
 {
     std::int64_t others = othersDuration();
-    std::int64_t sound = sound_ ? sound_->editList()->duration() : 0;
     {
         std::lock_guard<std::mutex> g(lock_);
         others_ = others;
-        duration_ = std::max(others, sound);
+        duration_ = others;
+        followSoundLengthLocked();
     }
     Range r = rangeFromMovie();
     {
@@ -760,19 +765,13 @@ void Player::feederBody()
         bool restart = restart_;
         restart_ = false;
         Position anchor = anchor_;
-        std::int64_t others = others_;
         g.unlock();
 
         std::uint64_t changes = sound_->changeCount();
         auto list = sound_->editList();
         bool listChanged = list != list_;
-        std::int64_t duration = std::max(others, list->duration());
         g.lock();
-        if (duration != duration_) {
-            // A re-timing made the sound longer or shorter: play to its end.
-            duration_ = duration;
-            if (range_.whole) range_.end = duration;
-        }
+        setSoundLengthLocked(list->duration());
         Range r = range_;
         g.unlock();
 

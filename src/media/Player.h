@@ -203,6 +203,7 @@ private:
     void seekLocked(std::int64_t ticks);
     // The length follows the sound track's current edit list.
     void followSoundLengthLocked();
+    void setSoundLengthLocked(std::int64_t soundLength);
     std::int64_t othersDuration() const;
 
     std::shared_ptr<dm::Movie> movie_;
