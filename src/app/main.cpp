@@ -20,6 +20,7 @@ int main(int argc, char** argv)
         }
     if (!versionCheck(argc, argv)) return 1;
     media::setupMediaLogging();
+    media::keepLargeAllocationsMapped();
     DMApplication app(argc, argv);
     app.installSignalHandlers();
     DMAppDelegate delegate; // factory defaults and transformers before anything reads them

@@ -716,6 +716,7 @@ int main(int argc, char** argv)
 {
     installSignalHandlers();
     media::setupMediaLogging();
+    media::keepLargeAllocationsMapped();
     std::vector<std::string> args(argv + 1, argv + argc);
     try {
         if (args.empty()) throw UsageError("no command given");

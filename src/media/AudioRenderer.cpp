@@ -23,6 +23,7 @@ AudioDecoder::AudioDecoder(std::shared_ptr<const FileMedia> media)
     StreamDecoder d = openStreamDecoder(*media_, "sound");
     input_ = std::move(d.input);
     codec_ = std::move(d.codec);
+    stream_ = d.stream;
     channels_ = codec_->ch_layout.nb_channels > 0 ? codec_->ch_layout.nb_channels : media_->channels;
     sampleRate_ = media_->sampleRate;
     if (channels_ <= 0) throw MediaError("The sound track has no channels.");
@@ -65,8 +66,8 @@ void AudioDecoder::seekTo(std::int64_t sample)
 {
     std::int64_t target = std::max<std::int64_t>(0, sample);
     std::int64_t pts = media_->ptsFromTicks(target);
-    int rc = av_seek_frame(input_.format.get(), media_->streamIndex, pts, AVSEEK_FLAG_BACKWARD);
-    if (rc < 0) av_seek_frame(input_.format.get(), media_->streamIndex, media_->startPts, AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_ANY);
+    int rc = av_seek_frame(input_.format.get(), stream_, pts, AVSEEK_FLAG_BACKWARD);
+    if (rc < 0) av_seek_frame(input_.format.get(), stream_, media_->startPts, AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_ANY);
     avcodec_flush_buffers(codec_.get());
     for (auto& c : window_) c.clear();
     haveStart_ = false;
@@ -204,7 +205,7 @@ bool AudioDecoder::decodeMore()
             eof_ = true;
             continue;
         }
-        if (packet_->stream_index == media_->streamIndex) {
+        if (packet_->stream_index == stream_) {
             rc = avcodec_send_packet(codec_.get(), packet_.get());
             if (rc < 0 && rc != AVERROR(EAGAIN)) errors_.fetch_add(1, std::memory_order_relaxed); // skipped
         }
@@ -242,7 +243,7 @@ void AudioDecoder::read(std::int64_t first, int count, float* const* out, std::s
         if (haveStart_ && windowStart_ > a) {
             // Seeking cannot reach the target: read from the start instead.
             seekTo(0);
-            av_seek_frame(input_.format.get(), media_->streamIndex, INT64_MIN, AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_ANY);
+            av_seek_frame(input_.format.get(), stream_, INT64_MIN, AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_ANY);
             while (!haveStart_ && decodeMore()) {
             }
         }

@@ -58,6 +58,7 @@ private:
     std::shared_ptr<const FileMedia> media_;
     SourceFile::Input input_;
     CodecContext codec_;
+    int stream_ = -1; // the stream's index in input_
     Swr convert_; // to planar float in layout_ when the decoder gives another format
     // What convert_ was set up for.
     AVChannelLayout convertFrom_{};

@@ -62,18 +62,30 @@ void Encoder::write(AVPacket* packet)
 StreamDecoder openStreamDecoder(FileMedia const& media, char const* kind)
 {
     StreamDecoder d;
-    d.input = media.file->openInput(false);
+    d.input = media.file->openStream(media.streamIndex, d.stream);
     AVFormatContext* fmt = d.input.format.get();
-    if (static_cast<int>(fmt->nb_streams) <= media.streamIndex) check(avformat_find_stream_info(fmt, nullptr), "Reading streams");
-    if (static_cast<int>(fmt->nb_streams) <= media.streamIndex) throw MediaError(std::string("The ") + kind + " stream is missing.");
+    if (d.stream != media.streamIndex) {
+        // A view of the one track: it must be the track the movie read.
+        AVCodecParameters const* par = fmt->streams[d.stream]->codecpar;
+        bool same = par->codec_id == media.codecpar->codec_id && av_cmp_q(fmt->streams[d.stream]->time_base, media.timeBase) == 0
+                 && par->sample_rate == media.codecpar->sample_rate && par->width == media.codecpar->width
+                 && par->height == media.codecpar->height;
+        if (!same) {
+            d.input = media.file->openInput(false);
+            d.stream = media.streamIndex;
+            fmt = d.input.format.get();
+        }
+    }
+    if (static_cast<int>(fmt->nb_streams) <= d.stream) check(avformat_find_stream_info(fmt, nullptr), "Reading streams");
+    if (static_cast<int>(fmt->nb_streams) <= d.stream) throw MediaError(std::string("The ") + kind + " stream is missing.");
     for (unsigned i = 0; i < fmt->nb_streams; ++i)
-        fmt->streams[i]->discard = static_cast<int>(i) == media.streamIndex ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+        fmt->streams[i]->discard = static_cast<int>(i) == d.stream ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
     AVCodec const* dec = avcodec_find_decoder(media.codecpar->codec_id);
     if (!dec) throw MediaError(std::string("No decoder for the ") + kind + " codec " + avcodec_get_name(media.codecpar->codec_id) + ".");
     d.codec.reset(avcodec_alloc_context3(dec));
     if (!d.codec) throw MediaError("Out of memory.");
     check(avcodec_parameters_to_context(d.codec.get(), media.codecpar), std::string("Setting up the ") + kind + " decoder");
-    d.codec->pkt_timebase = fmt->streams[media.streamIndex]->time_base;
+    d.codec->pkt_timebase = fmt->streams[d.stream]->time_base;
     if (media.type == dm::MediaType::Video) d.codec->thread_count = 0; // frame threads for pictures
     check(avcodec_open2(d.codec.get(), dec, nullptr), std::string("Opening the ") + kind + " decoder");
     return d;
@@ -85,6 +97,7 @@ VideoDecoder::VideoDecoder(std::shared_ptr<const FileMedia> media) : media_(std:
     StreamDecoder d = openStreamDecoder(*media_, "video");
     input_ = std::move(d.input);
     codec_ = std::move(d.codec);
+    stream_ = d.stream;
 }
 
 bool VideoDecoder::next(AVFrame* frame)
@@ -102,7 +115,7 @@ bool VideoDecoder::next(AVFrame* frame)
             avcodec_send_packet(codec_.get(), nullptr);
             continue;
         }
-        if (packet_->stream_index == media_->streamIndex) {
+        if (packet_->stream_index == stream_) {
             rc = avcodec_send_packet(codec_.get(), packet_.get());
             if (rc < 0 && rc != AVERROR(EAGAIN)) ++errors_;
         }
@@ -112,7 +125,7 @@ bool VideoDecoder::next(AVFrame* frame)
 
 void VideoDecoder::seek(std::int64_t pts)
 {
-    av_seek_frame(input_.format.get(), media_->streamIndex, pts, AVSEEK_FLAG_BACKWARD);
+    av_seek_frame(input_.format.get(), stream_, pts, AVSEEK_FLAG_BACKWARD);
     avcodec_flush_buffers(codec_.get());
     draining_ = false;
 }

@@ -44,6 +44,7 @@ private:
 struct StreamDecoder {
     SourceFile::Input input;
     CodecContext codec;
+    int stream = -1; // the stream's index in `input`
 };
 StreamDecoder openStreamDecoder(FileMedia const& media, char const* kind);
 
@@ -64,6 +65,7 @@ private:
     std::shared_ptr<const FileMedia> media_;
     SourceFile::Input input_;
     CodecContext codec_;
+    int stream_ = -1; // the stream's index in input_
     Packet packet_;
     bool draining_ = false;
     std::uint64_t errors_ = 0;

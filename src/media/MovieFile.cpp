@@ -7,6 +7,7 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <thread>
@@ -18,6 +19,9 @@ extern "C" {
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 namespace media {
 
@@ -46,6 +50,13 @@ void setupMediaLogging()
         else if (v == "debug") level = AV_LOG_DEBUG;
     }
     av_log_set_level(level);
+}
+
+void keepLargeAllocationsMapped()
+{
+#if defined(__GLIBC__)
+    if (!std::getenv("MALLOC_MMAP_THRESHOLD_")) mallopt(M_MMAP_THRESHOLD, 1 << 20);
+#endif
 }
 
 Frame makeFrame()
@@ -117,7 +128,21 @@ struct Reader {
     int fd;
     std::int64_t size;
     std::int64_t pos = 0;
+    // File offsets of box types that read as "free" (sorted).
+    std::vector<std::int64_t> freed = {};
 };
+
+// Presents the four bytes at each offset in `freed` as the box type "free".
+void maskBoxTypes(Reader const& r, std::uint8_t* buf, std::int64_t at, std::int64_t n)
+{
+    static constexpr char kFree[4] = {'f', 'r', 'e', 'e'};
+    auto it = std::upper_bound(r.freed.begin(), r.freed.end(), at - 4);
+    for (; it != r.freed.end() && *it < at + n; ++it)
+        for (std::int64_t k = 0; k < 4; ++k) {
+            std::int64_t p = *it + k;
+            if (p >= at && p < at + n) buf[p - at] = static_cast<std::uint8_t>(kFree[k]);
+        }
+}
 
 int readPacket(void* opaque, std::uint8_t* buf, int size)
 {
@@ -130,6 +155,7 @@ int readPacket(void* opaque, std::uint8_t* buf, int size)
     if (n < 0) return AVERROR(errno);
     if (n == 0) return AVERROR_EOF;
     throttle(static_cast<std::size_t>(n));
+    if (!r->freed.empty()) maskBoxTypes(*r, buf, r->pos, n);
     r->pos += n;
     return static_cast<int>(n);
 }
@@ -147,14 +173,89 @@ std::int64_t seekPacket(void* opaque, std::int64_t offset, int whence)
     return r->pos;
 }
 
+struct Box {
+    std::int64_t at = 0, size = 0, header = 0;
+    char type[5] = {0};
+};
+
+// The box at `at` that must end by `end`; false when the bytes there are no box.
+bool readBox(int fd, std::int64_t at, std::int64_t end, Box& box)
+{
+    std::uint8_t h[16];
+    if (end - at < 8 || ::pread(fd, h, 16, at) < 8) return false;
+    auto be = [&](int from, int bytes) {
+        std::uint64_t v = 0;
+        for (int i = 0; i < bytes; ++i) v = (v << 8) | h[from + i];
+        return v;
+    };
+    box.at = at;
+    std::memcpy(box.type, h + 4, 4);
+    std::uint64_t size = be(0, 4);
+    box.header = 8;
+    if (size == 1) {
+        if (end - at < 16) return false;
+        size = be(8, 8);
+        box.header = 16;
+    } else if (size == 0) {
+        size = static_cast<std::uint64_t>(end - at); // to the end of the file
+    }
+    if (size < static_cast<std::uint64_t>(box.header) || size > static_cast<std::uint64_t>(end - at)) return false;
+    box.size = static_cast<std::int64_t>(size);
+    return true;
+}
+
+// The offsets of the type fields of every track box in the movie header
+// but the `keep`th, when the file is a QuickTime/MPEG-4 file whose whole
+// box structure reads cleanly and whose movie header is a plain one (not
+// compressed, not fragmented); empty otherwise.
+std::vector<std::int64_t> otherTrackBoxes(int fd, std::int64_t fileSize, int keep)
+{
+    static constexpr std::array<char const*, 9> kTopLevel = {"ftyp", "moov", "mdat", "free", "skip", "wide", "pnot", "uuid", "udta"};
+    constexpr int kMaxBoxes = 4096;
+    Box moov;
+    bool haveMoov = false;
+    int count = 0;
+    for (std::int64_t at = 0; at < fileSize; ++count) {
+        Box b;
+        if (count >= kMaxBoxes || !readBox(fd, at, fileSize, b)) return {};
+        if (count == 0 && std::none_of(kTopLevel.begin(), kTopLevel.end(), [&](char const* t) { return std::memcmp(t, b.type, 4) == 0; }))
+            return {};
+        if (std::memcmp(b.type, "moof", 4) == 0) return {};
+        if (std::memcmp(b.type, "moov", 4) == 0) {
+            if (haveMoov) return {};
+            moov = b;
+            haveMoov = true;
+        }
+        at += b.size;
+    }
+    if (!haveMoov) return {};
+    std::vector<std::int64_t> freed;
+    int track = 0;
+    count = 0;
+    for (std::int64_t at = moov.at + moov.header, end = moov.at + moov.size; at < end; ++count) {
+        Box b;
+        if (count >= kMaxBoxes || !readBox(fd, at, end, b)) return {};
+        if (std::memcmp(b.type, "mvex", 4) == 0 || std::memcmp(b.type, "cmov", 4) == 0) return {};
+        if (std::memcmp(b.type, "trak", 4) == 0 && track++ != keep) freed.push_back(b.at + 4);
+        at += b.size;
+    }
+    if (keep >= track) return {};
+    return freed;
+}
+
 } // namespace
 
 void setReadLimit(double bytesPerSecond) { gReadLimit = bytesPerSecond; }
 
 SourceFile::Input SourceFile::openInput(bool findStreamInfo, AVDictionary** options) const
 {
+    return openThrough({}, findStreamInfo, options);
+}
+
+SourceFile::Input SourceFile::openThrough(std::vector<std::int64_t> freed, bool findStreamInfo, AVDictionary** options) const
+{
     Input in;
-    auto reader = std::make_shared<Reader>(Reader{fd_, size_});
+    auto reader = std::make_shared<Reader>(Reader{fd_, size_, 0, std::move(freed)});
     in.reader = reader;
     constexpr int kBuffer = 64 * 1024;
     auto* buffer = static_cast<std::uint8_t*>(av_malloc(kBuffer));
@@ -177,6 +278,24 @@ SourceFile::Input SourceFile::openInput(bool findStreamInfo, AVDictionary** opti
         if (rc < 0) throw MediaError("Cannot read the streams of \"" + path_ + "\" (" + avError(rc) + ").");
     }
     return in;
+}
+
+SourceFile::Input SourceFile::openStream(int streamIndex, int& indexInInput) const
+{
+    std::vector<std::int64_t> freed = otherTrackBoxes(fd_, size_, streamIndex);
+    if (!freed.empty()) {
+        try {
+            Input in = openThrough(freed, false, nullptr);
+            // The one track left is the stream asked for, or the view is not used.
+            if (in.format->nb_streams == 1) {
+                indexInInput = 0;
+                return in;
+            }
+        } catch (MediaError const&) {
+        }
+    }
+    indexInInput = streamIndex;
+    return openInput(false);
 }
 
 std::int64_t FileMedia::ticksFromPts(std::int64_t pts) const

@@ -42,6 +42,13 @@ public:
     // Opens a demuxer; with `findStreamInfo` it also probes the streams.
     // `options` go to avformat_open_input.
     Input openInput(bool findStreamInfo = true, AVDictionary** options = nullptr) const;
+    // A demuxer for reading stream `streamIndex` alone. In a QuickTime or
+    // MPEG-4 file with a plain movie header, the other tracks read as free
+    // space, so the demuxer builds the packet index of this one track only
+    // (a demuxer indexes every packet of every track: tens of megabytes for
+    // a movie of hours, paid again by every decoder). `indexInInput` is
+    // where the stream is in the returned demuxer; other files open whole.
+    Input openStream(int streamIndex, int& indexInInput) const;
 
     // The version of the file at path() that this movie knows: the one it
     // opened, or the one its last save in place put there. A save in place
@@ -50,6 +57,8 @@ public:
     void savedOver(FileIdentity const& version);
 
 private:
+    // A demuxer through a reader that shows the box types at `freed` as "free".
+    Input openThrough(std::vector<std::int64_t> freed, bool findStreamInfo, AVDictionary** options) const;
     SourceFile(std::string path, int fd, std::int64_t size, FileIdentity version)
         : path_(std::move(path)), fd_(fd), size_(size), version_(version) {}
     std::string path_;

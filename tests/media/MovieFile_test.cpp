@@ -2,7 +2,15 @@
 #include "MovieFile.h"
 #include "Refusal.h"
 
+extern "C" {
+#include <libavutil/crc.h>
+}
+
 #include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <tuple>
+#include <vector>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -111,6 +119,128 @@ TEST(MovieFile, BadInputIsRefusedWithAMessage)
     if (geteuid() != 0) {
         EXPECT_THROW(openMovie(locked), MediaError);
         EXPECT_FALSE(canOpenMovie(locked));
+    }
+}
+
+// What a decoder gets from a demuxer for one stream: every packet's times,
+// flags, bytes and side data, and the stream's set-up.
+struct StreamRead {
+    std::vector<std::tuple<std::int64_t, std::int64_t, std::int64_t, int, std::uint32_t, std::string>> packets;
+    std::string extradata;
+    AVRational timeBase{0, 1};
+    int codec = 0;
+    bool operator==(StreamRead const& o) const
+    {
+        return packets == o.packets && extradata == o.extradata && av_cmp_q(timeBase, o.timeBase) == 0 && codec == o.codec;
+    }
+};
+
+StreamRead readStream(SourceFile::Input& in, int stream)
+{
+    StreamRead r;
+    AVStream* st = in.format->streams[stream];
+    r.extradata.assign(reinterpret_cast<char const*>(st->codecpar->extradata), static_cast<std::size_t>(st->codecpar->extradata_size));
+    r.timeBase = st->time_base;
+    r.codec = st->codecpar->codec_id;
+    Packet pkt = makePacket();
+    while (av_read_frame(in.format.get(), pkt.get()) >= 0) {
+        if (pkt->stream_index == stream) {
+            std::string side;
+            for (int i = 0; i < pkt->side_data_elems; ++i)
+                side += std::to_string(pkt->side_data[i].type) + ":"
+                      + std::string(reinterpret_cast<char const*>(pkt->side_data[i].data), pkt->side_data[i].size) + ";";
+            std::uint32_t crc = av_crc(av_crc_get_table(AV_CRC_32_IEEE), 0, pkt->data, static_cast<std::size_t>(pkt->size));
+            r.packets.emplace_back(pkt->pts, pkt->dts, pkt->duration, pkt->flags, crc, side);
+        }
+        av_packet_unref(pkt.get());
+    }
+    return r;
+}
+
+// A demuxer for one track reads that track exactly as a demuxer of the
+// whole file does; in QuickTime and MPEG-4 files it sees that track alone.
+TEST(MovieFile, OneTrackViewsReadWhatTheWholeFileGives)
+{
+    ScratchDir dir;
+    auto rich = smallSpec(6, 0.2, 1.0);
+    rich.extraSoundTracks = 1;
+    rich.chapters = 2;
+    rich.timecode = "01:00:00:00";
+    auto late = smallSpec(6, 0.2, 1.0);
+    late.format = "mp4";
+    late.startTime = 1.4;
+    auto mkv = smallSpec(6, 0.2, 1.0);
+    mkv.format = "matroska";
+    mkv.extraSoundTracks = 1;
+    struct Case {
+        std::string path;
+        bool view; // the demuxer sees the one track
+    };
+    std::vector<Case> cases = {
+        {cachedMovie("view-rich.mov", rich), true},
+        {cachedMovie("view-late.mp4", late), true},
+        {cachedMovie("view-two.mkv", mkv), false},
+    };
+    if (std::system("command -v ffmpeg >/dev/null 2>&1") == 0) {
+        // Fragmented and with the movie header first: as other tools write them.
+        std::string frag = dir.file("fragmented.mp4"), fast = dir.file("faststart.mp4");
+        std::string base = "ffmpeg -nostdin -y -v error -i '" + cases[0].path + "' -map 0:v -map 0:a -c copy ";
+        ASSERT_EQ(std::system((base + "-movflags +frag_keyframe+empty_moov '" + frag + "'").c_str()), 0);
+        ASSERT_EQ(std::system((base + "-movflags +faststart '" + fast + "'").c_str()), 0);
+        cases.push_back({frag, false});
+        cases.push_back({fast, true});
+    }
+    for (auto const& c : cases) {
+        auto file = SourceFile::open(c.path);
+        auto probe = file->openInput(false);
+        unsigned streams = probe.format->nb_streams;
+        ASSERT_GE(streams, 2u) << c.path;
+        for (int s = 0; s < static_cast<int>(streams); ++s) {
+            // Decoders read pictures and sound (a timecode track is read with the header).
+            auto type = probe.format->streams[s]->codecpar->codec_type;
+            if (type != AVMEDIA_TYPE_AUDIO && type != AVMEDIA_TYPE_VIDEO) continue;
+            SCOPED_TRACE(c.path + " stream " + std::to_string(s));
+            auto whole = file->openInput(false);
+            int at = -1;
+            auto one = file->openStream(s, at);
+            if (c.view) {
+                EXPECT_EQ(one.format->nb_streams, 1u);
+                EXPECT_EQ(at, 0);
+            } else {
+                EXPECT_EQ(one.format->nb_streams, streams);
+                EXPECT_EQ(at, s);
+            }
+            StreamRead expected = readStream(whole, s);
+            EXPECT_FALSE(expected.packets.empty());
+            EXPECT_TRUE(readStream(one, at) == expected);
+        }
+    }
+
+    // A damaged box structure: the view is not used, and the file opens
+    // (or is refused) as it would whole.
+    std::string bytes = readFile(cases[0].path);
+    std::size_t trak = bytes.find("trak");
+    ASSERT_NE(trak, std::string::npos);
+    for (std::uint32_t size : {0xfffffff0u, 4u}) {
+        std::string damaged = bytes;
+        for (int i = 0; i < 4; ++i) damaged[trak - 4 + static_cast<std::size_t>(i)] = static_cast<char>(size >> (24 - 8 * i));
+        std::string path = dir.file("damaged-" + std::to_string(size) + ".mov");
+        writeFile(path, damaged);
+        auto file = SourceFile::open(path);
+        int wholeStreams = -1, viewStreams = -2, at = -1;
+        try {
+            wholeStreams = static_cast<int>(file->openInput(false).format->nb_streams);
+        } catch (MediaError const&) {
+        }
+        try {
+            viewStreams = static_cast<int>(file->openStream(1, at).format->nb_streams);
+        } catch (MediaError const&) {
+            viewStreams = -1;
+        }
+        EXPECT_EQ(viewStreams, wholeStreams) << size;
+        if (viewStreams >= 0) {
+            EXPECT_EQ(at, 1);
+        }
     }
 }
 
