@@ -220,8 +220,11 @@ SoundFormat chooseSoundFormat(std::string const& container, AVCodecParameters co
 // it, then drained; it keeps the packets whose time stamps fall in the
 // chunk's span (shifted by the codec's priming, as one encoder over the
 // whole sound would stamp them). Frames are handed in and packets written
-// out on one thread (the writer's); at most `workers + 1` chunks are in
-// flight.
+// out on one thread (the writer's). A chunk is handed to the pool when it
+// starts, and its encoder takes each frame as it comes and lets it go once
+// encoded, so a chunk's sound is held only between its rendering and its
+// encoding: rendering is much faster than encoding. At most `workers + 1`
+// chunks are in flight, the last one filling.
 class ChunkedEncoding {
 public:
     struct Setup {
@@ -248,8 +251,14 @@ public:
     ChunkedEncoding(ChunkedEncoding const&) = delete;
     ChunkedEncoding& operator=(ChunkedEncoding const&) = delete;
 
-    // Enough chunks are in flight: write the oldest before adding more.
-    bool full() const { return inFlight_.size() > static_cast<std::size_t>(s_.workers); }
+    // Enough is in flight: write the oldest chunk before adding more. Every
+    // worker has a chunk, and the next one is a quarter rendered: enough
+    // for its encoder to start on while the rest is rendered (several
+    // times faster than it is encoded).
+    bool full() const
+    {
+        return inFlight_.size() > static_cast<std::size_t>(s_.workers) && currentFrames_ >= std::max(1, s_.chunkFrames / 4);
+    }
 
     // The next frame of the sound (time stamp set, full size but the last).
     void add(Frame f)
@@ -257,35 +266,41 @@ public:
         std::int64_t i = added_++;
         if (i % s_.chunkFrames == 0) {
             if (current_) {
-                // The chunk is whole; it goes once it has its post-roll.
+                // The chunk is whole; it is done once it has its post-roll.
                 after_ = std::move(current_);
                 afterLeft_ = s_.postroll;
-                if (afterLeft_ == 0) dispatch(std::move(after_));
+                if (afterLeft_ == 0) seal(std::move(after_));
             }
             current_ = std::make_shared<Job>();
-            for (auto const& h : history_) current_->frames.push_back(clone(h.get()));
+            currentFrames_ = 0;
             if (i > 0) current_->keepFrom = f->pts - s_.padding;
             current_->keepTo = f->pts + static_cast<std::int64_t>(s_.chunkFrames) * s_.frameSize - s_.padding;
+            for (auto const& h : history_) current_->frames.push_back(clone(h.get()));
+            dispatch(current_);
         }
         if (after_) {
-            after_->frames.push_back(clone(f.get()));
-            if (--afterLeft_ == 0) dispatch(std::move(after_));
+            push(*after_, clone(f.get()));
+            if (--afterLeft_ == 0) seal(std::move(after_));
         }
         if (s_.preroll > 0) {
             history_.push_back(clone(f.get()));
             if (history_.size() > static_cast<std::size_t>(s_.preroll)) history_.pop_front();
         }
         current_->keptSamples += f->nb_samples;
-        current_->frames.push_back(std::move(f));
+        ++currentFrames_;
+        push(*current_, std::move(f));
     }
 
     // Every frame is in: the last chunk keeps all its encoder gives out.
     void finish()
     {
-        if (after_) dispatch(std::move(after_)); // its post-roll cut short by the end
+        if (after_) seal(std::move(after_)); // its post-roll cut short by the end
         if (current_) {
-            current_->keepTo = INT64_MAX;
-            dispatch(std::move(current_));
+            {
+                std::lock_guard<std::mutex> g(lock_);
+                current_->keepTo = INT64_MAX;
+            }
+            seal(std::move(current_));
         }
         history_.clear();
     }
@@ -299,7 +314,7 @@ public:
         std::shared_ptr<Job> job = inFlight_.front();
         {
             std::unique_lock<std::mutex> g(lock_);
-            if (!job->done && !wait) return 0;
+            if (!job->done && (!wait || !job->sealed)) return 0; // an open chunk needs more frames first
             changed_.wait(g, [&] { return job->done; });
         }
         inFlight_.pop_front();
@@ -313,9 +328,10 @@ public:
 
 private:
     struct Job {
-        std::vector<Frame> frames;                          // pre-roll, chunk, post-roll
-        std::int64_t keepFrom = INT64_MIN, keepTo = INT64_MAX; // packet time stamps kept
-        std::int64_t keptSamples = 0;
+        std::deque<Frame> frames;                              // not yet encoded: pre-roll, chunk, post-roll (guarded)
+        bool sealed = false;                                   // every frame is in (guarded)
+        std::int64_t keepFrom = INT64_MIN, keepTo = INT64_MAX; // packet time stamps kept (keepTo guarded)
+        std::int64_t keptSamples = 0;                          // the writer's
         std::vector<Packet> packets;
         bool done = false; // guarded
         std::exception_ptr error;
@@ -326,6 +342,25 @@ private:
         Frame c(av_frame_clone(f));
         if (!c) throw MediaError("Out of memory.");
         return c;
+    }
+
+    void push(Job& job, Frame f)
+    {
+        {
+            std::lock_guard<std::mutex> g(lock_);
+            if (!job.done) job.frames.push_back(std::move(f)); // a failed chunk keeps nothing
+
+        }
+        changed_.notify_all();
+    }
+
+    void seal(std::shared_ptr<Job> job)
+    {
+        {
+            std::lock_guard<std::mutex> g(lock_);
+            job->sealed = true;
+        }
+        changed_.notify_all();
     }
 
     void dispatch(std::shared_ptr<Job> job)
@@ -354,19 +389,26 @@ private:
             } catch (...) {
                 job->error = std::current_exception();
             }
-            job->frames.clear();
             {
                 std::lock_guard<std::mutex> g(lock_);
+                job->frames.clear();
                 job->done = true;
             }
             changed_.notify_all();
         }
     }
 
-    bool stopping()
+    // The chunk's next frame, waiting for the writer to hand it in; null
+    // when the chunk is sealed and every frame taken, or when stopping.
+    Frame next(Job& job, std::int64_t& keepTo)
     {
-        std::lock_guard<std::mutex> g(lock_);
-        return stop_;
+        std::unique_lock<std::mutex> g(lock_);
+        changed_.wait(g, [&] { return stop_ || !job.frames.empty() || job.sealed; });
+        keepTo = job.keepTo;
+        if (stop_ || job.frames.empty()) return nullptr;
+        Frame f = std::move(job.frames.front());
+        job.frames.pop_front();
+        return f;
     }
 
     void encode(Job& job)
@@ -377,12 +419,13 @@ private:
         check(avcodec_open2(c.get(), s_.codec, nullptr), std::string("Opening the ") + s_.codec->name + " encoder");
         std::string what = std::string("Encoding with ") + s_.codec->name;
         Packet pkt = makePacket();
+        std::int64_t keepTo = INT64_MAX;
         auto drain = [&] {
             for (;;) {
                 int rc = avcodec_receive_packet(c.get(), pkt.get());
                 if (rc == AVERROR(EAGAIN) || rc == AVERROR_EOF) return;
                 check(rc, what);
-                if (pkt->pts != AV_NOPTS_VALUE && pkt->pts >= job.keepFrom && pkt->pts < job.keepTo) {
+                if (pkt->pts != AV_NOPTS_VALUE && pkt->pts >= job.keepFrom && pkt->pts < keepTo) {
                     job.packets.push_back(std::move(pkt));
                     pkt = makePacket();
                 } else {
@@ -390,11 +433,18 @@ private:
                 }
             }
         };
-        for (std::size_t i = 0; i < job.frames.size(); ++i) {
-            if (i % 64 == 0 && stopping()) return;
-            check(avcodec_send_frame(c.get(), job.frames[i].get()), what);
-            job.frames[i].reset(); // the encoder holds what it still needs
+        // Packets come out after their frame (the encoder looks ahead), so
+        // the last chunk's limit, lifted when it is sealed, is known before
+        // the packets it lets through.
+        while (Frame f = next(job, keepTo)) {
+            check(avcodec_send_frame(c.get(), f.get()), what);
+            f.reset(); // the encoder holds what it still needs
             drain();
+        }
+        {
+            std::lock_guard<std::mutex> g(lock_);
+            if (stop_) return;
+            keepTo = job.keepTo;
         }
         check(avcodec_send_frame(c.get(), nullptr), what);
         drain();
@@ -404,6 +454,7 @@ private:
     std::deque<Frame> history_;             // the last `preroll` frames
     std::shared_ptr<Job> current_, after_;  // filling; whole and taking its post-roll
     int afterLeft_ = 0;
+    int currentFrames_ = 0; // of the chunk being filled, after its pre-roll
     std::int64_t added_ = 0;
     std::deque<std::shared_ptr<Job>> inFlight_; // dispatched, in order
     std::mutex lock_;
