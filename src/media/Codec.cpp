@@ -67,7 +67,7 @@ StreamDecoder openStreamDecoder(FileMedia const& media, char const* kind)
     if (d.stream != media.streamIndex) {
         // A view of the one track: it must be the track the movie read.
         AVCodecParameters const* par = fmt->streams[d.stream]->codecpar;
-        bool same = par->codec_id == media.codecpar->codec_id && av_cmp_q(fmt->streams[d.stream]->time_base, media.timeBase) == 0
+        bool same = fmt->streams[d.stream]->id == media.containerId && par->codec_id == media.codecpar->codec_id && av_cmp_q(fmt->streams[d.stream]->time_base, media.timeBase) == 0
                  && par->sample_rate == media.codecpar->sample_rate && par->width == media.codecpar->width
                  && par->height == media.codecpar->height;
         if (!same) {

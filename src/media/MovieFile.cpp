@@ -532,6 +532,7 @@ OpenedMovie openMovie(std::string const& path)
             media->timeScale = st->time_base.num == 1 && st->time_base.den > 0 ? st->time_base.den : 1000;
         }
         media->type = type;
+        media->containerId = st->id;
         media->origin = formatStart;
         media->startPts = st->start_time == AV_NOPTS_VALUE ? 0 : st->start_time;
         if (media->startPts < 0 && type == dm::MediaType::Sound) media->startPts = 0; // priming, skipped by the decoder

@@ -72,6 +72,7 @@ private:
 struct FileMedia : dm::Media {
     std::shared_ptr<SourceFile> file;
     int streamIndex = -1;
+    int containerId = 0;           // the container's own number of the stream (a QuickTime track ID)
     AVRational timeBase{1, 1};
     std::int64_t startPts = 0;     // stream start in `timeBase`; media tick 0
     // Movie time 0 of the file this stream belongs to (the container's start

@@ -129,9 +129,10 @@ struct StreamRead {
     std::string extradata;
     AVRational timeBase{0, 1};
     int codec = 0;
+    int id = 0; // the container's number of the stream
     bool operator==(StreamRead const& o) const
     {
-        return packets == o.packets && extradata == o.extradata && av_cmp_q(timeBase, o.timeBase) == 0 && codec == o.codec;
+        return packets == o.packets && extradata == o.extradata && av_cmp_q(timeBase, o.timeBase) == 0 && codec == o.codec && id == o.id;
     }
 };
 
@@ -142,6 +143,7 @@ StreamRead readStream(SourceFile::Input& in, int stream)
     r.extradata.assign(reinterpret_cast<char const*>(st->codecpar->extradata), static_cast<std::size_t>(st->codecpar->extradata_size));
     r.timeBase = st->time_base;
     r.codec = st->codecpar->codec_id;
+    r.id = st->id;
     Packet pkt = makePacket();
     while (av_read_frame(in.format.get(), pkt.get()) >= 0) {
         if (pkt->stream_index == stream) {
