@@ -181,8 +181,10 @@ struct Box {
 // The box at `at` that must end by `end`; false when the bytes there are no box.
 bool readBox(int fd, std::int64_t at, std::int64_t end, Box& box)
 {
-    std::uint8_t h[16];
-    if (end - at < 8 || ::pread(fd, h, 16, at) < 8) return false;
+    std::uint8_t h[16] = {};
+    if (end - at < 8) return false;
+    ssize_t got = ::pread(fd, h, 16, at);
+    if (got < 8) return false;
     auto be = [&](int from, int bytes) {
         std::uint64_t v = 0;
         for (int i = 0; i < bytes; ++i) v = (v << 8) | h[from + i];
@@ -193,7 +195,7 @@ bool readBox(int fd, std::int64_t at, std::int64_t end, Box& box)
     std::uint64_t size = be(0, 4);
     box.header = 8;
     if (size == 1) {
-        if (end - at < 16) return false;
+        if (end - at < 16 || got < 16) return false;
         size = be(8, 8);
         box.header = 16;
     } else if (size == 0) {
