@@ -62,20 +62,14 @@ void Encoder::write(AVPacket* packet)
 StreamDecoder openStreamDecoder(FileMedia const& media, char const* kind)
 {
     StreamDecoder d;
-    d.input = media.file->openStream(media.streamIndex, d.stream);
+    // A view of the one track must show the track the movie read.
+    d.input = media.file->openStream(media.streamIndex, d.stream, [&](AVStream const& st) {
+        AVCodecParameters const* par = st.codecpar;
+        return st.id == media.containerId && par->codec_id == media.codecpar->codec_id && av_cmp_q(st.time_base, media.timeBase) == 0
+            && par->sample_rate == media.codecpar->sample_rate && par->width == media.codecpar->width
+            && par->height == media.codecpar->height;
+    });
     AVFormatContext* fmt = d.input.format.get();
-    if (d.stream != media.streamIndex) {
-        // A view of the one track: it must be the track the movie read.
-        AVCodecParameters const* par = fmt->streams[d.stream]->codecpar;
-        bool same = fmt->streams[d.stream]->id == media.containerId && par->codec_id == media.codecpar->codec_id && av_cmp_q(fmt->streams[d.stream]->time_base, media.timeBase) == 0
-                 && par->sample_rate == media.codecpar->sample_rate && par->width == media.codecpar->width
-                 && par->height == media.codecpar->height;
-        if (!same) {
-            d.input = media.file->openInput(false);
-            d.stream = media.streamIndex;
-            fmt = d.input.format.get();
-        }
-    }
     if (static_cast<int>(fmt->nb_streams) <= d.stream) check(avformat_find_stream_info(fmt, nullptr), "Reading streams");
     if (static_cast<int>(fmt->nb_streams) <= d.stream) throw MediaError(std::string("The ") + kind + " stream is missing.");
     for (unsigned i = 0; i < fmt->nb_streams; ++i)

@@ -282,14 +282,15 @@ SourceFile::Input SourceFile::openThrough(std::vector<std::int64_t> freed, bool 
     return in;
 }
 
-SourceFile::Input SourceFile::openStream(int streamIndex, int& indexInInput) const
+SourceFile::Input SourceFile::openStream(int streamIndex, int& indexInInput,
+                                         std::function<bool(AVStream const&)> const& isTheStream) const
 {
     std::vector<std::int64_t> freed = otherTrackBoxes(fd_, size_, streamIndex);
     if (!freed.empty()) {
         try {
             Input in = openThrough(freed, false, nullptr);
             // The one track left is the stream asked for, or the view is not used.
-            if (in.format->nb_streams == 1) {
+            if (in.format->nb_streams == 1 && (!isTheStream || isTheStream(*in.format->streams[0]))) {
                 indexInInput = 0;
                 return in;
             }

@@ -5,6 +5,7 @@
 #include "FFmpeg.h"
 #include "movie/Movie.h"
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -47,8 +48,9 @@ public:
     // space, so the demuxer builds the packet index of this one track only
     // (a demuxer indexes every packet of every track: tens of megabytes for
     // a movie of hours, paid again by every decoder). `indexInInput` is
-    // where the stream is in the returned demuxer; other files open whole.
-    Input openStream(int streamIndex, int& indexInInput) const;
+    // where the stream is in the returned demuxer; other files open whole,
+    // and so does this one when `isTheStream` refuses the one stream shown.
+    Input openStream(int streamIndex, int& indexInInput, std::function<bool(AVStream const&)> const& isTheStream = {}) const;
 
     // The version of the file at path() that this movie knows: the one it
     // opened, or the one its last save in place put there. A save in place
