@@ -2,7 +2,9 @@
 
 #include "FFmpeg.h"
 
+#include <QCloseEvent>
 #include <QEventLoop>
+#include <QPushButton>
 #include <QTimer>
 
 #include <atomic>
@@ -23,6 +25,16 @@ ProgressSheet::ProgressSheet(QWidget* parent, QString const& title) : panel_(par
 
 ProgressSheet::~ProgressSheet() { panel_.hide(); }
 
+bool ProgressSheet::CloseGuard::eventFilter(QObject* watched, QEvent* event)
+{
+    // Closing the sheet from the window manager cancels, as the button
+    // does, and leaves the sheet up until the work has ended.
+    if (event->type() != QEvent::Close) return QObject::eventFilter(watched, event);
+    event->ignore();
+    if (auto* panel = qobject_cast<QProgressDialog*>(watched)) emit panel->canceled();
+    return true;
+}
+
 std::optional<std::string> ProgressSheet::run(std::function<void(media::Progress const&)> work)
 {
     // Shared with the worker; it may outlive this call only by the join below.
@@ -35,7 +47,18 @@ std::optional<std::string> ProgressSheet::run(std::function<void(media::Progress
         std::atomic<bool> done{false};
     };
     auto shared = std::make_shared<Shared>();
-    QObject::connect(&panel_, &QProgressDialog::canceled, &panel_, [shared] { shared->stop = true; });
+    // Cancel (the button, Escape, or closing the sheet) asks the worker to
+    // stop; the sheet stays up, saying so, until the work has really ended.
+    // Hiding it at once would hand the window back while the document is
+    // still busy, and the user's next command would go nowhere.
+    // (Qt makes that connection by name, so it is undone by name.)
+    QObject::disconnect(&panel_, SIGNAL(canceled()), &panel_, SLOT(cancel()));
+    QObject::connect(&panel_, &QProgressDialog::canceled, &panel_, [this, shared] {
+        if (shared->stop.exchange(true)) return;
+        panel_.setLabelText("Stopping\u2026");
+        if (auto* button = panel_.findChild<QPushButton*>()) button->setEnabled(false);
+    });
+    panel_.installEventFilter(&closeGuard_);
     panel_.show();
 
     media::Progress progress = [shared](std::string const& op, media::Phase, double f) {
@@ -67,6 +90,7 @@ std::optional<std::string> ProgressSheet::run(std::function<void(media::Progress
     QObject::connect(&ticker, &QTimer::timeout, &panel_, [this, shared] {
         if (panel_.wasCanceled()) shared->stop = true;
         std::lock_guard<std::mutex> g(shared->lock);
+        if (shared->stop) return; // the sheet says "Stopping…"
         if (!shared->operation.empty()) panel_.setLabelText(QString::fromStdString(shared->operation) + "\u2026");
         panel_.setValue(static_cast<int>(shared->fraction * 100));
     });

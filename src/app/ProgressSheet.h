@@ -27,5 +27,9 @@ public:
     QProgressDialog* panel() { return &panel_; }
 
 private:
+    struct CloseGuard : QObject {
+        bool eventFilter(QObject* watched, QEvent* event) override;
+    };
     QProgressDialog panel_;
+    CloseGuard closeGuard_;
 };

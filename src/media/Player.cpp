@@ -936,6 +936,7 @@ void Player::videoLoopBody()
     std::int64_t skipBefore = 0;      // after a seek or wrap: frames before this are not shown...
     std::shared_ptr<VideoFrame> held; // ...except the last of them, which is on screen at skipBefore
     bool eof = false;
+    bool lapGavePictures = false; // the decoder gave a picture since the last seek or wrap
     std::shared_ptr<const VideoFrame> shown;
     std::shared_ptr<VideoFrame> loopHead; // first picture of the loop, kept for the wrap
 
@@ -954,6 +955,7 @@ void Player::videoLoopBody()
             decoder->seek(media->startPts + static_cast<std::int64_t>(std::floor(seconds / tb)));
             skipBefore = target;
             eof = false;
+            lapGavePictures = false;
             g.lock();
             continue;
         }
@@ -971,7 +973,20 @@ void Player::videoLoopBody()
                     queue.push_back({held, static_cast<std::int64_t>(std::llround(held->seconds * scale_)), decoderLap});
                     held.reset();
                 }
+                // A loop that reaches the end of the pictures (the selection
+                // runs to the movie's end) wraps here: there is no picture at
+                // or after its end to notice it by. Only after a lap that
+                // gave pictures, so a loop with none never spins.
+                if (r.loops && r.end > r.start && lapGavePictures) {
+                    double s = static_cast<double>(r.start) / scale_ - lead;
+                    decoder->seek(media->startPts + static_cast<std::int64_t>(std::floor(s / tb)));
+                    skipBefore = r.start;
+                    ++decoderLap;
+                    lapGavePictures = false;
+                    eof = false;
+                }
             } else {
+                lapGavePictures = true;
                 decoded = true;
                 double seconds = static_cast<double>(frame->best_effort_timestamp - media->startPts) * tb + lead;
                 std::int64_t ticks = static_cast<std::int64_t>(std::llround(seconds * scale_));
@@ -983,6 +998,7 @@ void Player::videoLoopBody()
                     skipBefore = r.start;
                     held.reset();
                     ++decoderLap;
+                    lapGavePictures = false;
                 } else {
                     int w = frame->width, h = frame->height;
                     if (vw > 0 && vh > 0) {

@@ -14,6 +14,7 @@
 #include <QLineEdit>
 #include <QPrinter>
 #include <QProgressDialog>
+#include <QPushButton>
 #include <QTest>
 #include <QTimer>
 
@@ -258,8 +259,19 @@ TEST_F(Table, ExportsEveryFormatAndCancelLeavesNothing)
             bool mayClose = true;
             longDoc->canClose([&](bool ok) { mayClose = ok; });
             EXPECT_FALSE(mayClose);
-            longDoc->progressPanel()->cancel();
+            // Closing the sheet cancels; it stays up, saying so, until the
+            // export has stopped, so the window is not handed back busy.
+            QProgressDialog* panel = longDoc->progressPanel();
+            panel->close();
+            EXPECT_TRUE(panel->isVisible());
+            EXPECT_EQ(panel->labelText(), "Stopping\u2026");
+            auto* button = panel->findChild<QPushButton*>();
+            ASSERT_TRUE(button);
+            EXPECT_FALSE(button->isEnabled());
             cancelled = true;
+        } else if (longDoc->progressPanel()) {
+            EXPECT_TRUE(longDoc->progressPanel()->isVisible()); // still stopping
+            EXPECT_TRUE(longDoc->isBusy());
         }
     });
     poll.start(20);

@@ -191,6 +191,8 @@ wait_for 20 "the progress sheet" has_window '^Exporting$'
 shot "exporting"
 activate '^Exporting$'
 key Escape
+shot "stopping"
+# The sheet stays until the export has stopped; then the window takes commands.
 wait_for 20 "the progress sheet to close" no_window '^Exporting$'
 log "export cancelled"
 sleep 0.3
@@ -206,6 +208,19 @@ wait_for 60 "the export" test -s "$exported"
 wait_for 60 "the export to end" no_window '^Exporting$'
 shot "exported"
 log "exported"
+# The movie still plays its loop (it runs to the movie's end): the picture
+# moves from one moment to the next and is not the loop's first frame held.
+picture() { import -display "$DISPLAY" -window "$(window_named '^movie-synced\.mov\*?$')" -crop 320x230+0+25 +repage "$1" 2>/dev/null; }
+moved=0
+for _ in 1 2 3; do
+  picture "$work/a.png"
+  sleep 0.5
+  picture "$work/b.png"
+  diff=$(compare -metric AE "$work/a.png" "$work/b.png" null: 2>&1 | cut -d' ' -f1)
+  [[ $diff =~ ^[0-9]+$ ]] && ((diff > 100)) && { moved=1; break; }
+done
+rm -f "$work/a.png" "$work/b.png"
+((moved)) || fail "the picture does not move while the loop plays"
 
 # An edit in the table marks the movie edited; Quit asks; Save answers.
 activate '^movie-synced\.mov Sync Points$'

@@ -274,6 +274,43 @@ TEST(Player, LoopedPicturesWrapWithTheSound)
     }
 }
 
+// A loop that runs to the end of the movie has no picture at its end to wrap
+// by: the pictures must wrap at the end of the file, lap after lap, and not
+// stop on the loop's first picture while the sound goes on.
+TEST(Player, LoopedPicturesWrapAtTheEndOfTheMovie)
+{
+    FrameLog log;
+    Playing s = manualPlayer(cachedMovie("every-second.mov", everySecond(8)), true);
+    Player& p = *s.player;
+    log.attach(p);
+    std::int64_t start = 6 * kRate + kRate / 2;
+    p.setSelection(QTTimeRange{QTTime{start, kRate, 0}, QTTime{8 * kRate - start, kRate, 0}});
+    p.setPlaysSelectionOnly(true);
+    p.setLoops(true);
+    p.setCurrentTime(myQTTime(start, kRate));
+    p.play();
+    std::vector<float> buf;
+    for (int i = 0; i < 4 * 72000 / kBuffer; ++i) { // four laps of 1.5 s
+        s.player->waitForSound();
+        s.device->pullBuffer(buf);
+        std::this_thread::sleep_for(std::chrono::milliseconds(3));
+    }
+    p.pause();
+    std::lock_guard<std::mutex> g(log.lock);
+    std::map<std::uint64_t, std::vector<std::shared_ptr<const VideoFrame>>> laps;
+    for (auto const& f : log.frames) laps[f->lap].push_back(f);
+    ASSERT_GE(laps.size(), 3u);
+    for (auto const& [lap, frames] : laps) {
+        if (lap == laps.rbegin()->first) continue; // the last lap may be cut short
+        EXPECT_NEAR(frames.front()->seconds, 6.5, 0.041) << "lap " << lap;
+        EXPECT_NEAR(frames.back()->seconds, 7.96, 0.041) << "lap " << lap;
+        // The flash at 7 s is seen in every lap.
+        int flashes = 0;
+        for (auto const& f : frames) flashes += brightness(*f) > 200;
+        EXPECT_EQ(flashes, 1) << "lap " << lap;
+    }
+}
+
 // The real device path: SDL's dummy driver plays in real time.
 TEST(Player, PictureAndSoundStayTogetherOnARealDevice)
 {
