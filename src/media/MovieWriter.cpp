@@ -234,6 +234,14 @@ bool isTimecodeTrack(AVStream const* in)
     return in && in->codecpar->codec_type == AVMEDIA_TYPE_DATA && in->codecpar->codec_tag == MKTAG('t', 'm', 'c', 'd');
 }
 
+// A QuickTime chapter track: the demuxer reads its text as the file's
+// chapters and shows the track as undecodable data.
+bool isChapterTrack(AVStream const* in, AVFormatContext const* file)
+{
+    return in && file && file->nb_chapters > 0 && in->codecpar->codec_type == AVMEDIA_TYPE_DATA
+        && in->codecpar->codec_id == AV_CODEC_ID_BIN_DATA && in->codecpar->codec_tag == MKTAG('t', 'e', 'x', 't');
+}
+
 bool videoHasTimecode(dm::Movie const& movie, SourceInputs& inputs)
 {
     for (auto const& t : movie.tracksOfMediaType(dm::MediaType::Video))
@@ -252,6 +260,8 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
     bool flexible = container == "mov" || container == "mp4" || container == "matroska" || container == "webm";
     SoundCodec policy = plan.forceAac ? SoundCodec::Aac : plan.options.soundCodec;
     bool haveDvVideo = false;
+    // The file whose details (tags, chapters) the new file takes.
+    SourceFile const* mainFile = movie.tracks().empty() ? nullptr : fileMedia(*movie.tracks().front()).file.get();
     for (auto const& trackPtr : movie.tracks()) {
         dm::Track const& track = *trackPtr;
         FileMedia const& m = fileMedia(track);
@@ -375,6 +385,14 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
             d.how = TrackPlan::How::Recreated;
             d.detail = container == "mov" || container == "mp4" ? "recreated from the video's timecode"
                                                                   : "kept as the video's timecode tag";
+            out.push_back(d);
+            continue;
+        }
+        if (flexible && m.file.get() == mainFile && isChapterTrack(d.in, inputs.of(*m.file))) {
+            // The file's chapters go with the file; QuickTime and MPEG-4
+            // writers make the chapter track from them.
+            d.how = TrackPlan::How::Recreated;
+            d.detail = container == "mov" || container == "mp4" ? "recreated from the file's chapters" : "kept as the file's chapters";
             out.push_back(d);
             continue;
         }
@@ -518,6 +536,9 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
         av_dict_set(&out->metadata, kSyncPointsTag, plan.options.syncPoints->empty() ? nullptr : plan.options.syncPoints->c_str(), 0);
 
     output.attach(out.get());
+    // The muxer's index is kept small: sound goes to it in bundles of frames.
+    bool bundled = (plan.container == "mov" || plan.container == "mp4") && !plan.fastStart && plan.options.bundleSound;
+    if (bundled) output.bundleSound(out.get());
     AVDictionary* opts = nullptr;
     if (plan.container == "mov" || plan.container == "mp4") {
         if (plan.fastStart) av_dict_set(&opts, "movflags", "+faststart", 0);
@@ -626,7 +647,7 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
         report.update(fraction(1.0));
         if (all) break;
     }
-    output.finish(out.get(), av_write_trailer(out.get()));
+    output.finish(out.get(), output.writeTrailer(out.get()));
     result.bytes = output.bytes();
     report.end();
     return result;

@@ -60,6 +60,11 @@ struct SaveOptions {
     SoundCodec soundCodec = SoundCodec::Same;
     // How the re-timed sound's encoding uses the cores (tests compare chunked and sequential).
     EncoderThreads soundThreads;
+    // QuickTime and MPEG-4: hand sound to the muxer in bundles of frames
+    // and list the frames afterwards (a far smaller index in memory while
+    // writing; the file is the same frame for frame). Off only for tests
+    // and measurements that compare.
+    bool bundleSound = true;
     // Write even when a stream of the movie cannot go into the container
     // (it is then left out, with a note). Without it such a save throws
     // StreamsLeftOut before anything is written.

@@ -107,10 +107,37 @@ void MovieOutput::attach(AVFormatContext* out)
     out->flush_packets = 0; // write in whole buffers, not packet by packet
 }
 
+void MovieOutput::bundleSound(AVFormatContext* out)
+{
+    for (unsigned i = 0; i < out->nb_streams; ++i)
+        if (SampleBundler::suits(out->streams[i])) bundler_.enable(static_cast<int>(i));
+}
+
+int MovieOutput::writeTrailer(AVFormatContext* out)
+{
+    int rc = bundler_.flush([out](AVPacket* pkt) { return av_interleaved_write_frame(out, pkt); });
+    if (rc < 0) return rc;
+    return av_write_trailer(out);
+}
+
 void MovieOutput::finish(AVFormatContext* out, int trailerResult)
 {
     tally_.describe(out);
     if (out->pb) avio_flush(out->pb);
+    bool written = error_ == 0 && !(out->pb && out->pb->error < 0) && trailerResult >= 0;
+    if (written && bundler_.any()) {
+        bundler_.rewriteTables(file_.fd(), [this](std::int64_t offset, std::uint8_t const* bytes, std::size_t size) {
+            if (fileio::seek(file_.fd(), static_cast<off_t>(offset), SEEK_SET) < 0) fail("seek", errno);
+            for (std::size_t done = 0; error_ == 0 && done < size;) {
+                ssize_t n = fileio::write(file_.fd(), bytes + done, size - done);
+                if (n < 0 && errno == EINTR) continue;
+                if (n <= 0) fail("write", n < 0 ? errno : EIO);
+                else done += static_cast<std::size_t>(n);
+            }
+            if (error_ != 0)
+                throw MediaError(std::string("Writing the new file failed (") + failedCall_ + "): " + std::strerror(error_) + ".");
+        });
+    }
     if (fileio::flush() != 0) fail("flush", errno);
     if (error_ != 0)
         throw MediaError(std::string("Writing the new file failed (") + failedCall_ + "): " + std::strerror(error_) + ".");
@@ -122,7 +149,9 @@ int writePacket(AVFormatContext* out, AVPacket* pkt)
 {
     auto* output = static_cast<MovieOutput*>(out->opaque);
     if (output) output->tally_.add(out, pkt);
-    int rc = av_interleaved_write_frame(out, pkt);
+    int rc = output && output->bundler_.bundles(pkt->stream_index)
+                 ? output->bundler_.add(pkt, [out](AVPacket* p) { return av_interleaved_write_frame(out, p); })
+                 : av_interleaved_write_frame(out, pkt);
     if (rc < 0) return rc;
     if (output && output->error_ != 0) return AVERROR(output->error_);
     if (out->pb && out->pb->error < 0) return out->pb->error;
@@ -179,8 +208,18 @@ void MovieOutput::verify(std::string const& muxer) const
     AVFormatContext* fmt = in.format.get();
     requireFormat(fmt, demuxer);
     if (fmt->nb_streams < want.size()) avformat_find_stream_info(fmt, nullptr); // streams found only by reading (DV sound)
-    if (fmt->nb_streams != want.size())
-        throw SaveCheckFailed("The new file has " + std::to_string(fmt->nb_streams) + " streams instead of "
+    // QuickTime and MPEG-4 muxers add tracks of their own after the
+    // streams: a timecode track for each video stream with a timecode tag,
+    // a chapter track for the file's chapters.
+    auto madeByMuxer = [fmt](unsigned i) {
+        AVCodecParameters const* par = fmt->streams[i]->codecpar;
+        return par->codec_type == AVMEDIA_TYPE_DATA
+            && (par->codec_tag == MKTAG('t', 'm', 'c', 'd') || (par->codec_tag == MKTAG('t', 'e', 'x', 't') && fmt->nb_chapters > 0));
+    };
+    std::size_t made = 0;
+    while (indexed && fmt->nb_streams > want.size() + made && madeByMuxer(static_cast<unsigned>(want.size() + made))) ++made;
+    if (fmt->nb_streams != want.size() + made)
+        throw SaveCheckFailed("The new file has " + std::to_string(fmt->nb_streams - made) + " streams instead of "
                               + std::to_string(want.size()) + ".");
 
     // Matroska readers list attachments after the tracks, whatever the
@@ -194,7 +233,7 @@ void MovieOutput::verify(std::string const& muxer) const
         for (std::size_t i = 0; i < want.size(); ++i)
             if (matroska && want[i].type == AVMEDIA_TYPE_ATTACHMENT) readIndex[i] = next++;
     }
-    std::vector<PacketTally::Stream> got(want.size());
+    std::vector<PacketTally::Stream> got(fmt->nb_streams);
     std::int64_t size = file->size();
     if (indexed) {
         // The sample tables say where every packet lies: all must lie in the file.

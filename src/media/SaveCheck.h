@@ -5,6 +5,7 @@
 
 #include "AtomicFile.h"
 #include "FFmpeg.h"
+#include "SampleBundles.h"
 
 #include <cstdint>
 #include <string>
@@ -51,8 +52,16 @@ public:
     // Makes `out` write here and count its packets (through writePacket).
     // `out` keeps a pointer to this in its `opaque` field.
     void attach(AVFormatContext* out);
-    // Call right after av_write_trailer with its result: flushes, then throws
-    // MediaError if the trailer or any write, seek or flush failed.
+    // Hands the sound of QuickTime and MPEG-4 files to the muxer in bundles
+    // of frames (see SampleBundler): every stream of `out` that suits. Only
+    // for files whose movie header the muxer writes at the end (no fast start).
+    void bundleSound(AVFormatContext* out);
+    // Hands the last bundles to the muxer and writes the trailer; returns
+    // what av_write_trailer returned.
+    int writeTrailer(AVFormatContext* out);
+    // Call right after writeTrailer with its result: flushes, lists every
+    // bundled frame in the movie header, then throws MediaError if the
+    // trailer or any write, seek or flush failed.
     void finish(AVFormatContext* out, int trailerResult);
     // Reopens the file and checks that it probes as the container of
     // `muxer`, with the tallied streams, each with the tallied packet count
@@ -62,6 +71,7 @@ public:
 
     PacketTally const& tally() const { return tally_; }
     std::int64_t bytes() const { return file_.size(); }
+    SampleBundler const& bundler() const { return bundler_; }
     // The first failed call (0: none), as an errno value, and its name.
     int error() const { return error_; }
 
@@ -78,6 +88,7 @@ private:
     AtomicFile& file_;
     IOContext io_;
     PacketTally tally_;
+    SampleBundler bundler_;
     int error_ = 0;
     char const* failedCall_ = "";
 };

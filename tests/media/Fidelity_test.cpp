@@ -436,10 +436,19 @@ TEST(FidelityForeign, MoviesMadeByFfmpegComeOutInSync)
         {"h264-flac.mkv", "-c:v copy -c:a flac", "h264-flac-synced.mov"},
         {"h264-ac3.ts", "-c:v copy -c:a ac3 -b:a 192k -output_ts_offset 1.4", "h264-ac3-synced.mkv"},
         {"h264-aac.mp4", "-c:v copy -c:a aac -b:a 128k", ""},
+        // A camera's or editor's movie: a timecode track beside the video.
+        {"h264-aac-timecode.mov", "-c:v copy -c:a aac -b:a 128k -timecode 10:00:00:00", ""},
+        // Chapters: QuickTime keeps them in a text track of their own.
+        {"h264-aac-chapters.mov", "-map 0 -map_chapters 1 -c:v copy -c:a aac -b:a 128k", ""},
     };
+    std::string chapters = dir.file("chapters.txt");
+    writeFile(chapters, ";FFMETADATA1\n[CHAPTER]\nTIMEBASE=1/1000\nSTART=0\nEND=4000\ntitle=Opening\n"
+                        "[CHAPTER]\nTIMEBASE=1/1000\nSTART=4000\nEND=8000\ntitle=Closing\n");
     for (auto const& r : rows) {
         std::string input = dir.file(r.name);
-        std::string cmd = "ffmpeg -nostdin -y -v error -i '" + master + "' " + r.args + " '" + input + "'";
+        bool withChapters = std::string(r.args).find("-map_chapters") != std::string::npos;
+        std::string cmd = "ffmpeg -nostdin -y -v error -i '" + master + "' " + (withChapters ? "-i '" + chapters + "' " : "") + r.args + " '"
+                        + input + "'";
         ASSERT_EQ(std::system(cmd.c_str()), 0) << cmd;
         std::string points = pointsFrom(input, dir.file("points.txt"));
         std::string output = *r.output ? dir.file(r.output) : input;
@@ -449,6 +458,25 @@ TEST(FidelityForeign, MoviesMadeByFfmpegComeOutInSync)
         std::printf("[ fidelity ] ffmpeg-made %-14s worst sync error %.4f ms over %zu flashes\n", r.name, m.worst() * 1000, m.flashes.size());
         EXPECT_GE(m.flashes.size(), 4u) << r.name;
         EXPECT_LE(m.worst(), 0.00005) << r.name << ": worst " << m.worst() * 1000 << " ms";
+        if (std::string(r.args).find("-timecode") != std::string::npos) {
+            // Still one timecode track, with its time.
+            int timecodes = 0;
+            for (auto const& st : inspect(output).streams)
+                if (st.tag == MKTAG('t', 'm', 'c', 'd')) {
+                    ++timecodes;
+                    EXPECT_EQ(st.tags.count("timecode") ? st.tags.at("timecode") : "", "10:00:00:00");
+                }
+            EXPECT_EQ(timecodes, 1) << r.name;
+        }
+        if (withChapters) {
+            // The chapters, with their titles and times.
+            auto file = media::SourceFile::open(output);
+            auto in = file->openInput(false);
+            ASSERT_EQ(in.format->nb_chapters, 2u) << r.name;
+            AVDictionaryEntry const* title = av_dict_get(in.format->chapters[1]->metadata, "title", nullptr, 0);
+            EXPECT_STREQ(title ? title->value : "", "Closing");
+            EXPECT_NEAR(static_cast<double>(in.format->chapters[1]->start) * av_q2d(in.format->chapters[1]->time_base), 4.0, 0.001);
+        }
     }
 }
 

@@ -1,5 +1,9 @@
 #include "MediaTestSupport.h"
 
+extern "C" {
+#include <libavutil/crc.h>
+}
+
 
 #include <dirent.h>
 #include <filesystem>
@@ -94,6 +98,29 @@ std::vector<std::string> listDir(std::string const& path)
     std::vector<std::string> names;
     for (auto const& e : std::filesystem::directory_iterator(path)) names.push_back(e.path().filename().string());
     return names;
+}
+
+StreamRead readStream(media::SourceFile::Input& in, int stream)
+{
+    StreamRead r;
+    AVStream* st = in.format->streams[stream];
+    r.extradata.assign(reinterpret_cast<char const*>(st->codecpar->extradata), static_cast<std::size_t>(st->codecpar->extradata_size));
+    r.timeBase = st->time_base;
+    r.codec = st->codecpar->codec_id;
+    r.id = st->id;
+    media::Packet pkt = media::makePacket();
+    while (av_read_frame(in.format.get(), pkt.get()) >= 0) {
+        if (pkt->stream_index == stream) {
+            std::string side;
+            for (int i = 0; i < pkt->side_data_elems; ++i)
+                side += std::to_string(pkt->side_data[i].type) + ":"
+                      + std::string(reinterpret_cast<char const*>(pkt->side_data[i].data), pkt->side_data[i].size) + ";";
+            std::uint32_t crc = av_crc(av_crc_get_table(AV_CRC_32_IEEE), 0, pkt->data, static_cast<std::size_t>(pkt->size));
+            r.packets.emplace_back(pkt->pts, pkt->dts, pkt->duration, pkt->flags, crc, side);
+        }
+        av_packet_unref(pkt.get());
+    }
+    return r;
 }
 
 } // namespace testsupport

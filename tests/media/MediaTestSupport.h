@@ -6,7 +6,10 @@
 #include "OffsetList.h"
 #include "TestMovie.h"
 
+#include <cstdint>
 #include <string>
+#include <tuple>
+#include <vector>
 
 namespace testsupport {
 
@@ -37,5 +40,22 @@ void writeFile(std::string const& path, std::string const& bytes);
 bool exists(std::string const& path);
 // Names of the entries of a folder.
 std::vector<std::string> listDir(std::string const& path);
+
+// What a decoder gets from a demuxer for one stream: every packet's times,
+// flags, bytes and side data, and the stream's set-up.
+struct StreamRead {
+    std::vector<std::tuple<std::int64_t, std::int64_t, std::int64_t, int, std::uint32_t, std::string>> packets;
+    std::string extradata;
+    AVRational timeBase{0, 1};
+    int codec = 0;
+    int id = 0; // the container's number of the stream
+    bool operator==(StreamRead const& o) const
+    {
+        return packets == o.packets && extradata == o.extradata && av_cmp_q(timeBase, o.timeBase) == 0 && codec == o.codec && id == o.id;
+    }
+};
+
+// Reads `in` to its end and returns what it gives for `stream`.
+StreamRead readStream(media::SourceFile::Input& in, int stream);
 
 } // namespace testsupport

@@ -122,43 +122,6 @@ TEST(MovieFile, BadInputIsRefusedWithAMessage)
     }
 }
 
-// What a decoder gets from a demuxer for one stream: every packet's times,
-// flags, bytes and side data, and the stream's set-up.
-struct StreamRead {
-    std::vector<std::tuple<std::int64_t, std::int64_t, std::int64_t, int, std::uint32_t, std::string>> packets;
-    std::string extradata;
-    AVRational timeBase{0, 1};
-    int codec = 0;
-    int id = 0; // the container's number of the stream
-    bool operator==(StreamRead const& o) const
-    {
-        return packets == o.packets && extradata == o.extradata && av_cmp_q(timeBase, o.timeBase) == 0 && codec == o.codec && id == o.id;
-    }
-};
-
-StreamRead readStream(SourceFile::Input& in, int stream)
-{
-    StreamRead r;
-    AVStream* st = in.format->streams[stream];
-    r.extradata.assign(reinterpret_cast<char const*>(st->codecpar->extradata), static_cast<std::size_t>(st->codecpar->extradata_size));
-    r.timeBase = st->time_base;
-    r.codec = st->codecpar->codec_id;
-    r.id = st->id;
-    Packet pkt = makePacket();
-    while (av_read_frame(in.format.get(), pkt.get()) >= 0) {
-        if (pkt->stream_index == stream) {
-            std::string side;
-            for (int i = 0; i < pkt->side_data_elems; ++i)
-                side += std::to_string(pkt->side_data[i].type) + ":"
-                      + std::string(reinterpret_cast<char const*>(pkt->side_data[i].data), pkt->side_data[i].size) + ";";
-            std::uint32_t crc = av_crc(av_crc_get_table(AV_CRC_32_IEEE), 0, pkt->data, static_cast<std::size_t>(pkt->size));
-            r.packets.emplace_back(pkt->pts, pkt->dts, pkt->duration, pkt->flags, crc, side);
-        }
-        av_packet_unref(pkt.get());
-    }
-    return r;
-}
-
 // A demuxer for one track reads that track exactly as a demuxer of the
 // whole file does; in QuickTime and MPEG-4 files it sees that track alone.
 TEST(MovieFile, OneTrackViewsReadWhatTheWholeFileGives)
