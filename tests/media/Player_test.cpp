@@ -290,7 +290,7 @@ TEST(Player, LoopedPicturesWrapAtTheEndOfTheMovie)
     p.setCurrentTime(myQTTime(start, kRate));
     p.play();
     std::vector<float> buf;
-    for (int i = 0; i < 4 * 72000 / kBuffer; ++i) { // four laps of 1.5 s
+    for (int i = 0; i < 5 * 72000 / kBuffer; ++i) { // five laps of 1.5 s
         s.player->waitForSound();
         s.device->pullBuffer(buf);
         std::this_thread::sleep_for(std::chrono::milliseconds(3));
@@ -301,12 +301,13 @@ TEST(Player, LoopedPicturesWrapAtTheEndOfTheMovie)
     for (auto const& f : log.frames) laps[f->lap].push_back(f);
     ASSERT_GE(laps.size(), 3u);
     for (auto const& [lap, frames] : laps) {
-        if (lap == laps.rbegin()->first) continue; // the last lap may be cut short
-        // The lap's pictures, from its start to the movie's last (a busy
-        // machine may drop a few of the 37).
+        // Whole laps after a wrap: the first follows the seek, the last may be cut short.
+        if (lap == 0 || lap == laps.rbegin()->first) continue;
+        // The lap's pictures, from its start to the movie's last (a busy or
+        // instrumented machine may drop some of the 37; stuck, a lap has one).
         EXPECT_NEAR(frames.front()->seconds, 6.5, 0.2) << "lap " << lap;
         EXPECT_NEAR(frames.back()->seconds, 7.96, 0.2) << "lap " << lap;
-        EXPECT_GE(frames.size(), 25u) << "lap " << lap;
+        EXPECT_GE(frames.size(), 12u) << "lap " << lap;
         for (auto const& f : frames) EXPECT_GE(f->seconds, 6.5 - 0.041) << "lap " << lap;
     }
 }
