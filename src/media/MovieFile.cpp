@@ -1,5 +1,7 @@
 #include "MovieFile.h"
 
+#include "Boxes.h"
+
 #include "SavedSync.h"
 
 extern "C" {
@@ -173,39 +175,6 @@ std::int64_t seekPacket(void* opaque, std::int64_t offset, int whence)
     return r->pos;
 }
 
-struct Box {
-    std::int64_t at = 0, size = 0, header = 0;
-    char type[5] = {0};
-};
-
-// The box at `at` that must end by `end`; false when the bytes there are no box.
-bool readBox(int fd, std::int64_t at, std::int64_t end, Box& box)
-{
-    std::uint8_t h[16] = {};
-    if (end - at < 8) return false;
-    ssize_t got = ::pread(fd, h, 16, at);
-    if (got < 8) return false;
-    auto be = [&](int from, int bytes) {
-        std::uint64_t v = 0;
-        for (int i = 0; i < bytes; ++i) v = (v << 8) | h[from + i];
-        return v;
-    };
-    box.at = at;
-    std::memcpy(box.type, h + 4, 4);
-    std::uint64_t size = be(0, 4);
-    box.header = 8;
-    if (size == 1) {
-        if (end - at < 16 || got < 16) return false;
-        size = be(8, 8);
-        box.header = 16;
-    } else if (size == 0) {
-        size = static_cast<std::uint64_t>(end - at); // to the end of the file
-    }
-    if (size < static_cast<std::uint64_t>(box.header) || size > static_cast<std::uint64_t>(end - at)) return false;
-    box.size = static_cast<std::int64_t>(size);
-    return true;
-}
-
 // The offsets of the type fields of every track box in the movie header
 // but the `keep`th, when the file is a QuickTime/MPEG-4 file whose whole
 // box structure reads cleanly and whose movie header is a plain one (not
@@ -214,12 +183,12 @@ std::vector<std::int64_t> otherTrackBoxes(int fd, std::int64_t fileSize, int kee
 {
     static constexpr std::array<char const*, 9> kTopLevel = {"ftyp", "moov", "mdat", "free", "skip", "wide", "pnot", "uuid", "udta"};
     constexpr int kMaxBoxes = 4096;
-    Box moov;
+    BoxHeader moov;
     bool haveMoov = false;
     int count = 0;
     for (std::int64_t at = 0; at < fileSize; ++count) {
-        Box b;
-        if (count >= kMaxBoxes || !readBox(fd, at, fileSize, b)) return {};
+        BoxHeader b;
+        if (count >= kMaxBoxes || !readBoxHeader(fd, at, fileSize, b)) return {};
         if (count == 0 && std::none_of(kTopLevel.begin(), kTopLevel.end(), [&](char const* t) { return std::memcmp(t, b.type, 4) == 0; }))
             return {};
         if (std::memcmp(b.type, "moof", 4) == 0) return {};
@@ -235,8 +204,8 @@ std::vector<std::int64_t> otherTrackBoxes(int fd, std::int64_t fileSize, int kee
     int track = 0;
     count = 0;
     for (std::int64_t at = moov.at + moov.header, end = moov.at + moov.size; at < end; ++count) {
-        Box b;
-        if (count >= kMaxBoxes || !readBox(fd, at, end, b)) return {};
+        BoxHeader b;
+        if (count >= kMaxBoxes || !readBoxHeader(fd, at, end, b)) return {};
         if (std::memcmp(b.type, "mvex", 4) == 0 || std::memcmp(b.type, "cmov", 4) == 0) return {};
         if (std::memcmp(b.type, "trak", 4) == 0 && track++ != keep) freed.push_back(b.at + 4);
         at += b.size;

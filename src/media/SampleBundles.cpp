@@ -1,5 +1,7 @@
 #include "SampleBundles.h"
 
+#include "Boxes.h"
+
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -216,20 +218,20 @@ std::uint32_t trackIdOf(Box const& trak)
 // Run-length counts expanded one by one.
 class RunReader {
 public:
-    RunReader(std::vector<std::pair<std::uint32_t, std::int64_t>> runs) : runs_(std::move(runs)) {}
+    explicit RunReader(std::vector<SampleBundler::Run> const& runs) : runs_(runs) {}
     std::int64_t next()
     {
-        while (at_ < runs_.size() && used_ == runs_[at_].first) {
+        while (at_ < runs_.size() && used_ == runs_[at_].count) {
             ++at_;
             used_ = 0;
         }
         if (at_ == runs_.size()) damaged("a table lists fewer samples than were written");
         ++used_;
-        return runs_[at_].second;
+        return runs_[at_].value;
     }
 
 private:
-    std::vector<std::pair<std::uint32_t, std::int64_t>> runs_;
+    std::vector<SampleBundler::Run> const& runs_;
     std::size_t at_ = 0;
     std::uint32_t used_ = 0;
 };
@@ -240,38 +242,30 @@ void SampleBundler::rewriteTables(int fd, WriteAt const& writeAt) const
 {
     struct stat st {};
     if (::fstat(fd, &st) != 0) throw MediaError(std::string("Reading the new file failed: ") + std::strerror(errno) + ".");
-    auto readAt = [fd](std::int64_t offset, std::uint8_t* into, std::size_t n) {
-        std::size_t done = 0;
-        while (done < n) {
-            ssize_t r = ::pread(fd, into + done, n - done, static_cast<off_t>(offset) + static_cast<off_t>(done));
-            if (r < 0 && errno == EINTR) continue;
-            if (r <= 0) throw MediaError(std::string("Reading the new file failed: ") + (r < 0 ? std::strerror(errno) : "it ends early") + ".");
-            done += static_cast<std::size_t>(r);
-        }
-    };
     // The top-level boxes: the movie header comes last.
-    std::int64_t size = st.st_size, at = 0, moovAt = -1, moovSize = 0;
-    while (at < size) {
-        std::array<std::uint8_t, 16> h{};
-        std::size_t n = static_cast<std::size_t>(std::min<std::int64_t>(16, size - at));
-        if (n < 8) damaged("the file ends inside a box header");
-        readAt(at, h.data(), n);
-        View hv(h.data(), n);
-        std::uint64_t boxSize = be32(hv, 0);
-        if (boxSize == 1) boxSize = n == 16 ? be64(hv, 8) : 0;
-        else if (boxSize == 0) boxSize = static_cast<std::uint64_t>(size - at);
-        if (boxSize < 8 || boxSize > static_cast<std::uint64_t>(size - at)) damaged("a box runs past the end of the file");
-        if (std::memcmp(h.data() + 4, "moov", 4) == 0) {
-            if (moovAt >= 0) damaged("the file has two movie headers");
-            moovAt = at;
-            moovSize = static_cast<std::int64_t>(boxSize);
+    std::int64_t size = st.st_size;
+    BoxHeader moovBox;
+    bool haveMoov = false;
+    for (std::int64_t at = 0; at < size;) {
+        BoxHeader b;
+        if (!readBoxHeader(fd, at, size, b)) damaged("a box runs past the end of the file");
+        if (b.is("moov")) {
+            if (haveMoov) damaged("the file has two movie headers");
+            moovBox = b;
+            haveMoov = true;
         }
-        at += static_cast<std::int64_t>(boxSize);
+        at += b.size;
     }
-    if (moovAt < 0 || moovAt + moovSize != size) damaged("the movie header is not at the end of the file");
+    if (!haveMoov || moovBox.at + moovBox.size != size) damaged("the movie header is not at the end of the file");
+    std::int64_t moovAt = moovBox.at, moovSize = moovBox.size;
 
     Bytes moovBytes(static_cast<std::size_t>(moovSize));
-    readAt(moovAt, moovBytes.data(), moovBytes.size());
+    for (std::size_t done = 0; done < moovBytes.size();) {
+        ssize_t r = ::pread(fd, moovBytes.data() + done, moovBytes.size() - done, static_cast<off_t>(moovAt + static_cast<std::int64_t>(done)));
+        if (r < 0 && errno == EINTR) continue;
+        if (r <= 0) throw MediaError(std::string("Reading the new file failed: ") + (r < 0 ? std::strerror(errno) : "it ends early") + ".");
+        done += static_cast<std::size_t>(r);
+    }
     auto top = boxesIn(View(moovBytes));
     Box const& moov = top.front();
 
@@ -346,14 +340,10 @@ Bytes SampleBundler::tablesFor(Stream const& s, View stbl)
     // the muxer gave the sample beyond them (a gap to the next one).
     Bytes newStts;
     {
-        std::vector<std::pair<std::uint32_t, std::int64_t>> written;
+        std::vector<Run> written;
         std::uint32_t entries = be32(stts->payload, 4);
-        for (std::uint32_t i = 0; i < entries; ++i)
-            written.emplace_back(be32(stts->payload, 8 + 8 * i), be32(stts->payload, 12 + 8 * i));
-        RunReader sampleDuration(std::move(written));
-        std::vector<std::pair<std::uint32_t, std::int64_t>> frameRuns;
-        for (auto const& r : s.durations) frameRuns.emplace_back(r.count, r.value);
-        RunReader frameDuration(std::move(frameRuns));
+        for (std::uint32_t i = 0; i < entries; ++i) written.push_back({be32(stts->payload, 8 + 8 * i), be32(stts->payload, 12 + 8 * i)});
+        RunReader sampleDuration(written), frameDuration(s.durations);
         std::vector<Run> out;
         for (std::size_t k = 0; k < samples; ++k) {
             std::int64_t total = sampleDuration.next(), sum = 0;

@@ -57,11 +57,13 @@ public:
     std::int64_t framesBundled() const;
     std::int64_t bundlesWritten() const;
 
-private:
+    // `count` times `value` (durations, frames a bundle).
     struct Run {
         std::uint32_t count;
         std::int64_t value;
     };
+
+private:
     struct Stream {
         // The bundle being filled.
         std::vector<std::uint8_t> data;

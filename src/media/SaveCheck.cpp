@@ -68,18 +68,23 @@ int MovieOutput::writeCallback(void* opaque, std::uint8_t* buf, int size)
 #endif
 {
     auto* self = static_cast<MovieOutput*>(opaque);
-    std::size_t done = 0, total = static_cast<std::size_t>(std::max(size, 0));
-    while (done < total) {
-        ssize_t n = fileio::write(self->file_.fd(), buf + done, total - done);
+    int err = self->writeAll(buf, static_cast<std::size_t>(std::max(size, 0)));
+    return err != 0 ? AVERROR(err) : size;
+}
+
+int MovieOutput::writeAll(std::uint8_t const* bytes, std::size_t size)
+{
+    for (std::size_t done = 0; done < size;) {
+        ssize_t n = fileio::write(file_.fd(), bytes + done, size - done);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
             int err = n < 0 ? errno : EIO;
-            self->fail("write", err);
-            return AVERROR(err);
+            fail("write", err);
+            return err;
         }
         done += static_cast<std::size_t>(n);
     }
-    return size;
+    return 0;
 }
 
 std::int64_t MovieOutput::seekCallback(void* opaque, std::int64_t offset, int whence)
@@ -128,12 +133,7 @@ void MovieOutput::finish(AVFormatContext* out, int trailerResult)
     if (written && bundler_.any()) {
         bundler_.rewriteTables(file_.fd(), [this](std::int64_t offset, std::uint8_t const* bytes, std::size_t size) {
             if (fileio::seek(file_.fd(), static_cast<off_t>(offset), SEEK_SET) < 0) fail("seek", errno);
-            for (std::size_t done = 0; error_ == 0 && done < size;) {
-                ssize_t n = fileio::write(file_.fd(), bytes + done, size - done);
-                if (n < 0 && errno == EINTR) continue;
-                if (n <= 0) fail("write", n < 0 ? errno : EIO);
-                else done += static_cast<std::size_t>(n);
-            }
+            else writeAll(bytes, size);
             if (error_ != 0)
                 throw MediaError(std::string("Writing the new file failed (") + failedCall_ + "): " + std::strerror(error_) + ".");
         });

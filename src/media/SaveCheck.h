@@ -83,6 +83,9 @@ private:
     static int writeCallback(void* opaque, std::uint8_t* buf, int size);
 #endif
     static std::int64_t seekCallback(void* opaque, std::int64_t offset, int whence);
+    // Writes all of `bytes` at the file's position; 0, or the errno of the
+    // failed call (also recorded by fail()).
+    int writeAll(std::uint8_t const* bytes, std::size_t size);
     void fail(char const* call, int err);
 
     AtomicFile& file_;
