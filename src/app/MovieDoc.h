@@ -43,7 +43,7 @@ public:
     // "matroska", "webm"), else "UnsavedDocument"; and back.
     static QString typeForContainer(std::string const& container);
     static std::string containerForType(QString const& type);
-    QStringList writableTypes() const override { return {"QuickTime Movie", "MPEG-4 Movie", "Matroska Movie", "WebM Movie"}; }
+    QStringList writableTypes() const override { return {"QuickTime Movie", "MPEG-4 Movie", "Matroska Movie", "WebM Movie", "3GPP Movie", "3GPP2 Movie"}; }
     // The container Save As writes: the document's own, or the writer's
     // choice for a file that is read but not written.
     std::string saveAsContainer() const;

@@ -58,6 +58,8 @@ QString MovieDoc::typeForContainer(std::string const& container)
 {
     if (container == "mov") return "QuickTime Movie";
     if (container == "mp4") return "MPEG-4 Movie";
+    if (container == "3gp") return "3GPP Movie";
+    if (container == "3g2") return "3GPP2 Movie";
     if (container == "matroska") return "Matroska Movie";
     if (container == "webm") return "WebM Movie";
     return "UnsavedDocument";
@@ -67,6 +69,8 @@ std::string MovieDoc::containerForType(QString const& type)
 {
     if (type == "QuickTime Movie") return "mov";
     if (type == "MPEG-4 Movie") return "mp4";
+    if (type == "3GPP Movie") return "3gp";
+    if (type == "3GPP2 Movie") return "3g2";
     if (type == "Matroska Movie") return "matroska";
     if (type == "WebM Movie") return "webm";
     return {};
@@ -83,6 +87,8 @@ QStringList MovieDoc::fileExtensionsFromType(QString const& type) const
 {
     if (type == "QuickTime Movie") return {"mov", "qt"};
     if (type == "MPEG-4 Movie") return {"mp4", "m4v"};
+    if (type == "3GPP Movie") return {"3gp"};
+    if (type == "3GPP2 Movie") return {"3g2"};
     if (type == "Matroska Movie") return {"mkv"};
     if (type == "WebM Movie") return {"webm"};
     return {};

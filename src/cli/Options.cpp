@@ -41,7 +41,8 @@ std::vector<Command> const& commands()
                      Completes::File,
                      {valued("--seconds", "S"), valued("--size", "WxH"), valued("--fps", "N"), valued("--offset", "S"),
                       valued("--rate", "R"), valued("--points-file", "FILE", Completes::File)}});
-        t.push_back({"measure", {"MOVIE"}, Completes::Movie, {}});
+        Option measurePoint = point;
+        t.push_back({"measure", {"MOVIE", "[SYNCED]"}, Completes::Movie, {measurePoint, valued("--points", "FILE", Completes::File), json}});
         return t;
     }();
     return table;
@@ -99,7 +100,10 @@ Parsed parse(Command const& command, std::vector<std::string> const& args)
         if (!option->repeatable && p.values.count(option->name)) throw UsageError(option->name + " given twice");
         p.values[option->name].push_back(v);
     }
-    if (p.positionals.size() < command.positionals.size())
+    // A placeholder in brackets ("[SYNCED]") may be left out.
+    std::size_t required = 0;
+    for (auto const& name : command.positionals) required += name.rfind('[', 0) == 0 ? 0 : 1;
+    if (p.positionals.size() < required)
         throw UsageError("missing " + command.positionals[p.positionals.size()] + " for " + command.name);
     if (p.positionals.size() > command.positionals.size()) throw UsageError("unexpected argument " + p.positionals[command.positionals.size()]);
     return p;
@@ -226,7 +230,7 @@ std::string zshScript()
             }
         }
         for (std::size_t i = 0; i < c.positionals.size(); ++i)
-            o << " \\\n        '" << (i + 1) << ":" << zshQuote(c.positionals[i]) << ":"
+            o << " \\\n        '" << (i + 1) << (c.positionals[i].rfind('[', 0) == 0 ? "::" : ":") << zshQuote(c.positionals[i]) << ":"
               << (c.positionalCompletes == Completes::Movie ? "_files -g \"*.(" + movieGlob + ")(-.)\"" : std::string("_files")) << "'";
         o << " ;;\n";
     }

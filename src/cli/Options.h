@@ -23,7 +23,7 @@ struct Option {
 
 struct Command {
     std::string name;
-    std::vector<std::string> positionals; // placeholders, in order ("MOVIE")
+    std::vector<std::string> positionals; // placeholders, in order ("MOVIE"); "[NAME]" may be left out
     Completes positionalCompletes = Completes::Movie;
     std::vector<Option> options;
 };

@@ -146,22 +146,22 @@ void OffsetList::replacePoints(std::vector<Offset> points)
     scaleSoundTrack();
 }
 
-void OffsetList::fitLine()
+SyncLine fitSyncLine(std::vector<Offset> const& points, myQTTime const& duration)
 {
-    std::size_t n = points_.size();
+    std::size_t n = points.size();
     double sx = 0, sy = 0, sxy = 0, sxx = 0;
     double count = static_cast<double>(n);
     if (n == 1) {
         count = 2;
-        if (points_.front().movieTime < half(duration_)) {
-            double d = secondsOf(duration_);
+        if (points.front().movieTime < half(duration)) {
+            double d = secondsOf(duration);
             sx += d;
             sy += d;
             sxy += d * d;
             sxx += d * d;
         }
     }
-    for (Offset const& p : points_) {
+    for (Offset const& p : points) {
         double x = secondsOf(p.movieTime), y = secondsOf(p.audioTime);
         sx += x;
         sy += y;
@@ -169,14 +169,22 @@ void OffsetList::fitLine()
         sxx += x * x;
     }
     double den = count * sxx - sx * sx;
-    double slope = (count * sxy - sx * sy) / den;
-    double intercept = (sxx * sy - sx * sxy) / den;
-    keptPreviousLine_ = !(den != 0 && std::isfinite(slope) && std::isfinite(intercept) && slope > 0);
-    if (!keptPreviousLine_) {
-        slope_ = slope;
-        intercept_ = intercept;
+    SyncLine line;
+    line.slope = (count * sxy - sx * sy) / den;
+    line.intercept = (sxx * sy - sx * sxy) / den;
+    line.fitted = n > 0 && den != 0 && std::isfinite(line.slope) && std::isfinite(line.intercept) && line.slope > 0;
+    return line;
+}
+
+void OffsetList::fitLine()
+{
+    SyncLine line = fitSyncLine(points_, duration_);
+    keptPreviousLine_ = !line.fitted;
+    if (line.fitted) {
+        slope_ = line.slope;
+        intercept_ = line.intercept;
     }
-    setFlags(static_cast<int>(count));
+    setFlags(points_.size() == 1 ? 2 : static_cast<int>(points_.size()));
 }
 
 double OffsetList::residual(Offset const& p) const

@@ -23,6 +23,18 @@ struct Offset {
     bool operator<(Offset const& o) const { return movieTime < o.movieTime; }
 };
 
+// The least-squares line audio seconds = slope x movie seconds + intercept
+// through `points`. A single point is paired with an anchor where sound and
+// picture agree: the movie's end (`duration`) for a point in its first half,
+// its start for one in the second half. `fitted` is false when the points
+// admit no line or give a slope that is zero, negative or not finite.
+struct SyncLine {
+    double slope = 1.0;
+    double intercept = 0.0;
+    bool fitted = false;
+};
+SyncLine fitSyncLine(std::vector<Offset> const& points, myQTTime const& duration);
+
 // The sync points of one movie, in movie-time order, and the line fitted to
 // them: audio seconds = slope x movie seconds + intercept. After every change
 // the movie's one enabled sound track is re-timed to follow the line, and the

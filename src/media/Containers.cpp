@@ -37,11 +37,20 @@ std::string containerForPath(std::string const& path)
     auto dot = path.find_last_of('.');
     if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return "";
     static const std::map<std::string, std::string> byExtension = {
-        {"mov", "mov"}, {"qt", "mov"}, {"mp4", "mp4"}, {"m4v", "mp4"}, {"mkv", "matroska"}, {"webm", "webm"},
+        {"mov", "mov"}, {"qt", "mov"}, {"mp4", "mp4"}, {"m4v", "mp4"}, {"3gp", "3gp"}, {"3g2", "3g2"}, {"mkv", "matroska"}, {"webm", "webm"},
     };
     auto it = byExtension.find(lower(path.substr(dot + 1)));
     return it == byExtension.end() ? "" : it->second;
 }
+
+bool isQuickTimeFamily(std::string const& container)
+{
+    return container == "mov" || container == "mp4" || container == "3gp" || container == "3g2";
+}
+
+bool isMatroskaFamily(std::string const& container) { return container == "matroska" || container == "webm"; }
+
+bool isWritableContainer(std::string const& container) { return isQuickTimeFamily(container) || isMatroskaFamily(container); }
 
 std::string extensionOfContainer(std::string const& container)
 {
@@ -53,6 +62,8 @@ std::string containerTitle(std::string const& container)
 {
     if (container == "mov") return "QuickTime";
     if (container == "mp4") return "MPEG-4";
+    if (container == "3gp") return "3GPP";
+    if (container == "3g2") return "3GPP2";
     if (container == "matroska") return "Matroska";
     if (container == "webm") return "WebM";
     return container;
@@ -69,6 +80,14 @@ bool containerTakes(std::string const& container, AVCodecParameters const* par, 
     if (par->codec_type == AVMEDIA_TYPE_ATTACHMENT && container != "matroska") return false;
     TrialOutput out;
     if (avformat_alloc_output_context2(&out.fmt, nullptr, container.c_str(), nullptr) < 0 || !out.fmt) return false;
+    // The QuickTime and MPEG-4 writers accept sound and pictures of codecs
+    // they have no sample description for (WMA, Windows Media Video) and
+    // write files that no reader can decode: a codec they do not list is
+    // not taken. (The Matroska writer lists fewer codecs than it stores
+    // through its Windows compatibility modes, so its list is not asked.)
+    if (isQuickTimeFamily(container) && (par->codec_type == AVMEDIA_TYPE_AUDIO || par->codec_type == AVMEDIA_TYPE_VIDEO)
+        && avformat_query_codec(out.fmt->oformat, par->codec_id, FF_COMPLIANCE_NORMAL) == 0)
+        return false;
     AVStream* st = avformat_new_stream(out.fmt, nullptr);
     if (!st || avcodec_parameters_copy(st->codecpar, par) < 0) return false;
     if (st->codecpar->codec_tag) {

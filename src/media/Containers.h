@@ -8,12 +8,20 @@
 namespace media {
 
 // The muxer for a file name's extension (".mov" -> "mov", ".mp4"/".m4v" ->
-// "mp4", ".mkv" -> "matroska", ".webm" -> "webm"); empty for any other.
+// "mp4", ".3gp" -> "3gp", ".3g2" -> "3g2", ".mkv" -> "matroska", ".webm" ->
+// "webm"); empty for any other.
 std::string containerForPath(std::string const& path);
+// QuickTime and the formats built on its boxes (MPEG-4, 3GPP, 3GPP2): sample
+// tables, edit lists, the same muxer in another mode.
+bool isQuickTimeFamily(std::string const& container);
+// Matroska and WebM.
+bool isMatroskaFamily(std::string const& container);
+// Whether Dubmatch writes movies in `container`.
+bool isWritableContainer(std::string const& container);
 // The file extension of a muxer's files, without the point ("mov", "mp4",
 // "mkv", "webm").
 std::string extensionOfContainer(std::string const& container);
-// A name for users: "QuickTime", "MPEG-4", "Matroska", "WebM".
+// A name for users: "QuickTime", "MPEG-4", "3GPP", "3GPP2", "Matroska", "WebM".
 std::string containerTitle(std::string const& container);
 // The container a movie read from a file that cannot be written back (an
 // MPEG transport stream, AVI, DV...) is saved in: QuickTime for DV, whose

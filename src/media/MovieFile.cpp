@@ -448,6 +448,10 @@ std::string containerOfInput(AVFormatContext const* fmt, std::string const& path
         // file without one is an old QuickTime movie.
         std::string brand = metadata(fmt->metadata, "major_brand");
         if (brand.rfind("qt", 0) == 0) return "mov";
+        // A phone's file stays a 3GPP file: its muxer takes H.263 and AMR.
+        if (brand.rfind("3gp", 0) == 0 || brand.rfind("3gg", 0) == 0) return "3gp";
+        if (brand.rfind("3g2", 0) == 0) return "3g2";
+        if (brand.empty() && (ext == "3gp" || ext == "3g2")) return ext;
         if (brand.empty()) return ext == "mp4" || ext == "m4v" || ext == "m4a" ? "mp4" : "mov";
         return ext == "mov" || ext == "qt" ? "mov" : "mp4";
     }

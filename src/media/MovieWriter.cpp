@@ -257,7 +257,7 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
 {
     std::vector<Decision> out;
     std::string const& container = plan.container;
-    bool flexible = container == "mov" || container == "mp4" || container == "matroska" || container == "webm";
+    bool flexible = isWritableContainer(container);
     SoundCodec policy = plan.forceAac ? SoundCodec::Aac : plan.options.soundCodec;
     bool haveDvVideo = false;
     // The file whose details (tags, chapters) the new file takes.
@@ -383,7 +383,7 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
             // QuickTime and MPEG-4 writers make the timecode track from it,
             // Matroska keeps the tag.
             d.how = TrackPlan::How::Recreated;
-            d.detail = container == "mov" || container == "mp4" ? "recreated from the video's timecode"
+            d.detail = isQuickTimeFamily(container) ? "recreated from the video's timecode"
                                                                   : "kept as the video's timecode tag";
             out.push_back(d);
             continue;
@@ -392,7 +392,7 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
             // The file's chapters go with the file; QuickTime and MPEG-4
             // writers make the chapter track from them.
             d.how = TrackPlan::How::Recreated;
-            d.detail = container == "mov" || container == "mp4" ? "recreated from the file's chapters" : "kept as the file's chapters";
+            d.detail = isQuickTimeFamily(container) ? "recreated from the file's chapters" : "kept as the file's chapters";
             out.push_back(d);
             continue;
         }
@@ -471,6 +471,7 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
         std::int64_t cutPts = 0;
         bool keepStraddling = false;
         bool delayOnly = false;
+        FileMedia const* media = nullptr;
     };
     std::vector<Copy> copies;
     std::vector<std::unique_ptr<SoundEncoder>> sounds;
@@ -500,6 +501,7 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
             AVStream* st = addCopiedStream(out.get(), d.in, enabled);
             if (!name.empty()) setName(st, name);
             Copy c{m.file.get(), m.streamIndex, st, d.in->time_base, av_rescale_q(m.origin - gridShiftUs, AV_TIME_BASE_Q, d.in->time_base)};
+            c.media = &m;
             if (d.shifted) {
                 // Media tick k (pts startPts + k) plays at timeline tick k + shift.
                 AVRational ticks{1, m.timeScale};
@@ -507,7 +509,7 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
                 c.shift -= av_rescale_q(d.shift, ticks, d.in->time_base);
                 c.cutPts = m.startPts + av_rescale_q(d.cut, ticks, d.in->time_base);
                 // QuickTime and MPEG-4 start a stream before 0 with an edit list.
-                c.keepStraddling = plan.container == "mov" || plan.container == "mp4";
+                c.keepStraddling = isQuickTimeFamily(plan.container);
                 c.delayOnly = d.cut == 0;
             }
             copies.push_back(c);
@@ -528,7 +530,7 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
         }
     }
     if (copies.empty() && sounds.empty() && videos.empty()) throw MediaError("The movie has nothing to write in this format.");
-    bool rich = plan.container == "mov" || plan.container == "mp4" || plan.container == "matroska" || plan.container == "webm";
+    bool rich = isWritableContainer(plan.container);
     if (mainFile && rich) copyFileDetails(out.get(), inputs.of(*mainFile), fileMedia(*decisions.front().track).origin);
     // Points only go with a backup: a file of the enabled tracks alone carries none.
     if (plan.enabledOnly) av_dict_set(&out->metadata, kSyncPointsTag, nullptr, 0);
@@ -537,14 +539,19 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
 
     output.attach(out.get());
     // The muxer's index is kept small: sound goes to it in bundles of frames.
-    bool bundled = (plan.container == "mov" || plan.container == "mp4") && !plan.fastStart && plan.options.bundleSound;
+    bool bundled = isQuickTimeFamily(plan.container) && !plan.fastStart && plan.options.bundleSound;
     if (bundled) output.bundleSound(out.get());
     AVDictionary* opts = nullptr;
-    if (plan.container == "mov" || plan.container == "mp4") {
+    if (isQuickTimeFamily(plan.container)) {
         if (plan.fastStart) av_dict_set(&opts, "movflags", "+faststart", 0);
         // A key of our own is written only as a QuickTime metadata item (mdta).
         if (av_dict_get(out->metadata, kSyncPointsTag, nullptr, 0)) av_dict_set(&opts, "movflags", "+use_metadata_tags", AV_DICT_APPEND);
         if (soundRate > 0) av_dict_set_int(&opts, "movie_timescale", soundRate, 0);
+        // An MPEG-4 or 3GPP file keeps its major brand (a phone's 3gp5 stays
+        // 3gp5, an mp42 file stays mp42) rather than becoming the writer's own.
+        if (plan.container != "mov" && mainFile)
+            if (AVDictionaryEntry const* brand = av_dict_get(inputs.of(*mainFile)->metadata, "major_brand", nullptr, 0))
+                if (std::strlen(brand->value) == 4 && std::strncmp(brand->value, "qt", 2) != 0) av_dict_set(&opts, "brand", brand->value, 0);
     }
     int rc = avformat_write_header(out.get(), &opts);
     av_dict_free(&opts);
@@ -584,16 +591,18 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
         for (unsigned i = 0; i < fmt->nb_streams; ++i) fmt->streams[i]->discard = wanted.count(static_cast<int>(i)) ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
         Packet pkt = makePacket(), copy = makePacket(); // reused for every packet
         std::int64_t size = std::max<std::int64_t>(1, file->size());
-        while ((rc = av_read_frame(fmt, pkt.get())) >= 0) {
-            auto [first, last] = wanted.equal_range(pkt->stream_index);
-            if (first == last) {
-                av_packet_unref(pkt.get());
-                continue;
-            }
+        std::map<int, DecodingTimes> decodingTimes; // by source stream
+        std::map<int, std::map<std::int64_t, std::int64_t>> shownAt; // by source stream: presentation by decoding time
+        for (auto const* c : list)
+            if (c->media && !shownAt.count(c->sourceIndex) && needsPresentationTimes(fmt, fmt->streams[c->sourceIndex]))
+                shownAt[c->sourceIndex] = presentationTimes(*c->media, plan.options.stop);
+        std::vector<Packet> ready;
+        auto copyOut = [&](AVPacket* packet) {
+            auto [first, last] = wanted.equal_range(packet->stream_index);
             // A stream may go out twice (the moved sound and its backup).
             for (auto it = first; it != last; ++it) {
                 Copy const& c = *it->second;
-                check(av_packet_ref(copy.get(), pkt.get()), "Copying a packet");
+                check(av_packet_ref(copy.get(), packet), "Copying a packet");
                 if (c.moved && copy->pts != AV_NOPTS_VALUE) {
                     // A delay keeps what is played (not the encoder's priming
                     // before media tick 0, which the muxer cannot place after an
@@ -621,6 +630,24 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
                 av_packet_unref(copy.get());
                 check(written, "Writing the movie");
             }
+        };
+        while ((rc = av_read_frame(fmt, pkt.get())) >= 0) {
+            if (wanted.count(pkt->stream_index) == 0) {
+                av_packet_unref(pkt.get());
+                continue;
+            }
+            if (auto shown = shownAt.find(pkt->stream_index); shown != shownAt.end() && pkt->dts != AV_NOPTS_VALUE) {
+                auto at = shown->second.find(pkt->dts);
+                if (at != shown->second.end()) pkt->pts = at->second;
+            }
+            DecodingTimes& times = decodingTimes[pkt->stream_index];
+            if (times.passesThrough(pkt.get())) {
+                copyOut(pkt.get());
+            } else {
+                times.push(pkt.get(), ready);
+                for (auto& r : ready) copyOut(r.get());
+                ready.clear();
+            }
             av_packet_unref(pkt.get());
             copiedFraction = (static_cast<double>(filesDone) + static_cast<double>(avio_tell(fmt->pb)) / static_cast<double>(size))
                            / static_cast<double>(byFile.size());
@@ -628,6 +655,11 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
         }
         if (rc == AVERROR_EXIT) throw Cancelled();
         if (rc != AVERROR_EOF) throw MediaError("Reading \"" + file->path() + "\" failed: " + avError(rc) + ".");
+        for (auto& [index, times] : decodingTimes) {
+            times.flush(ready);
+            for (auto& r : ready) copyOut(r.get());
+            ready.clear();
+        }
         ++filesDone;
     }
     copiedFraction = 1.0;
@@ -739,7 +771,7 @@ std::string containerNamed(std::string const& container, std::string const& path
     if (c.empty())
         throw MediaError(std::string(what) + " \"" + baseName(path)
                          + "\": Dubmatch writes QuickTime (.mov), MPEG-4 (.mp4, .m4v), Matroska (.mkv) and WebM (.webm) movies.");
-    if (c != "mov" && c != "mp4" && c != "matroska" && c != "webm") throw MediaError("Dubmatch does not write " + c + " files.");
+    if (!isWritableContainer(c)) throw MediaError("Dubmatch does not write " + c + " files.");
     return c;
 }
 
@@ -893,7 +925,7 @@ WriteResult exportMovie(dm::Movie const& movie, std::string const& path, ExportT
     }
     bool flat = type != ExportType::BMP && type != ExportType::FLC;
     // Sound-only and DV files hold what they can by design; movie exports refuse losses as saves do.
-    if (flat && plan.container != "mov" && plan.container != "mp4") plan.options.dropUnsupported = true;
+    if (flat && !isQuickTimeFamily(plan.container)) plan.options.dropUnsupported = true;
     std::optional<Prepared> prepared;
     if (flat) {
         prepared = prepare(movie, plan);

@@ -1,5 +1,9 @@
 #include "Remuxer.h"
 
+#include "Codec.h"
+#include "Containers.h"
+
+#include <algorithm>
 #include <cctype>
 #include <cstring>
 #include <strings.h>
@@ -11,8 +15,19 @@ AVFormatContext* SourceInputs::of(SourceFile const& file)
     auto it = inputs_.find(&file);
     if (it == inputs_.end()) {
         SourceFile::Input in = file.openInput(false);
-        if (in.format->nb_streams == 0 || (in.format->ctx_flags & AVFMTCTX_NOHEADER))
-            check(avformat_find_stream_info(in.format.get(), nullptr), "Reading the streams of \"" + file.path() + "\"");
+        // Packets are copied with the time stamps a muxer needs:
+        // - Containers that store only the decoding time (AVI) or give it to
+        //   some packets only (MPEG-PS, whose packs carry a time stamp now
+        //   and then) leave presentation times unset; GENPTS makes the
+        //   demuxer work them out from the frames that follow.
+        // - Containers that store only presentation times (Matroska, WebM)
+        //   with reordered frames leave decoding times unset; the demuxer
+        //   derives them from the stream's reorder delay, which only probing
+        //   the stream tells it (and probing also fills in what the header
+        //   lacks: the picture size of MPEG-4 Part 2 and H.263, the
+        //   parameter sets of H.264 and HEVC streams stored with start codes).
+        in.format->flags |= AVFMT_FLAG_GENPTS;
+        check(avformat_find_stream_info(in.format.get(), nullptr), "Reading the streams of \"" + file.path() + "\"");
         it = inputs_.emplace(&file, std::move(in)).first;
     }
     return it->second.format.get();
@@ -34,10 +49,105 @@ SourceFile::Input SourceInputs::take(SourceFile const& file)
     return in;
 }
 
+void DecodingTimes::push(AVPacket* pkt, std::vector<Packet>& ready)
+{
+    Packet own = makePacket();
+    av_packet_move_ref(own.get(), pkt);
+    if (own->dts == AV_NOPTS_VALUE && (lastDts_ == AV_NOPTS_VALUE || !waiting_.empty())) {
+        waiting_.push_back(std::move(own));
+        return;
+    }
+    if (own->dts == AV_NOPTS_VALUE) {
+        // A lone packet without a decoding time in the middle of a stream:
+        // one tick after the last, as no later packet can come before it.
+        own->dts = own->pts != AV_NOPTS_VALUE ? std::min(own->pts, lastDts_ + 1) : lastDts_ + 1;
+    }
+    // The waiting packets go before this one, each a frame before the next.
+    std::int64_t next = own->dts;
+    for (auto it = waiting_.rbegin(); it != waiting_.rend(); ++it) {
+        AVPacket* w = it->get();
+        std::int64_t step = std::max<std::int64_t>(w->duration, 1);
+        std::int64_t dts = next - step;
+        if (w->pts != AV_NOPTS_VALUE) dts = std::min(dts, w->pts);
+        w->dts = next = dts;
+    }
+    for (auto& w : waiting_) ready.push_back(std::move(w));
+    waiting_.clear();
+    lastDts_ = own->dts;
+    ready.push_back(std::move(own));
+}
+
+void DecodingTimes::flush(std::vector<Packet>& ready)
+{
+    if (waiting_.empty()) return;
+    // The n-th decoding time is the n-th presentation time, moved back just
+    // enough that no packet is decoded after it is shown.
+    std::vector<std::int64_t> sorted;
+    for (auto const& w : waiting_)
+        if (w->pts != AV_NOPTS_VALUE) sorted.push_back(w->pts);
+    std::sort(sorted.begin(), sorted.end());
+    std::int64_t back = 0;
+    std::size_t k = 0;
+    for (auto const& w : waiting_)
+        if (w->pts != AV_NOPTS_VALUE) back = std::max(back, sorted[k++] - w->pts);
+    std::int64_t previous = lastDts_;
+    k = 0;
+    for (auto& w : waiting_) {
+        std::int64_t dts = k < sorted.size() ? sorted[k++] - back : AV_NOPTS_VALUE;
+        if (dts == AV_NOPTS_VALUE || (previous != AV_NOPTS_VALUE && dts <= previous))
+            dts = previous != AV_NOPTS_VALUE ? previous + 1 : 0;
+        w->dts = previous = dts;
+        if (w->pts == AV_NOPTS_VALUE) w->pts = dts;
+        ready.push_back(std::move(w));
+    }
+    waiting_.clear();
+    lastDts_ = previous;
+}
+
+bool needsPresentationTimes(AVFormatContext const* fmt, AVStream const* stream)
+{
+    return std::strcmp(fmt->iformat->name, "avi") == 0 && stream->codecpar->codec_type == AVMEDIA_TYPE_VIDEO
+        && stream->codecpar->video_delay > 0;
+}
+
+std::map<std::int64_t, std::int64_t> presentationTimes(FileMedia const& media, std::atomic<bool> const* stop)
+{
+    StreamDecoder d = openStreamDecoder(media, "video");
+    AVFormatContext* fmt = d.input.format.get();
+    std::vector<std::int64_t> decoding, shown; // decoding times in file order; of the pictures in the order shown
+    Packet pkt = makePacket();
+    Frame frame = makeFrame();
+    auto receive = [&] {
+        while (avcodec_receive_frame(d.codec.get(), frame.get()) == 0) {
+            if (frame->pkt_dts != AV_NOPTS_VALUE) shown.push_back(frame->pkt_dts);
+            av_frame_unref(frame.get());
+        }
+    };
+    int rc;
+    while ((rc = av_read_frame(fmt, pkt.get())) >= 0) {
+        if (stop && stop->load()) throw Cancelled();
+        if (pkt->stream_index == d.stream && pkt->dts != AV_NOPTS_VALUE) {
+            decoding.push_back(pkt->dts);
+            avcodec_send_packet(d.codec.get(), pkt.get()); // a damaged packet keeps the time it has
+            receive();
+        }
+        av_packet_unref(pkt.get());
+    }
+    avcodec_send_packet(d.codec.get(), nullptr);
+    receive();
+    std::sort(decoding.begin(), decoding.end());
+    std::size_t n = std::min(decoding.size(), shown.size());
+    // The delay that shows no picture before it is decoded.
+    std::int64_t delay = 0;
+    for (std::size_t i = 0; i < n; ++i) delay = std::max(delay, shown[i] - decoding[i]);
+    std::map<std::int64_t, std::int64_t> times;
+    for (std::size_t i = 0; i < n; ++i) times[shown[i]] = decoding[i] + delay;
+    return times;
+}
+
 unsigned codecTagFor(AVOutputFormat const* out, AVCodecParameters const* in)
 {
-    std::string name = out->name;
-    bool isoFamily = name == "mov" || name == "mp4";
+    bool isoFamily = isQuickTimeFamily(out->name);
     if (in->codec_tag && out->codec_tag && av_codec_get_id(out->codec_tag, in->codec_tag) == in->codec_id) {
         // hev1 (parameter sets in the stream) is valid but refused by Apple's players.
         if (isoFamily && in->codec_id == AV_CODEC_ID_HEVC) return MKTAG('h', 'v', 'c', '1');
@@ -85,7 +195,11 @@ AVStream* addCopiedStream(AVFormatContext* out, AVStream const* in, bool enabled
     st->time_base = in->time_base;
     if (in->avg_frame_rate.num > 0) st->avg_frame_rate = in->avg_frame_rate;
     if (in->r_frame_rate.num > 0) st->r_frame_rate = in->r_frame_rate;
-    st->sample_aspect_ratio = in->sample_aspect_ratio;
+    // The container's pixel shape wins where it has one (as players show it);
+    // muxers refuse a stream whose two shapes differ.
+    AVRational sar = in->sample_aspect_ratio.num > 0 ? in->sample_aspect_ratio : in->codecpar->sample_aspect_ratio;
+    st->sample_aspect_ratio = sar;
+    st->codecpar->sample_aspect_ratio = sar;
     copyStreamTags(st, in, enabled);
     for (int i = 0; i < in->nb_side_data; ++i) {
         AVPacketSideData const& sd = in->side_data[i];

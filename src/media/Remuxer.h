@@ -5,7 +5,9 @@
 #include "FFmpeg.h"
 #include "MovieFile.h"
 
+#include <atomic>
 #include <map>
+#include <vector>
 #include <string>
 
 namespace media {
@@ -25,6 +27,41 @@ public:
 private:
     std::map<SourceFile const*, SourceFile::Input> inputs_;
 };
+
+// Gives copied packets the decoding times a muxer needs. Matroska and WebM
+// store presentation times only: with reordered frames the demuxer derives
+// decoding times from the frames it has seen, so the first few packets of
+// such a stream (before the reorder delay is filled) come without one. They
+// wait here until a packet with a decoding time arrives, and are then given
+// times before it, a frame duration apart and never after their own
+// presentation time. A stream that never gets one has its times made from
+// its sorted presentation times.
+class DecodingTimes {
+public:
+    // Takes the packet (its data is moved out of `pkt`); appends the packets
+    // now ready to `ready`, in order.
+    void push(AVPacket* pkt, std::vector<Packet>& ready);
+    // The packets still waiting, with times made up (end of the stream).
+    void flush(std::vector<Packet>& ready);
+    bool passesThrough(AVPacket const* pkt) const { return waiting_.empty() && pkt->dts != AV_NOPTS_VALUE; }
+
+private:
+    std::vector<Packet> waiting_;
+    std::int64_t lastDts_ = AV_NOPTS_VALUE;
+};
+
+// Whether the pictures of `stream`, read from `fmt`, come in decoding order
+// with no presentation times of their own: AVI stores one time per packet,
+// its place in the file, so reordered frames (B-frames) lose the order they
+// are shown in, and working it out from the frames that follow (GENPTS)
+// gives every packet the next one's time.
+bool needsPresentationTimes(AVFormatContext const* fmt, AVStream const* stream);
+
+// The presentation time of each packet of the stream, by its decoding time
+// stamp: the stream is decoded once and the n-th picture the decoder puts
+// out is shown at the n-th decoding time, moved on by the reorder delay.
+// Stops with Cancelled when `stop` is set.
+std::map<std::int64_t, std::int64_t> presentationTimes(FileMedia const& media, std::atomic<bool> const* stop);
 
 // The codec tag `in` keeps in `out`: its own where the container knows it
 // for the codec, 'hvc1' for HEVC in QuickTime and MPEG-4 (the tag Apple's

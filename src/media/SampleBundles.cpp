@@ -14,7 +14,12 @@ namespace media {
 
 bool SampleBundler::suits(AVStream const* st)
 {
-    return st->codecpar->codec_type == AVMEDIA_TYPE_AUDIO && st->codecpar->codec_id == AV_CODEC_ID_AAC;
+    // AAC with its decoder configuration in the stream header: frames as
+    // they are stored. AAC copied from MPEG-TS or raw ADTS has none; each
+    // frame carries an ADTS header that the muxer strips packet by packet,
+    // which a bundle of frames would defeat.
+    return st->codecpar->codec_type == AVMEDIA_TYPE_AUDIO && st->codecpar->codec_id == AV_CODEC_ID_AAC
+        && st->codecpar->extradata_size > 0;
 }
 
 void SampleBundler::enable(int index) { streams_[index]; }

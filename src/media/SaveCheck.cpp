@@ -1,5 +1,7 @@
 #include "SaveCheck.h"
 
+#include "Containers.h"
+
 #include "FaultInjection.h"
 #include "MovieFile.h"
 
@@ -169,7 +171,7 @@ std::string seconds(double s)
 
 char const* demuxerFor(std::string const& muxer)
 {
-    if (muxer == "mov" || muxer == "mp4") return "mov";
+    if (isQuickTimeFamily(muxer)) return "mov";
     return muxer.c_str();
 }
 
