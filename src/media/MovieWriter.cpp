@@ -191,6 +191,27 @@ std::optional<std::pair<std::int64_t, std::int64_t>> pureShift(dm::Track const& 
     return std::make_pair(silence - s.mediaStart, s.mediaStart);
 }
 
+// Whether copied packets moved by `shift` after a cut at `cut` (media ticks,
+// see pureShift) start where the move says, to 0.02 ms. QuickTime and
+// MPEG-4 place the start with an edit list at the sound's own time scale:
+// always exact. Matroska and WebM keep times in whole milliseconds and the
+// decoder plays on from the first packet kept, so the first whole frame
+// after the cut must land on a millisecond; a codec without a fixed frame
+// size (Vorbis) gives no way to tell where that frame is.
+bool placesExactly(std::string const& container, FileMedia const& m, std::int64_t shift, std::int64_t cut)
+{
+    if (isQuickTimeFamily(container)) return true;
+    int frame = m.codecpar->frame_size;
+    if (m.timeScale <= 0) return false;
+    std::int64_t first = 0;
+    if (cut > 0) {
+        if (frame <= 0) return false;
+        first = (cut + frame - 1) / frame * frame;
+    }
+    double seconds = static_cast<double>(first + shift) / m.timeScale;
+    return std::abs(seconds * 1000 - std::round(seconds * 1000)) <= 0.02;
+}
+
 std::string describe(dm::Track const& track, FileMedia const& m, AVStream const* in)
 {
     char const* kind = "data";
@@ -314,6 +335,15 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
                 }
             } else {
                 auto move = pureShift(track);
+                if (move && !placesExactly(container, m, move->first, move->second)) {
+                    if (plan.options.losslessShift == SaveOptions::LosslessShift::Always) {
+                        av_channel_layout_uninit(&layout);
+                        throw MediaError(containerTitle(container)
+                                         + " stores times in whole milliseconds: the moved sound's first frame would land "
+                                           "between two of them, so it cannot be written without re-encoding.");
+                    }
+                    move.reset();
+                }
                 auto lossless = plan.options.losslessShift;
                 bool takes = d.in && containerTakes(container, m.codecpar, d.in->metadata, d.in->disposition & ~AV_DISPOSITION_DEFAULT);
                 if (lossless == SaveOptions::LosslessShift::Always && (!move || !takes || !flexible || plan.forceAac)) {
@@ -511,6 +541,9 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
                 // QuickTime and MPEG-4 start a stream before 0 with an edit list.
                 c.keepStraddling = isQuickTimeFamily(plan.container);
                 c.delayOnly = d.cut == 0;
+                // The empty edit that delays it is counted in the movie's
+                // time scale: the sound's own places it to the sample.
+                soundRate = soundRate ? soundRate : m.timeScale;
             }
             copies.push_back(c);
         } else if (d.how == TrackPlan::How::Encoded && track.mediaType() == dm::MediaType::Sound) {
