@@ -335,15 +335,11 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
                 }
             } else {
                 auto move = pureShift(track);
-                if (move && !placesExactly(container, m, move->first, move->second)) {
-                    if (plan.options.losslessShift == SaveOptions::LosslessShift::Always) {
-                        av_channel_layout_uninit(&layout);
-                        throw MediaError(containerTitle(container)
-                                         + " stores times in whole milliseconds: the moved sound's first frame would land "
-                                           "between two of them, so it cannot be written without re-encoding.");
-                    }
+                // Auto re-encodes a move that copied packets would place off
+                // the sample; Always keeps the packets, to within a millisecond.
+                if (move && plan.options.losslessShift == SaveOptions::LosslessShift::Auto
+                    && !placesExactly(container, m, move->first, move->second))
                     move.reset();
-                }
                 auto lossless = plan.options.losslessShift;
                 bool takes = d.in && containerTakes(container, m.codecpar, d.in->metadata, d.in->disposition & ~AV_DISPOSITION_DEFAULT);
                 if (lossless == SaveOptions::LosslessShift::Always && (!move || !takes || !flexible || plan.forceAac)) {
