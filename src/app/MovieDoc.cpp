@@ -8,6 +8,7 @@
 #include "MovieView.h"
 #include "Evidence.h"
 #include "ProgressSheet.h"
+#include "SyncLimits.h"
 #include "SyncPointWindow.h"
 #include "kit/Alert.h"
 #include "kit/UserDefaults.h"
@@ -428,11 +429,47 @@ QVariant MovieDoc::objectValue(QString const& column, int row) const
         return c < 0 ? QVariant() : QVariant(QString::number(session_->candidates()[static_cast<std::size_t>(c)].confidence, 'f', 2));
     }
     if (column == "flag") {
-        if (GetOffset(row).flag) return markerImage("RedDiamond");
+        Offset p = GetOffset(row);
+        if (p.flag || !pointOutside(p).empty()) return markerImage("RedDiamond");
         if (syncInProgress() && row == syncRow()) return markerImage("BlueStar");
         return {};
     }
     return QString("Internal error");
+}
+
+namespace {
+
+synclimits::Extent extentOf(OffsetList const& list)
+{
+    // Audio times lie on the unedited sound's timeline, which the backup keeps once the sound is re-timed.
+    dm::Track const& unedited = list.backupTrack() ? *list.backupTrack() : *list.soundTrack();
+    QTTimeRange r = unedited.range();
+    return {list.duration().seconds(), myQTTime(QTTime{r.time.timeValue + r.duration.timeValue, r.time.timeScale, 0}).seconds()};
+}
+
+} // namespace
+
+std::string MovieDoc::pointOutside(Offset const& point) const
+{
+    if (!session_ || !session_->offsets()) return {};
+    return synclimits::pointOutside(point, extentOf(*session_->offsets()));
+}
+
+std::string MovieDoc::syncProblem() const
+{
+    if (!session_ || !session_->offsets() || session_->offsets()->points().empty()) return {};
+    OffsetList const& list = *session_->offsets();
+    SyncLine line{list.slope(), list.intercept(), !list.keptPreviousLine()};
+    return synclimits::problemWith(list.points(), line, extentOf(list));
+}
+
+QString MovieDoc::flagTip(int row) const
+{
+    if (row < 0 || row >= numberOfRows()) return {};
+    Offset p = GetOffset(row);
+    if (std::string why = pointOutside(p); !why.empty()) return QString::fromStdString(why);
+    if (p.flag) return "This point strays from the line through the others.";
+    return {};
 }
 
 bool MovieDoc::canEditTable() const { return session_ && !busy_; }

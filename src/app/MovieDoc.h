@@ -68,6 +68,9 @@ public:
     int numberOfRows() const;
     Offset GetOffset(int row) const;
     QVariant objectValue(QString const& column, int row) const;
+    // What the flag of a row says: why the point lies outside the movie or
+    // its sound, or that it strays from the line; empty for no flag.
+    QString flagTip(int row) const;
     void setObjectValue(QVariant const& value, QString const& column, int row);
     // Cells can be edited (not while a save or export runs).
     bool canEditTable() const;
@@ -227,6 +230,14 @@ private:
     void rememberSelection();
     // Gives the hint line the height its longest text needs at `width`.
     void fitHintHeight(int width);
+    // Why a point lies outside the movie or its unedited sound; empty when within.
+    std::string pointOutside(Offset const& point) const;
+    // Why a save would refuse the points and their line; empty when it takes them.
+    std::string syncProblem() const;
+    // Tells why a save or export refuses the points, and returns true, when it does.
+    bool refuseSyncProblem(QString const& what);
+    // A save or export whose Cancel came after the new file was complete says so.
+    void tellLateStop(QString const& what);
     bool eventFilter(QObject* watched, QEvent* event) override;
 
     std::optional<media::OpenedMovie> opened_;
@@ -237,6 +248,7 @@ private:
     bool nowSizing_ = false;
     bool dontOrder_ = false;
     bool busy_ = false;
+    bool lateStop_ = false; // the last run's Cancel came after its work was done
     bool faultShown_ = false;
     double shuttle_ = 0;
     std::vector<myQTTime> selectedTimes_; // the points the table's selection marks

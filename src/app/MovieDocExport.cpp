@@ -82,6 +82,7 @@ void MovieDoc::doExport()
     // Never export over the movie that is open.
     if (QFileInfo(path).absoluteFilePath() == QFileInfo(fileName()).absoluteFilePath())
         path = info.absolutePath() + "/" + info.completeBaseName() + " export." + extensionAt(index);
+    if (refuseSyncProblem("exported")) return;
     // The movie exports take every stream they can; the user decides on the rest.
     media::SaveOptions options;
     if (chosen == media::ExportType::MPEG4 || chosen == media::ExportType::QuickTime || chosen == media::ExportType::QuickTimeWeb) {
@@ -97,6 +98,7 @@ void MovieDoc::doExport()
     auto outcome = runWithProgress("Exporting", [&movie, &result, target, chosen, now, options](media::Progress const& progress) {
         result = media::exportMovie(movie, target, chosen, now, progress, options);
     });
+    if (outcome && outcome->empty() && lateStop_) tellLateStop("exported");
     if (outcome && outcome->empty()) showWriterNotes(result.notes, "The movie was exported, with these changes:");
     if (outcome && !outcome->empty()) {
         kit::AlertSpec a;

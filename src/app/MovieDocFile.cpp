@@ -5,6 +5,7 @@
 
 #include "PointsText.h"
 #include "SavedSync.h"
+#include "SyncLimits.h"
 
 #include <QFile>
 #include <QSaveFile>
@@ -103,6 +104,7 @@ std::string MovieDoc::saveAsContainer() const
 
 std::optional<media::SaveOptions> MovieDoc::saveOptionsFor(std::string const& container, QString const& what)
 {
+    if (refuseSyncProblem(what)) return std::nullopt;
     media::SaveOptions options;
     options.container = container;
     options.soundCodec = soundCodecPreference();
@@ -301,6 +303,7 @@ bool MovieDoc::writeToFile(QString const& path, QString const& type, kit::SaveOp
         return false;
     }
     bool ok = outcome && outcome->empty();
+    if (ok && lateStop_) tellLateStop("saved");
     if (ok) showWriterNotes(result.notes, "The movie was saved, with these changes:");
     if (outcome && !outcome->empty()) {
         kit::AlertSpec spec;
@@ -369,11 +372,36 @@ std::optional<std::string> MovieDoc::runWithProgress(QString const& title, std::
         ProgressSheet sheet(mMovieWindow, title);
         progress_ = &sheet;
         outcome = sheet.run(std::move(work));
+        lateStop_ = sheet.stopCameTooLate();
         progress_ = nullptr;
     }
     busy_ = false;
     updateMenu();
     return outcome;
+}
+
+bool MovieDoc::refuseSyncProblem(QString const& what)
+{
+    // A line no transfer needs (or a point outside the movie) would write a
+    // sound of any length: it is refused, with the reason, before any work.
+    std::string problem = syncProblem();
+    if (problem.empty()) return false;
+    kit::AlertSpec spec;
+    spec.message = QString("The movie cannot be %1 with these sync points.").arg(what);
+    spec.informative = QString::fromStdString(problem) + "\n\nThe flagged points in the Sync Points window show where; change or delete them.";
+    spec.sheetParent = mMovieWindow;
+    kit::runAlert(spec);
+    return true;
+}
+
+void MovieDoc::tellLateStop(QString const& what)
+{
+    kit::AlertSpec spec;
+    spec.message = QString("The movie was %1.").arg(what);
+    spec.informative = "Cancel came after the new file was complete and in place, so nothing was undone: the file is whole.";
+    spec.icon = QMessageBox::Information;
+    spec.sheetParent = mMovieWindow;
+    kit::runAlert(spec);
 }
 
 QProgressDialog* MovieDoc::progressPanel() const { return progress_ ? progress_->panel() : nullptr; }
@@ -412,7 +440,7 @@ void MovieDoc::importSyncPoints()
     kit::AlertSpec a;
     a.message = QString("\"%1\" could not be imported.").arg(QFileInfo(path).fileName());
     QFile file(path);
-    if (!file.open(QIODevice::ReadOnly) || file.size() > 16 * 1024 * 1024) {
+    if (!file.open(QIODevice::ReadOnly) || file.size() > static_cast<qint64>(kMaxPointsTextBytes)) {
         a.informative = file.isOpen() ? "It is too large for a list of sync points." : file.errorString();
         kit::runAlert(a);
         return;

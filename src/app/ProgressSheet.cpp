@@ -101,5 +101,6 @@ std::optional<std::string> ProgressSheet::run(std::function<void(media::Progress
     ticker.stop();
     panel_.hide();
     std::lock_guard<std::mutex> g(shared->lock);
+    stopCameTooLate_ = shared->stop && shared->outcome && shared->outcome->empty();
     return shared->outcome;
 }

@@ -24,6 +24,10 @@ public:
     // operation's error message ("" when it worked), or nullopt when it
     // was cancelled. Every exception of `work` ends up in the result.
     std::optional<std::string> run(std::function<void(media::Progress const&)> work);
+    // Whether the last run was asked to stop but its work had already done
+    // what cannot be undone (a new file put in place) and ended as it would
+    // have without the stop: the result says it worked.
+    bool stopCameTooLate() const { return stopCameTooLate_; }
     QProgressDialog* panel() { return &panel_; }
 
 private:
@@ -32,4 +36,5 @@ private:
     };
     QProgressDialog panel_;
     CloseGuard closeGuard_;
+    bool stopCameTooLate_ = false;
 };

@@ -72,6 +72,10 @@ QVariant OffsetTableModel::data(QModelIndex const& index, int role) const
 {
     if (role == Qt::ForegroundRole)
         return doc_->isCandidateRow(index.row()) ? QVariant(QApplication::palette().brush(QPalette::Disabled, QPalette::Text)) : QVariant();
+    if (index.column() == kFlag && role == Qt::ToolTipRole) {
+        QString tip = doc_->flagTip(index.row());
+        return tip.isEmpty() ? QVariant() : QVariant(tip);
+    }
     QVariant v = doc_->objectValue(identifier(index.column()), index.row());
     if (index.column() == kFlag) return role == Qt::DecorationRole ? v : QVariant();
     if (role == Qt::DisplayRole && index.column() == kOffset) return QString::number(v.toDouble(), 'f', 1);

@@ -11,20 +11,27 @@
 #include "SaveCheck.h"
 #include "SoundMeasure.h"
 #include "SavedSync.h"
+#include "SyncLimits.h"
 #include "Options.h"
 #include "TestMovie.h"
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
+#include <fcntl.h>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <sstream>
+#include <poll.h>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -57,6 +64,15 @@ Commands:
            along it. Each point pairs a movie time (where a picture is) with
            the time of the unedited sound that belongs there. Times are typed
            as [-][[hours:]minutes:]seconds[.fraction], e.g. 1:02:03.5 or 90.25.
+           Before anything is written the points are checked (exit status 1,
+           nothing written): each must lie within the movie and its sound,
+           give or take 2 s; the line's slope must lie between 0.5 and 2
+           (real transfers change the speed by a few percent, 25/24 from
+           film to PAL video; silent films by at most 1.5 times); and the
+           re-timed sound may end at most at twice the longer of the movie
+           and its sound, plus 10 s. The report (and info, for the points a
+           movie carries) gives where the re-timed sound ends and about how
+           large the new file is.
            The unedited sound is kept in a disabled "Backup Sound Track",
            and the points are stored in the movie: a movie synced before
            is synced again from its unedited sound, never from a copy.
@@ -81,7 +97,10 @@ Commands:
 Options of sync:
   --point M=A      a sync point (repeatable)
   --points FILE    sync points, one "M=A" or "M A" per line; # starts a comment;
-                   - reads them from standard input
+                   - reads them from standard input. At most 4 MiB is read;
+                   folders and devices are refused, and a pipe that sends
+                   nothing for 10 s is given up. A file without points is
+                   refused (exit status 2)
   --from-movie     the points a save stored in MOVIE (the default when no
                    points are given and the movie carries some)
   -o, --output OUT write the synced movie to OUT (replaced if it exists), in
@@ -126,21 +145,65 @@ Messages are coloured on a terminal unless NO_COLOR is set.
 
 Exit status: 0 done, 1 the movie was refused or could not be read or written,
 2 bad command line, 130 stopped (Ctrl-C), 143 terminated (SIGTERM); a stopped
-or failed write leaves no output behind and the original untouched.
+or failed write leaves no output behind and the original untouched. A stop
+that comes once the new file is in place changes nothing: the file is
+complete, the command finishes, says so and exits 0.
 )";
 
 std::atomic<bool> gStop{false};
 
-// Ends the process at once: what is being written has no name yet (or a
-// temporary one, removed here), so the original and the output stay as they
-// were. Only async-signal-safe calls.
+// What a stop means once some of the command's files are in place, by how
+// many are: end at once with a message, or let the command finish (its files
+// are complete; what is left is reporting). Before any is in place a stop
+// ends the command: nothing was written. Filled before the writing starts,
+// read by the signal handler, which can only copy a message out.
+struct StopAnswer {
+    bool finish = false;
+    char message[512] = {};
+};
+constexpr int kStopAnswers = 3;
+StopAnswer gStopAnswers[kStopAnswers];
+std::atomic<int> gStopAnswersSet{0}; // how many of gStopAnswers hold an answer
+
+// For a command that puts files in place: answers[n - 1] is what a stop
+// means once n of them are in place (the last one also for more).
+void setStopAnswers(std::vector<StopAnswer> const& answers)
+{
+    gStopAnswersSet = 0;
+    for (std::size_t i = 0; i < answers.size() && i < kStopAnswers; ++i) gStopAnswers[i] = answers[i];
+    gStopAnswersSet = static_cast<int>(std::min<std::size_t>(answers.size(), kStopAnswers));
+}
+
+StopAnswer stopAnswer(bool finish, std::string const& message)
+{
+    StopAnswer a;
+    a.finish = finish;
+    std::snprintf(a.message, sizeof a.message, "\ndubmatch-cli: %s\n", message.c_str());
+    return a;
+}
+
+// Temporaries are removed and the process ends at once, unless the new file
+// is already in place: then it is complete, and the command finishes and
+// says so. Only async-signal-safe calls.
 void onSignal(int sig)
 {
+    int savedErrno = errno;
     gStop = true;
-    media::removeTemporariesNow();
-    static constexpr char kMessage[] = "\ndubmatch-cli: stopped; nothing was written.\n";
-    ssize_t ignored = ::write(STDERR_FILENO, kMessage, sizeof kMessage - 1);
-    (void)ignored;
+    int placed = media::removeTemporariesNow();
+    int set = gStopAnswersSet.load();
+    if (placed > 0 && set > 0) {
+        StopAnswer const& answer = gStopAnswers[std::min(placed, set) - 1];
+        if (answer.finish) {
+            errno = savedErrno;
+            return;
+        }
+        ssize_t ignored = ::write(STDERR_FILENO, answer.message, std::strlen(answer.message));
+        (void)ignored;
+    } else {
+        static constexpr char kMessage[] = "\ndubmatch-cli: stopped; nothing was written.\n";
+        ssize_t ignored = ::write(STDERR_FILENO, kMessage, sizeof kMessage - 1);
+        (void)ignored;
+    }
     ::_exit(sig == SIGTERM ? kTerminated : kStopped);
 }
 
@@ -151,6 +214,9 @@ void installSignalHandlers()
     sigemptyset(&sa.sa_mask);
     sigaddset(&sa.sa_mask, SIGINT);
     sigaddset(&sa.sa_mask, SIGTERM);
+    // A stop after the file is in place lets the command finish: its
+    // system calls go on rather than fail.
+    sa.sa_flags = SA_RESTART;
     sigaction(SIGINT, &sa, nullptr);
     sigaction(SIGTERM, &sa, nullptr);
 }
@@ -236,6 +302,103 @@ std::string howName(media::TrackPlan::How how)
     return "copied";
 }
 
+// The end of a sound track on its own timeline, in seconds.
+double soundEndSeconds(dm::Track const& sound)
+{
+    QTTimeRange r = sound.range();
+    return myQTTime(QTTime{r.time.timeValue + r.duration.timeValue, r.time.timeScale, 0}).seconds();
+}
+
+// About how many bytes a second of the re-timed sound takes in the new file.
+double soundBytesPerSecond(dm::Track const& sound, media::SoundCodec codec)
+{
+    auto const& m = media::OpenedMovie::mediaOf(sound);
+    AVCodecParameters const* par = m.codecpar;
+    int bits = par->bits_per_raw_sample > 0 ? par->bits_per_raw_sample : av_get_bits_per_sample(par->codec_id);
+    if (bits <= 0) bits = 16;
+    double channels = std::max(1, m.channels);
+    double pcm = std::max(1, m.sampleRate) * channels * ((bits + 7) / 8);
+    double source = par->bit_rate > 0 ? static_cast<double>(par->bit_rate) / 8 : pcm;
+    switch (codec) {
+    case media::SoundCodec::Same: return source;
+    case media::SoundCodec::Pcm: return pcm;
+    case media::SoundCodec::Flac:
+    case media::SoundCodec::Alac: return pcm * 0.6; // what lossless coding typically keeps
+    case media::SoundCodec::Aac: return source < pcm ? source : 16000 * channels; // a lossy source keeps its rate
+    }
+    return source;
+}
+
+// What a sync with `points` writes, worked out before anything is written:
+// where the re-timed sound ends, the new file's size, and why the points are
+// refused, if they are.
+struct Prediction {
+    std::size_t points = 0;
+    double movieSeconds = 0;
+    double uneditedSoundSeconds = 0;
+    double soundSeconds = 0; // where the re-timed sound ends on the movie's timeline
+    double limitSeconds = 0; // the latest end a sync writes
+    std::int64_t inputBytes = 0;
+    std::int64_t outputBytes = 0;
+    std::string problem; // empty when a sync takes the points
+};
+
+// `list` has no points yet: its sound track is the unedited sound. A movie
+// synced before holds a re-timed sound that the new one replaces.
+Prediction predict(std::string const& path, OffsetList const& list, std::vector<Offset> const& points, bool syncedBefore,
+                   media::SoundCodec codec)
+{
+    dm::Track const& sound = *list.soundTrack();
+    synclimits::Extent extent{list.duration().seconds(), soundEndSeconds(sound)};
+    Prediction p;
+    p.points = points.size();
+    p.movieSeconds = extent.movie;
+    p.uneditedSoundSeconds = extent.sound;
+    p.limitSeconds = synclimits::longestRetimedSound(extent);
+    struct stat st {};
+    if (::stat(path.c_str(), &st) == 0) p.inputBytes = st.st_size;
+    p.soundSeconds = extent.sound;
+    p.outputBytes = p.inputBytes;
+    if (points.empty()) return p; // the sound is written unchanged, without a backup
+    SyncLine line = fitSyncLine(points, list.duration());
+    p.problem = synclimits::problemWith(points, line, extent);
+    if (line.fitted) p.soundSeconds = synclimits::retimedSoundEnd(line, extent.sound);
+    double perSecond = soundBytesPerSecond(sound, codec);
+    double bytes = static_cast<double>(p.inputBytes) + perSecond * (p.soundSeconds - (syncedBefore ? extent.sound : 0.0));
+    p.outputBytes = static_cast<std::int64_t>(std::clamp(bytes, 0.0, 9e18));
+    return p;
+}
+
+json predictionJson(Prediction const& p)
+{
+    return {{"points", p.points},
+            {"movie_seconds", p.movieSeconds},
+            {"unedited_sound_seconds", p.uneditedSoundSeconds},
+            {"sound_seconds", p.soundSeconds},
+            {"limit_seconds", p.limitSeconds},
+            {"input_bytes", p.inputBytes},
+            {"output_bytes", p.outputBytes},
+            {"problem", p.problem.empty() ? json(nullptr) : json(p.problem)}};
+}
+
+std::string sizeText(std::int64_t bytes)
+{
+    char text[64];
+    double b = static_cast<double>(bytes);
+    if (b < 1e6) std::snprintf(text, sizeof text, "%.0f kB", b / 1e3);
+    else if (b < 1e9) std::snprintf(text, sizeof text, "%.1f MB", b / 1e6);
+    else std::snprintf(text, sizeof text, "%.2f GB", b / 1e9);
+    return text;
+}
+
+std::string predictionText(Prediction const& p)
+{
+    char line[320];
+    std::snprintf(line, sizeof line, "re-timed sound: ends at %.3f s in a movie of %.3f s (a sync writes sound up to %.3f s); ",
+                  p.soundSeconds, p.movieSeconds, p.limitSeconds);
+    return line + ("the new file: about " + sizeText(p.outputBytes) + " (this one: " + sizeText(p.inputBytes) + ")\n");
+}
+
 int info(commandline::Parsed const& args, json& out)
 {
     bool asJson = args.has("--json");
@@ -281,7 +444,10 @@ int info(commandline::Parsed const& args, json& out)
     }
     auto& list = *std::get<std::unique_ptr<OffsetList>>(made);
     // What a save does: with the points the movie carries, as sync uses them.
-    if (saved.points && !saved.points->empty()) list.replacePoints(*saved.points);
+    std::vector<Offset> stored = saved.points ? *saved.points : std::vector<Offset>{};
+    Prediction predicted = predict(path, list, stored, saved.backupAdopted, media::SoundCodec::Same);
+    out["prediction"] = predictionJson(predicted);
+    if (!stored.empty() && predicted.problem.empty()) list.replacePoints(stored);
     text << "sound track to sync: track " << list.soundTrack()->id() << " (\"" << list.soundTrack()->displayName() << "\")\n";
     out["sound_track"] = list.soundTrack()->id();
     out["saved_sync"] = {{"backup_adopted", saved.backupAdopted},
@@ -292,6 +458,8 @@ int info(commandline::Parsed const& args, json& out)
              << (saved.points ? ", with " + std::to_string(saved.points->size()) + " stored sync point(s) (sync uses them when given none)"
                               : "; no sync points stored")
              << "\n";
+    if (!stored.empty()) text << "with the stored sync points, " << predictionText(predicted);
+    if (!predicted.problem.empty()) text << "sync refuses the stored sync points: " << predicted.problem << "\n";
 
     // What a save does: in place where the container is written, else as a copy.
     std::vector<std::string> tried = {media::containerForSaveAs(om.container, om.formatName)};
@@ -333,24 +501,102 @@ int info(commandline::Parsed const& args, json& out)
     throw Refused{"This movie cannot be saved in any container Dubmatch writes: " + failure, ""};
 }
 
-// The points of a points file ("-": standard input).
-std::vector<Offset> readPoints(std::string const& file, long scale)
+// How long a pipe may keep the points waiting: a program that writes them
+// sends them at once, and a pipe that nobody writes to would otherwise hold
+// the command forever.
+constexpr int kPointsWaitSeconds = 10;
+
+// A descriptor that this code opened, closed when it goes.
+class OwnedFd {
+public:
+    explicit OwnedFd(int fd) : fd_(fd) {}
+    ~OwnedFd()
+    {
+        if (fd_ >= 0) ::close(fd_);
+    }
+    OwnedFd(OwnedFd const&) = delete;
+    OwnedFd& operator=(OwnedFd const&) = delete;
+
+private:
+    int fd_;
+};
+
+std::string pointsSourceName(std::string const& file)
 {
-    std::ifstream f;
-    std::istream* in = &std::cin;
-    if (file != "-") {
-        f.open(file);
-        if (!f) throw UsageError("cannot read the points file \"" + file + "\"");
-        in = &f;
-    }
-    std::ostringstream text;
-    text << in->rdbuf();
-    try {
-        return parsePointsText(text.str(), scale);
-    } catch (PointsTextError const& e) {
-        throw UsageError(std::string(file == "-" ? "standard input" : "\"" + file + "\"") + ", " + e.what());
-    }
+    return file == "-" ? std::string("standard input") : "the points file \"" + file + "\"";
 }
+
+// The text of a points file ("-": standard input), read to its end. A regular
+// file, a pipe or a terminal is read; a folder or a device is refused before
+// reading. At most kMaxPointsTextBytes are taken, and a pipe or named pipe
+// that sends nothing for kPointsWaitSeconds is given up, so the read always ends.
+std::string readPointsText(std::string const& file)
+{
+    std::string name = pointsSourceName(file);
+    auto fail = [&](std::string const& why) { return UsageError(name + " " + why); };
+    int fd = STDIN_FILENO;
+    if (file != "-") {
+        // Not blocking: opening a named pipe would otherwise wait for a writer.
+        fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK);
+        if (fd < 0) throw fail(std::string("cannot be read: ") + std::strerror(errno));
+    }
+    OwnedFd owned(file != "-" ? fd : -1);
+    struct stat st {};
+    if (::fstat(fd, &st) != 0) throw fail(std::string("cannot be read: ") + std::strerror(errno));
+    bool terminal = file == "-" && ::isatty(fd);
+    bool pipe = S_ISFIFO(st.st_mode) || S_ISSOCK(st.st_mode);
+    if (S_ISDIR(st.st_mode)) throw fail("is a folder, not a file of sync points");
+    if (!terminal && (S_ISCHR(st.st_mode) || S_ISBLK(st.st_mode))) throw fail("is a device, not a file of sync points");
+    if (!terminal && !pipe && !S_ISREG(st.st_mode)) throw fail("is not a file of sync points");
+    std::string limit = "more than " + std::to_string(kMaxPointsTextBytes / (1024 * 1024))
+                        + " MiB: that is no list of sync points (a point takes some 30 bytes)";
+    if (S_ISREG(st.st_mode) && static_cast<std::uintmax_t>(st.st_size) > kMaxPointsTextBytes) throw fail("holds " + limit);
+
+    std::string text;
+    std::vector<char> buffer(64 * 1024);
+    auto lastData = std::chrono::steady_clock::now();
+    for (;;) {
+        int timeout = -1;
+        if (pipe) {
+            double waited = secondsSince(lastData);
+            if (waited >= kPointsWaitSeconds)
+                throw fail("sent nothing for " + std::to_string(kPointsWaitSeconds) + " s (a pipe must deliver its points within "
+                           + std::to_string(kPointsWaitSeconds) + " s of each other): write them to a file and give --points FILE");
+            timeout = static_cast<int>((kPointsWaitSeconds - waited) * 1000) + 1;
+        }
+        pollfd ready{fd, POLLIN, 0};
+        int polled = ::poll(&ready, 1, timeout);
+        if (polled < 0 && errno != EINTR) throw fail(std::string("cannot be read: ") + std::strerror(errno));
+        if (polled <= 0) continue;
+        std::size_t room = std::min(buffer.size(), kMaxPointsTextBytes + 1 - text.size());
+        ssize_t n = ::read(fd, buffer.data(), room);
+        if (n < 0) {
+            if (errno == EAGAIN || errno == EINTR) continue;
+            throw fail(std::string("cannot be read: ") + std::strerror(errno));
+        }
+        if (n == 0) break;
+        text.append(buffer.data(), static_cast<std::size_t>(n));
+        if (text.size() > kMaxPointsTextBytes) throw fail((pipe || terminal ? "sent " : "holds ") + limit);
+        lastData = std::chrono::steady_clock::now();
+    }
+    return text;
+}
+
+// The points of a points text; a text without any point is refused, since
+// syncing with none would write the sound unchanged.
+std::vector<Offset> parsePoints(std::string const& file, std::string const& text, long scale)
+{
+    std::vector<Offset> points;
+    try {
+        points = parsePointsText(text, scale);
+    } catch (PointsTextError const& e) {
+        throw UsageError(pointsSourceName(file) + ", " + e.what());
+    }
+    if (points.empty()) throw UsageError(pointsSourceName(file) + " holds no sync points");
+    return points;
+}
+
+std::vector<Offset> readPoints(std::string const& file, long scale) { return parsePoints(file, readPointsText(file), scale); }
 
 // The sync points the movie's evidence suggests, found with a progress bar.
 media::SuggestedPoints findSuggestions(dm::Movie const& movie, OffsetList const& list, bool quiet)
@@ -476,6 +722,10 @@ int sync(commandline::Parsed const& args, json& out)
         throw UsageError("cannot tell the container of \"" + output
                          + "\" from its extension: use .mov, .mp4, .m4v, .mkv or .webm (or --type for the other export types)");
 
+    // The points input is read first: a refused one costs no work on the movie.
+    std::optional<std::string> pointsText;
+    if (args.has("--points")) pointsText = readPointsText(args.value("--points"));
+
     out = {{"file", path}, {"output", inPlace ? path : output}, {"in_place", inPlace}, {"dry_run", dryRun}};
     media::OpenedMovie om = media::openMovie(path);
     for (auto const& n : om.notes) note(n + ".");
@@ -509,8 +759,8 @@ int sync(commandline::Parsed const& args, json& out)
     } catch (PointsTextError const& e) {
         throw UsageError(e.what());
     }
-    if (args.has("--points"))
-        for (auto const& p : readPoints(args.value("--points"), scale)) points.push_back(p);
+    if (pointsText)
+        for (auto const& p : parsePoints(args.value("--points"), *pointsText, scale)) points.push_back(p);
     if (args.has("--auto")) {
         if (!points.empty() || args.has("--from-movie")) throw UsageError("--auto finds its own points: give no other points");
         auto found = findSuggestions(*om.movie, list, quiet);
@@ -543,6 +793,17 @@ int sync(commandline::Parsed const& args, json& out)
         note("using the " + std::to_string(points.size()) + " sync point(s) stored in the movie.");
     }
     if (points.empty()) note("no sync points given: the sound is written unchanged.");
+    // The line is checked before any work: a mistaken point costs nothing.
+    Prediction predicted = predict(path, list, points, saved.backupAdopted, options.soundCodec);
+    out["prediction"] = predictionJson(predicted);
+    if (!predicted.problem.empty()) {
+        std::string check = fromMovie ? "The points stored in the movie do not fit it: give points with --point or --points."
+                            : args.has("--auto")
+                                ? "Check the suggested points with dubmatch-cli suggest, or give points with --point."
+                                : "Check the points: each pairs a time of this movie's picture with the time of its unedited sound, "
+                                  "as MOVIE_TIME=AUDIO_TIME.";
+        throw Refused{predicted.problem, "Nothing was written. " + check};
+    }
     list.replacePoints(points);
     out["points_from_movie"] = fromMovie;
     // The points travel with the movie, so that it can be opened again and refined.
@@ -558,6 +819,7 @@ int sync(commandline::Parsed const& args, json& out)
                   (list.slope() - 1) * 100, list.intercept());
     text << line;
     if (list.keptPreviousLine()) text << "These points admit no line with a positive slope; the sound is left as it was.\n";
+    text << predictionText(predicted);
     std::snprintf(line, sizeof line, "%-14s %-14s %12s  %s\n", "movie time", "audio time", "residual ms", "flag");
     text << line;
     for (auto const& p : list.points()) {
@@ -577,6 +839,9 @@ int sync(commandline::Parsed const& args, json& out)
 
     media::WriteResult result;
     options.stop = &gStop;
+    std::string written = inPlace ? path : output;
+    // A stop once the new file is in place changes nothing on disk: the sync is done.
+    setStopAnswers({stopAnswer(true, "")});
     auto w0 = std::chrono::steady_clock::now();
     try {
         if (inPlace) result = media::saveInPlace(*om.movie, path, progressBar(quiet), options);
@@ -586,8 +851,8 @@ int sync(commandline::Parsed const& args, json& out)
         throw Refused{std::string("nothing was written. ") + e.what(),
                       "Write to another container (-o NAME.mkv takes almost anything), or accept the loss with --drop-unsupported."};
     }
+    if (gStop) result.notes.push_back("the stop came after \"" + written + "\" was complete: it is kept, and the sync is done.");
     for (auto const& n : result.notes) note(n);
-    std::string written = inPlace ? path : output;
     out["written"] = {{"path", written}, {"bytes", result.bytes}, {"notes", result.notes}};
     out["timings"] = {{"open_seconds", openSeconds}, {"write_seconds", secondsSince(w0)}, {"total_seconds", secondsSince(t0)}};
     if (!asJson) std::printf("wrote %s (%.1f MB)\n", written.c_str(), static_cast<double>(result.bytes) / 1e6);
@@ -627,6 +892,12 @@ int demo(commandline::Parsed const& args)
     if (spec.seconds < 3 || spec.seconds > 6 * 3600) throw UsageError("--seconds must lie between 3 and 21600");
     if (spec.fpsNum < 1 || spec.fpsNum > 120) throw UsageError("--fps must lie between 1 and 120");
     if (!(spec.audioRate > 0.5 && spec.audioRate < 2)) throw UsageError("--rate must lie between 0.5 and 2");
+    // A stop once the movie is in place leaves it complete; the points file
+    // comes after it, and a stop before that is said to have left it out.
+    StopAnswer finish = stopAnswer(true, "");
+    if (pointsFile.empty()) setStopAnswers({finish});
+    else setStopAnswers({stopAnswer(false, "stopped; \"" + out + "\" is complete, but the points file \"" + pointsFile + "\" was not written."),
+                         finish});
     {
         // Like a save: the movie appears whole under its name or not at all.
         media::AtomicFile file(out, media::AtomicFile::Kind::NewOrReplace);
@@ -657,6 +928,7 @@ int demo(commandline::Parsed const& args)
         file.commit();
         std::printf("wrote %s: 4 sync points\n", pointsFile.c_str());
     }
+    if (gStop) note("the stop came after everything was written: the files are complete.");
     return kOk;
 }
 

@@ -11,18 +11,42 @@ std::string trim(std::string const& v)
 }
 } // namespace
 
+std::string quotedForMessage(std::string const& text)
+{
+    constexpr std::size_t kShown = 40; // characters
+    std::string shown;
+    std::size_t at = 0, characters = 0;
+    while (at < text.size() && characters < kShown) {
+        auto c = static_cast<unsigned char>(text[at]);
+        std::size_t length = c < 0x80 ? 1 : (c >> 5) == 0x6 ? 2 : (c >> 4) == 0xe ? 3 : (c >> 3) == 0x1e ? 4 : 0;
+        bool whole = length > 0 && at + length <= text.size();
+        for (std::size_t k = 1; whole && k < length; ++k) whole = (static_cast<unsigned char>(text[at + k]) & 0xc0) == 0x80;
+        if (!whole || c < 0x20 || c == 0x7f) {
+            shown += '?';
+            at += 1;
+        } else {
+            shown.append(text, at, length);
+            at += length;
+        }
+        ++characters;
+    }
+    std::string quoted = "\"" + shown + "\"";
+    if (at < text.size()) quoted += "... (" + std::to_string(text.size()) + " bytes in all)";
+    return quoted;
+}
+
 Offset parsePoint(std::string const& text, long scale)
 {
     std::string s = trim(text);
     auto eq = s.find('=');
     if (eq == std::string::npos) eq = s.find_first_of(" \t");
-    if (eq == std::string::npos) throw PointsTextError(0, "a sync point needs MOVIE_TIME=AUDIO_TIME: \"" + text + "\"");
+    if (eq == std::string::npos) throw PointsTextError(0, "a sync point needs MOVIE_TIME=AUDIO_TIME: " + quotedForMessage(trim(text)));
     std::string m = trim(s.substr(0, eq)), a = trim(s.substr(eq + 1));
-    if (m.empty() || a.empty()) throw PointsTextError(0, "a sync point needs MOVIE_TIME=AUDIO_TIME: \"" + trim(text) + "\"");
+    if (m.empty() || a.empty()) throw PointsTextError(0, "a sync point needs MOVIE_TIME=AUDIO_TIME: " + quotedForMessage(trim(text)));
     try {
         return Offset(myQTTime(m, scale), myQTTime(a, scale));
     } catch (myQTTime::BadDuration const&) {
-        throw PointsTextError(0, "bad time in sync point \"" + trim(text) + "\" (use [-][[h:]m:]s[.frac])");
+        throw PointsTextError(0, "bad time in sync point " + quotedForMessage(trim(text)) + " (use [-][[h:]m:]s[.frac])");
     }
 }
 

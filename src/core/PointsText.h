@@ -5,6 +5,7 @@
 
 #include "OffsetList.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <stdexcept>
 #include <string>
@@ -18,6 +19,16 @@ public:
 private:
     int line_;
 };
+
+// The most text a list of points is read from: 4 MiB, some 100,000 points,
+// more than a point every second of a day. Anything longer is not a list of
+// points (a wrong file, an endless stream) and is refused unread.
+inline constexpr std::size_t kMaxPointsTextBytes = 4 * 1024 * 1024;
+
+// A piece of the user's text for a message: quoted, at most a few dozen
+// characters (the rest is counted, not shown), control characters and
+// broken UTF-8 as '?'.
+std::string quotedForMessage(std::string const& text);
 
 // One point, "M=A" or "M A". Throws PointsTextError (line 0).
 Offset parsePoint(std::string const& text, long scale);

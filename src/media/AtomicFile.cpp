@@ -61,22 +61,28 @@ constexpr std::size_t kTempMarkLength = sizeof kTempMark - 1;
 constexpr std::size_t kRandomLength = 6;
 
 // Temporary names that a signal handler removes before the process ends.
-// A slot is 0 free, 1 in use, 2 being filled.
+// A slot's word holds its state in the low two bits (0 free, 1 in use, 2
+// being filled, 3 being renamed over its target) and above them how many
+// files went in place through the slot. One word, so that a handler sees a
+// file being renamed or a file counted as in place, never both or neither.
 constexpr int kSlots = 16;
+constexpr unsigned kStateMask = 3;
+constexpr unsigned kOnePlaced = 4;
 struct Slot {
-    std::atomic<int> state{0};
+    std::atomic<unsigned> word{0};
     char name[4096];
 };
 Slot gSlots[kSlots];
+std::atomic<int> gPlacedWithoutSlot{0};
 
 int registerTemporary(std::string const& name)
 {
     if (name.size() >= sizeof gSlots[0].name) return -1;
     for (int i = 0; i < kSlots; ++i) {
-        int expected = 0;
-        if (!gSlots[i].state.compare_exchange_strong(expected, 2)) continue;
+        unsigned word = gSlots[i].word.load();
+        if ((word & kStateMask) != 0 || !gSlots[i].word.compare_exchange_strong(word, word | 2)) continue;
         std::memcpy(gSlots[i].name, name.c_str(), name.size() + 1);
-        gSlots[i].state.store(1, std::memory_order_release);
+        gSlots[i].word.store(word | 1, std::memory_order_release);
         return i;
     }
     return -1; // no room: the stale-file clean-up still catches it
@@ -84,7 +90,25 @@ int registerTemporary(std::string const& name)
 
 void unregisterTemporary(int& slot)
 {
-    if (slot >= 0) gSlots[slot].state.store(0, std::memory_order_release);
+    if (slot >= 0) gSlots[slot].word.fetch_and(~kStateMask, std::memory_order_release);
+    slot = -1;
+}
+
+// The named file of `slot` is about to be renamed over its target.
+void markRenaming(int slot)
+{
+    if (slot >= 0) gSlots[slot].word.fetch_or(3, std::memory_order_release);
+}
+
+// The rename is done: the slot is free and counts one more file in place.
+void markPlaced(int& slot)
+{
+    if (slot < 0) {
+        ++gPlacedWithoutSlot;
+        return;
+    }
+    unsigned word = gSlots[slot].word.load();
+    gSlots[slot].word.store((word & ~kStateMask) + kOnePlaced, std::memory_order_release);
     slot = -1;
 }
 
@@ -136,10 +160,18 @@ std::vector<std::string> attributeNames(std::string const& path, int fd)
 
 } // namespace
 
-void removeTemporariesNow() noexcept
+int removeTemporariesNow() noexcept
 {
-    for (auto& s : gSlots)
-        if (s.state.load(std::memory_order_acquire) == 1) ::unlink(s.name);
+    int placed = gPlacedWithoutSlot.load();
+    for (auto& s : gSlots) {
+        unsigned word = s.word.load(std::memory_order_acquire);
+        placed += static_cast<int>(word / kOnePlaced);
+        unsigned state = word & kStateMask;
+        // A name that is gone while its rename runs has become the target.
+        if (state == 1) ::unlink(s.name);
+        else if (state == 3 && ::unlink(s.name) != 0 && errno == ENOENT) ++placed;
+    }
+    return placed;
 }
 
 int removeStaleTemporaries(std::string const& folder, double maxAgeSeconds)
@@ -310,10 +342,11 @@ FileIdentity AtomicFile::commit()
                 throw MediaError("Cannot put the new file in the folder \"" + directoryOf(target_) + "\": " + errorText(err) + ".");
         }
     }
+    markRenaming(slot_);
     if (fileio::rename(named_.c_str(), target_.c_str()) != 0)
         throw MediaError("Cannot replace \"" + target_ + "\": " + errorText(errno) + ".");
     committed_ = true;
-    unregisterTemporary(slot_);
+    markPlaced(slot_);
     named_.clear();
 
     // The rename is done; making it durable is best effort and cannot undo it.

@@ -96,8 +96,10 @@ private:
 void requireRegularFile(struct stat const& st, std::string const& path);
 
 // Removes the temporary files that saves in progress have given a name.
-// Async-signal-safe: for signal handlers that end the process.
-void removeTemporariesNow() noexcept;
+// Async-signal-safe: for signal handlers that end the process. Returns how
+// many files this process has put in place of their targets, counting one
+// whose rename had already happened (a complete file, kept).
+int removeTemporariesNow() noexcept;
 
 // Removes stale temporaries of ours (.NAME.dubmatch-XXXXXX, regular, owned by
 // us, older than `maxAgeSeconds`) from `folder`. Returns how many.

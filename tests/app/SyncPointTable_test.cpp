@@ -6,6 +6,7 @@
 #include "AppTestSupport.h"
 #include "MovieDoc.h"
 #include "MovieView.h"
+#include "ProgressSheet.h"
 #include "SyncPointWindow.h"
 #include "kit/Alert.h"
 #include "kit/UserDefaults.h"
@@ -19,6 +20,9 @@
 #include <QTimer>
 
 #include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
 
 using namespace testsupport;
 
@@ -286,6 +290,102 @@ TEST_F(Table, ExportsEveryFormatAndCancelLeavesNothing)
     EXPECT_FALSE(exists(out));
     for (auto const& name : listDir(dir.path())) EXPECT_EQ(name.find("cancelled"), std::string::npos) << name;
     EXPECT_FALSE(longDoc->isBusy());
+}
+
+// Points no movie needs: a point outside the movie is flagged with its
+// reason, and a line no transfer needs is refused by Save and Export before
+// any work, the file as it was.
+TEST_F(Table, PointsNoMovieNeedsAreFlaggedAndNeitherSavedNorExported)
+{
+    ScratchDir dir;
+    std::string path = dir.file("m.mov"), exported = dir.file("e.aiff");
+    writeFile(path, readFile(movie12()));
+    std::string original = readFile(path);
+    MovieDoc* doc = open(path);
+    ASSERT_TRUE(doc);
+    auto tip = [&](int row) { return cell(doc, row, OffsetTableModel::kFlag, Qt::ToolTipRole).toString(); };
+    auto flagged = [&](int row) { return !cell(doc, row, OffsetTableModel::kFlag, Qt::DecorationRole).isNull(); };
+    std::vector<kit::AlertSpec> alerts;
+    kit::setAlertResponder([&](kit::AlertSpec const& a) {
+        alerts.push_back(a);
+        return 0;
+    });
+    kit::setSavePanelResponder([&](kit::SavePanelSpec const& s) {
+        s.accessory->findChild<QComboBox*>("exportType")->setCurrentIndex(3); // AIFF: the re-timed sound alone
+        return QString::fromStdString(exported);
+    });
+    struct Row {
+        char const* name;
+        std::vector<Offset> points;
+        int flaggedRow; // -1: none
+        char const* says;
+    };
+    for (Row const& row : {Row{"a point after the movie", {Offset(at(2), at(2)), Offset(at(8), at(8)), Offset(at(40), at(40))}, 2,
+                               "after the end of the movie"},
+                           Row{"a point before the sound", {Offset(at(2), at(-9)), Offset(at(8), at(8))}, 0, "before the start of the unedited sound"},
+                           Row{"slope 0.2", {Offset(at(2), at(2)), Offset(at(10), at(3.6))}, -1, "slope of 0.2"},
+                           Row{"slope 3", {Offset(at(1), at(1)), Offset(at(4), at(10))}, -1, "slope of 3"}}) {
+        SCOPED_TRACE(row.name);
+        alerts.clear();
+        doc->offsets()->replacePoints(row.points);
+        doc->reloadTable();
+        for (int r = 0; r < static_cast<int>(row.points.size()); ++r) {
+            EXPECT_EQ(flagged(r), r == row.flaggedRow) << r;
+            EXPECT_EQ(tip(r).contains(row.says), r == row.flaggedRow) << r << ": " << tip(r).toStdString();
+        }
+        doc->saveDocument();
+        doc->doExport();
+        EXPECT_EQ(readFile(path), original);
+        EXPECT_FALSE(exists(exported));
+        ASSERT_EQ(alerts.size(), 2u);
+        EXPECT_EQ(alerts[0].message, "The movie cannot be saved with these sync points.");
+        EXPECT_EQ(alerts[1].message, "The movie cannot be exported with these sync points.");
+        for (auto const& a : alerts) EXPECT_TRUE(a.informative.contains(row.says)) << a.informative.toStdString();
+    }
+    // Points a real transfer gives are neither flagged nor refused.
+    alerts.clear();
+    doc->offsets()->replacePoints({Offset(at(2), at(2.1)), Offset(at(10), at(10.5))});
+    doc->reloadTable();
+    EXPECT_FALSE(flagged(0));
+    EXPECT_FALSE(flagged(1));
+    doc->saveDocument();
+    for (auto const& a : alerts) EXPECT_FALSE(a.message.contains("cannot be")) << a.message.toStdString();
+    EXPECT_NE(readFile(path), original);
+    EXPECT_FALSE(doc->isDocumentEdited());
+}
+
+// Cancel that comes once the work has done what cannot be undone (the new
+// file in place) finds it done: the sheet says it worked and that the stop
+// came too late. Cancel in time cancels.
+TEST_F(Table, ACancelAfterTheWorkIsDoneReportsItDone)
+{
+    auto cancelSoon = [](ProgressSheet& sheet) {
+        QTimer::singleShot(100, sheet.panel(), [&sheet] { sheet.panel()->close(); }); // closing the sheet cancels
+    };
+    ProgressSheet late(nullptr, "Saving");
+    cancelSoon(late);
+    auto outcome = late.run([](media::Progress const& progress) {
+        // The work has passed its point of no return when it sees the stop: it ends as done.
+        while (progress("Saving", media::Phase::Update, 0.99)) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    });
+    ASSERT_TRUE(outcome.has_value());
+    EXPECT_EQ(*outcome, "");
+    EXPECT_TRUE(late.stopCameTooLate());
+
+    ProgressSheet inTime(nullptr, "Saving");
+    cancelSoon(inTime);
+    outcome = inTime.run([](media::Progress const& progress) {
+        while (progress("Saving", media::Phase::Update, 0.5)) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        throw media::Cancelled();
+    });
+    EXPECT_FALSE(outcome.has_value());
+    EXPECT_FALSE(inTime.stopCameTooLate());
+
+    ProgressSheet untouched(nullptr, "Saving");
+    outcome = untouched.run([](media::Progress const&) {});
+    ASSERT_TRUE(outcome.has_value());
+    EXPECT_EQ(*outcome, "");
+    EXPECT_FALSE(untouched.stopCameTooLate());
 }
 
 TEST_F(Table, ExportFailureSaysSo)

@@ -165,4 +165,30 @@ TEST(PointsText, TextAsUsersWriteIt)
     }
 }
 
+// A line of the user's in a message: 40 characters at most, whole UTF-8
+// characters only, nothing that steers a terminal.
+TEST(PointsText, MessagesQuoteTheTextShortAndSafe)
+{
+    struct Row {
+        std::string text, shown;
+    } rows[] = {
+        {"1:60=2", "\"1:60=2\""},
+        {std::string(40, 'x'), "\"" + std::string(40, 'x') + "\""},
+        {std::string(41, 'x'), "\"" + std::string(40, 'x') + "\"... (41 bytes in all)"},
+        // "é" is two bytes: 40 of them are shown whole, the 41st is left out.
+        {[] { std::string t; for (int i = 0; i < 41; ++i) t += "\xc3\xa9"; return t; }(),
+         [] { std::string t = "\""; for (int i = 0; i < 40; ++i) t += "\xc3\xa9"; return t + "\"... (82 bytes in all)"; }()},
+        {"a\x1b[2Jb\x07", "\"a?[2Jb?\""},                      // escape and bell
+        {std::string("a\0b", 3), "\"a?b\""},                   // a NUL byte
+        {"\xc3(\xff\xe2\x82", "\"?(???\""},                  // broken UTF-8: a lead byte without its rest
+    };
+    for (auto const& r : rows) EXPECT_EQ(quotedForMessage(r.text), r.shown) << r.text;
+    try {
+        parsePoint(std::string(100000, '7'), 48000);
+        ADD_FAILURE() << "a point without a separator was accepted";
+    } catch (PointsTextError const& e) {
+        EXPECT_LT(std::string(e.what()).size(), 150u) << e.what();
+    }
+}
+
 } // namespace

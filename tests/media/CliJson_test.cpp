@@ -118,6 +118,24 @@ TEST(CliJson, EveryOutcomeIsOneDocumentOfTheSchema)
     EXPECT_GT(w["timings"]["total_seconds"].get<double>(), 0);
     docs.push_back({"sync written", w});
     EXPECT_LE(media::measureSync(out).worst(), 0.00005);
+    // The prediction made before writing: where the re-timed sound ends (the
+    // last unedited sound at (end - intercept) / slope) and about the size written.
+    json const& predicted = w["prediction"];
+    EXPECT_TRUE(predicted["problem"].is_null());
+    EXPECT_NEAR(predicted["sound_seconds"].get<double>(),
+                (predicted["unedited_sound_seconds"].get<double>() - spec.audioOffset) / spec.audioRate, 0.01);
+    double bytes = static_cast<double>(readFile(out).size());
+    EXPECT_NEAR(predicted["output_bytes"].get<double>(), bytes, bytes * 0.5) << predicted.dump();
+
+    // Points no movie needs: refused before writing, with the prediction that shows why.
+    CliRun slow = cliStdout("sync '" + movie + "' --point 1=1.01 --point 5=1.05 -o '" + dir.file("slow.mov") + "' --json");
+    EXPECT_EQ(slow.status, 1);
+    json sl = parsed(slow);
+    EXPECT_NE(sl["error"].get<std::string>().find("slope of 0.01"), std::string::npos) << sl.dump();
+    EXPECT_EQ(sl["prediction"]["problem"], sl["error"]);
+    EXPECT_GT(sl["prediction"]["sound_seconds"].get<double>(), sl["prediction"]["limit_seconds"].get<double>());
+    EXPECT_FALSE(exists(dir.file("slow.mov")));
+    docs.push_back({"sync refused points", sl});
 
     CliRun notAMovie = cliStdout("sync '" + dir.file("missing.mov") + "'" + points + " -o '" + dir.file("x.mov") + "' --json");
     EXPECT_EQ(notAMovie.status, 1);
