@@ -30,8 +30,8 @@ std::string outside(double t, double end)
     return {};
 }
 
-// "2.5 times", "312500 times".
-std::string times(double factor) { return format(factor < 1000 ? "%.3g times" : "%.0f times", factor); }
+// "2.5 times", "1000 times", "312500 times".
+std::string times(double factor) { return format(factor < 100 ? "%.3g times" : "%.0f times", factor); }
 
 } // namespace
 

@@ -180,7 +180,7 @@ TEST(BadInput, RefusedQuicklyInLittleMemoryWithNothingWritten)
         // Lines no movie needs: refused before any work, with the reason.
         {"slope 0.01", sync + "--point 1=1.01 --point 5=1.05" + o, 1, "slope of 0.01: the sound would play 100 times slower"},
         {"slope 0.01 from a file, dry run", sync + "--points " + shellQuoted(dir.file("slow.txt")) + " --dry-run", 1, "slope of 0.01"},
-        {"slope 0.001", sync + "--point 1=1.001 --point 5=1.005" + o, 1, "slope of 0.001"},
+        {"slope 0.001", sync + "--point 1=1.001 --point 5=1.005" + o, 1, "slope of 0.001: the sound would play 1000 times slower"},
         {"slope of a few millionths", sync + "--point 0=1 --point 6.5=1.000021" + o, 1, "times slower"},
         {"slope of tens of thousands", sync + "--point 1=0.5 --point 1.0001=6" + o, 1, "times faster"},
         {"a backward slope", sync + "--point 1=3 --point 5=1" + o, 1, "run backwards"},
