@@ -72,25 +72,6 @@ bool tmpfileWorksIn(std::string const& dir)
     return true;
 }
 
-std::vector<std::string> sortedListing(std::string const& dir)
-{
-    auto names = listDir(dir);
-    std::sort(names.begin(), names.end());
-    return names;
-}
-
-// A synced movie as the tool writes it: the picture, the synced sound and
-// the disabled backup, as long as a complete one.
-void expectComplete(std::string const& path, double length)
-{
-    OpenedMovie om = openMovie(path);
-    EXPECT_FALSE(om.truncated);
-    ASSERT_EQ(om.movie->tracks().size(), 3u);
-    int disabled = 0;
-    for (auto const& t : om.movie->tracks()) disabled += t->isEnabled() ? 0 : 1;
-    EXPECT_EQ(disabled, 1);
-    EXPECT_NEAR(om.movie->duration().seconds(), length, 0.001);
-}
 
 TestMovieSpec killSpec()
 {
@@ -141,7 +122,7 @@ TEST(CliSafety, KillNineNeverDamagesTheOriginalNorLeavesAnything)
             ++count.untouched;
         } else {
             EXPECT_TRUE(status == 0 || status == 128 + SIGKILL) << status;
-            expectComplete(result, length);
+            expectSyncedMovie(result, length, 0.001);
             if (!here) {
                 EXPECT_EQ(readFile(movie), original);
             }
@@ -266,7 +247,7 @@ TEST(CliSafety, WriteProtectedNeedsForceAndCutInputsNeedAcceptTruncated)
     EXPECT_NE(readFile(log).find("write-protected"), std::string::npos) << readFile(log);
     EXPECT_EQ(readFile(locked), "keep me\n");
     EXPECT_EQ(run({"sync", movie, "--point", "1=1.3", "-o", locked, "--force"}, log), 0) << readFile(log);
-    expectComplete(locked, openMovie(movie).movie->duration().seconds());
+    expectSyncedMovie(locked, openMovie(movie).movie->duration().seconds(), 0.001);
 
     // A movie with its header first, cut in the middle.
     std::string web = dir.file("web.mov"), cut = dir.file("cut.mov"), out = dir.file("out.mov");
@@ -313,7 +294,7 @@ TEST(CliSafety, FailingSystemCallsNeverReportSuccessWrongly)
                 ++injected;
                 if (status == 0) {
                     ++succeeded; // a call that did not matter (a message, the folder's fsync)
-                    expectComplete(movie, length);
+                    expectSyncedMovie(movie, length, 0.001);
                 } else {
                     ++failed;
                     EXPECT_EQ(status, 1) << readFile(log);

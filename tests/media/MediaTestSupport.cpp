@@ -1,5 +1,9 @@
 #include "MediaTestSupport.h"
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
 extern "C" {
 #include <libavutil/crc.h>
 }
@@ -121,6 +125,24 @@ StreamRead readStream(media::SourceFile::Input& in, int stream)
         av_packet_unref(pkt.get());
     }
     return r;
+}
+
+std::vector<std::string> sortedListing(std::string const& dir)
+{
+    auto names = listDir(dir);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+void expectSyncedMovie(std::string const& path, double seconds, double tolerance)
+{
+    media::OpenedMovie om = media::openMovie(path);
+    EXPECT_FALSE(om.truncated);
+    ASSERT_EQ(om.movie->tracks().size(), 3u);
+    int disabled = 0;
+    for (auto const& t : om.movie->tracks()) disabled += t->isEnabled() ? 0 : 1;
+    EXPECT_EQ(disabled, 1);
+    EXPECT_NEAR(om.movie->duration().seconds(), seconds, tolerance);
 }
 
 } // namespace testsupport

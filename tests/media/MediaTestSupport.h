@@ -40,6 +40,13 @@ void writeFile(std::string const& path, std::string const& bytes);
 bool exists(std::string const& path);
 // Names of the entries of a folder.
 std::vector<std::string> listDir(std::string const& path);
+// The same, sorted.
+std::vector<std::string> sortedListing(std::string const& dir);
+
+// Checks a movie synced by dubmatch-cli from a test movie: complete, the
+// picture, the re-timed sound and the disabled backup, `seconds` long
+// within `tolerance`.
+void expectSyncedMovie(std::string const& path, double seconds, double tolerance);
 
 // What a decoder gets from a demuxer for one stream: every packet's times,
 // flags, bytes and side data, and the stream's set-up.
