@@ -108,7 +108,23 @@ PlacedSound decodeSound(std::string const& path)
             chunk.resize(static_cast<std::size_t>(frame->nb_samples));
             auto* dst = reinterpret_cast<std::uint8_t*>(chunk.data());
             int n = swr_convert(swr.get(), &dst, frame->nb_samples, const_cast<std::uint8_t const**>(frame->extended_data), frame->nb_samples);
-            if (n > 0) out.samples.insert(out.samples.end(), chunk.begin(), chunk.begin() + n);
+            // A frame plays where its time stamp says, as a player whose
+            // clock follows the sound's time stamps hears it: a gap (the
+            // first fragment of a fragmented MPEG-4 file lasts as long as the
+            // picture's decoding delay) is silence, an overlap is dropped.
+            // Differences under 2 ms are rounding of the time stamps.
+            std::size_t skip = 0;
+            if (frame->best_effort_timestamp != AV_NOPTS_VALUE && n > 0) {
+                double at = (static_cast<double>(frame->best_effort_timestamp) * av_q2d(st->time_base) - out.start) * out.rate;
+                auto position = static_cast<std::int64_t>(std::llround(at));
+                auto end = static_cast<std::int64_t>(out.samples.size());
+                std::int64_t tolerance = std::max(32, out.rate / 500);
+                if (position > end + tolerance && position - end < std::int64_t{3600} * out.rate)
+                    out.samples.resize(static_cast<std::size_t>(position), 0.0f);
+                else if (position < end - tolerance)
+                    skip = static_cast<std::size_t>(std::min<std::int64_t>(n, end - position));
+            }
+            if (n > static_cast<int>(skip)) out.samples.insert(out.samples.end(), chunk.begin() + static_cast<std::ptrdiff_t>(skip), chunk.begin() + n);
             av_frame_unref(frame.get());
         }
     };
