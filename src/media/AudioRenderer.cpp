@@ -99,17 +99,6 @@ void AudioDecoder::append(AVFrame const* frame, std::int64_t position)
         windowStart_ = position;
         haveStart_ = true;
         framesInWindow_ = 0;
-        firstFrameSamples_ = n;
-    } else if (position != AV_NOPTS_VALUE && framesInWindow_ == 1 && firstFrameSamples_ < n
-               && std::llabs(position - end) <= std::max(32, sampleRate_ / 500)) {
-        // A first frame shorter than the next had its priming dropped by the
-        // decoder, which moves its time by that amount rounded to the
-        // container's time base (whole milliseconds in Matroska). The window
-        // is placed by the second frame's time instead, as a read that starts
-        // after a seek is, so that reading from the start and reading after
-        // a seek agree.
-        windowStart_ += position - end;
-        end = position;
     } else if (position != AV_NOPTS_VALUE) {
         // Follow the stream's own time stamps across gaps and overlaps; small
         // jitter (less than 2 ms) is rounding and is ignored.

@@ -72,7 +72,6 @@ private:
     bool haveStart_ = false; // the window's start position is known
     std::int64_t windowStart_ = 0;
     int framesInWindow_ = 0; // frames appended since the window started
-    int firstFrameSamples_ = 0; // samples of the window's first frame
     int lastFrameSamples_ = 0;  // samples of the frame appended last
     std::vector<std::vector<float>> window_; // decoded samples from windowStart_
     // A jump in the stream's time stamps longer than kLongGap is not held as

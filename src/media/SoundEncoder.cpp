@@ -521,14 +521,17 @@ SoundEncoder::SoundEncoder(AVFormatContext* out, dm::Track const& track, SoundFo
         // moving the block times, and readers take it off again: the first
         // packet must then start at the timeline's start, not before it, or
         // the writer moves the other streams and the sound comes early.
-        // Readers take off the CodecDelay rounded to whole milliseconds and
-        // place the sound by its second packet: the sound starts a few
-        // samples early so that every block time falls on a millisecond and
-        // the decoded samples land where the timeline has them.
+        // The sound starts a few samples early so that every block time
+        // falls on a millisecond. FFmpeg's decoder then places the first
+        // sample it keeps at the first block's time plus the CodecDelay
+        // rounded to a whole millisecond (7 ms for Opus's 6.5 ms at 48 kHz):
+        // the samples encoded first are those the timeline has there, so
+        // the decoded sound lands where the timeline has it.
         std::int64_t grid = c->sample_rate / std::gcd(c->sample_rate, 1000);
         std::int64_t rounded = av_rescale(av_rescale(c->initial_padding, 1000, c->sample_rate), c->sample_rate, 1000);
-        ptsShift_ = delay + rounded;
-        pos_ = -(((delay + rounded - c->initial_padding) % grid + grid) % grid);
+        std::int64_t firstFrame = delay + rounded - (((delay + rounded - c->initial_padding) % grid + grid) % grid);
+        pos_ = firstFrame - delay - c->initial_padding;
+        ptsShift_ = firstFrame - pos_;
         matroska = false;
     }
 #endif
