@@ -18,7 +18,9 @@
 #include <cmath>
 #include <cstring>
 #include <fcntl.h>
+#include <limits>
 #include <map>
+#include <numeric>
 #include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -59,6 +61,16 @@ ExportType exportTypeNamed(std::string const& name)
 }
 
 namespace {
+
+// A time base in which ticks of both `a` and `b` are whole numbers, when
+// one exists with a denominator that fits (1/1000 and 1/48000 give
+// 1/48000; 1/90000 and 1/44100 give 1/4410000); `a` otherwise.
+AVRational commonTimeBase(AVRational a, AVRational b)
+{
+    if (a.num != 1 || b.num != 1 || a.den <= 0 || b.den <= 0) return a;
+    std::int64_t lcm = static_cast<std::int64_t>(a.den) / std::gcd(a.den, b.den) * b.den;
+    return lcm <= std::numeric_limits<int>::max() ? AVRational{1, static_cast<int>(lcm)} : a;
+}
 
 
 std::int64_t fileSize(std::string const& path)
@@ -491,8 +503,12 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
         int sourceIndex;
         AVStream* out;
         AVRational sourceTb;
-        std::int64_t shift; // the movie's start in sourceTb (minus a sound's move)
-        // A moved sound: what lies before `cutPts` (sourceTb) is not played.
+        std::int64_t shift; // the movie's start in workTb (minus a sound's move)
+        // The time base packets are moved in: the source's, or for a moved
+        // sound one that holds both the source's ticks and the samples, so a
+        // move of a fraction of a millisecond out of Matroska stays exact.
+        AVRational workTb;
+        // A moved sound: what lies before `cutPts` (workTb) is not played.
         bool moved = false;
         std::int64_t cutPts = 0;
         bool keepStraddling = false;
@@ -526,14 +542,17 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
         if (d.how == TrackPlan::How::Copied) {
             AVStream* st = addCopiedStream(out.get(), d.in, enabled);
             if (!name.empty()) setName(st, name);
-            Copy c{m.file.get(), m.streamIndex, st, d.in->time_base, av_rescale_q(m.origin - gridShiftUs, AV_TIME_BASE_Q, d.in->time_base)};
+            AVRational ticks{1, m.timeScale};
+            AVRational work = d.shifted ? commonTimeBase(d.in->time_base, ticks) : d.in->time_base;
+            Copy c{m.file.get(), m.streamIndex, st, d.in->time_base, av_rescale_q(m.origin - gridShiftUs, AV_TIME_BASE_Q, work), work};
             c.media = &m;
             if (d.shifted) {
                 // Media tick k (pts startPts + k) plays at timeline tick k + shift.
-                AVRational ticks{1, m.timeScale};
                 c.moved = true;
-                c.shift -= av_rescale_q(d.shift, ticks, d.in->time_base);
-                c.cutPts = m.startPts + av_rescale_q(d.cut, ticks, d.in->time_base);
+                c.shift -= av_rescale_q(d.shift, ticks, work);
+                c.cutPts = av_rescale_q(m.startPts, d.in->time_base, work) + av_rescale_q(d.cut, ticks, work);
+                // The muxer keeps the sound's samples in its own ticks.
+                if (work.den == ticks.den) st->time_base = ticks;
                 // QuickTime and MPEG-4 start a stream before 0 with an edit list.
                 c.keepStraddling = isQuickTimeFamily(plan.container);
                 c.delayOnly = d.cut == 0;
@@ -621,7 +640,7 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
         Packet pkt = makePacket(), copy = makePacket(); // reused for every packet
         std::int64_t size = std::max<std::int64_t>(1, file->size());
         std::map<int, DecodingTimes> decodingTimes; // by source stream
-        std::map<int, std::map<std::int64_t, std::int64_t>> shownAt; // by source stream: presentation by decoding time
+        std::map<int, PresentationTimes> shownAt; // by source stream
         for (auto const* c : list)
             if (c->media && !shownAt.count(c->sourceIndex) && needsPresentationTimes(fmt, fmt->streams[c->sourceIndex]))
                 shownAt[c->sourceIndex] = presentationTimes(*c->media, plan.options.stop);
@@ -632,6 +651,7 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
             for (auto it = first; it != last; ++it) {
                 Copy const& c = *it->second;
                 check(av_packet_ref(copy.get(), packet), "Copying a packet");
+                av_packet_rescale_ts(copy.get(), c.sourceTb, c.workTb);
                 if (c.moved && copy->pts != AV_NOPTS_VALUE) {
                     // A delay keeps what is played (not the encoder's priming
                     // before media tick 0, which the muxer cannot place after an
@@ -651,8 +671,8 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
                 if (copy->pts != AV_NOPTS_VALUE) copy->pts -= c.shift;
                 if (copy->dts != AV_NOPTS_VALUE) copy->dts -= c.shift;
                 std::int64_t ts = copy->dts != AV_NOPTS_VALUE ? copy->dts : copy->pts;
-                if (ts != AV_NOPTS_VALUE) pumpTo(static_cast<double>(ts) * av_q2d(c.sourceTb) + 1.0);
-                av_packet_rescale_ts(copy.get(), c.sourceTb, c.out->time_base);
+                if (ts != AV_NOPTS_VALUE) pumpTo(static_cast<double>(ts) * av_q2d(c.workTb) + 1.0);
+                av_packet_rescale_ts(copy.get(), c.workTb, c.out->time_base);
                 copy->stream_index = c.out->index;
                 copy->pos = -1;
                 int written = writePacket(out.get(), copy.get()); // takes the packet's reference
@@ -666,8 +686,9 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
                 continue;
             }
             if (auto shown = shownAt.find(pkt->stream_index); shown != shownAt.end() && pkt->dts != AV_NOPTS_VALUE) {
-                auto at = shown->second.find(pkt->dts);
-                if (at != shown->second.end()) pkt->pts = at->second;
+                auto at = shown->second.shownAt.find(pkt->dts);
+                if (at != shown->second.shownAt.end()) pkt->pts = at->second;
+                pkt->dts -= shown->second.decodingDelay;
             }
             DecodingTimes& times = decodingTimes[pkt->stream_index];
             if (times.passesThrough(pkt.get())) {
