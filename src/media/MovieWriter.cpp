@@ -64,14 +64,16 @@ namespace {
 
 // A time base in which ticks of both `a` and `b` are whole numbers, when
 // one exists with a denominator that fits (1/1000 and 1/48000 give
-// 1/48000; 1/90000 and 1/44100 give 1/4410000); `a` otherwise.
+// 1/48000; 1/90000 and 1/44100 give 1/4410000; AVI's one tick per MP3
+// frame, 1152/48000, and 1/48000 give 1/48000); `a` otherwise.
 AVRational commonTimeBase(AVRational a, AVRational b)
 {
-    if (a.num != 1 || b.num != 1 || a.den <= 0 || b.den <= 0) return a;
+    if (a.num <= 0 || b.num <= 0 || a.den <= 0 || b.den <= 0) return a;
+    av_reduce(&a.num, &a.den, a.num, a.den, std::numeric_limits<int>::max());
+    av_reduce(&b.num, &b.den, b.num, b.den, std::numeric_limits<int>::max());
     std::int64_t lcm = static_cast<std::int64_t>(a.den) / std::gcd(a.den, b.den) * b.den;
     return lcm <= std::numeric_limits<int>::max() ? AVRational{1, static_cast<int>(lcm)} : a;
 }
-
 
 std::int64_t fileSize(std::string const& path)
 {

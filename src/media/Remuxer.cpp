@@ -110,7 +110,7 @@ bool needsPresentationTimes(AVFormatContext const* fmt, AVStream const* stream)
         && stream->codecpar->video_delay > 0;
 }
 
-std::map<std::int64_t, std::int64_t> presentationTimes(FileMedia const& media, std::atomic<bool> const* stop)
+PresentationTimes presentationTimes(FileMedia const& media, std::atomic<bool> const* stop)
 {
     StreamDecoder d = openStreamDecoder(media, "video");
     AVFormatContext* fmt = d.input.format.get();
@@ -119,7 +119,10 @@ std::map<std::int64_t, std::int64_t> presentationTimes(FileMedia const& media, s
     Frame frame = makeFrame();
     auto receive = [&] {
         while (avcodec_receive_frame(d.codec.get(), frame.get()) == 0) {
-            if (frame->pkt_dts != AV_NOPTS_VALUE) shown.push_back(frame->pkt_dts);
+            // The picture's own packet, by the time stamp the decoder carries
+            // through its reordering (not pkt_dts: that is the packet whose
+            // decoding let this picture out).
+            if (frame->pts != AV_NOPTS_VALUE) shown.push_back(frame->pts);
             av_frame_unref(frame.get());
         }
     };
@@ -128,6 +131,7 @@ std::map<std::int64_t, std::int64_t> presentationTimes(FileMedia const& media, s
         if (stop && stop->load()) throw Cancelled();
         if (pkt->stream_index == d.stream && pkt->dts != AV_NOPTS_VALUE) {
             decoding.push_back(pkt->dts);
+            pkt->pts = pkt->dts;
             avcodec_send_packet(d.codec.get(), pkt.get()); // a damaged packet keeps the time it has
             receive();
         }
@@ -137,11 +141,12 @@ std::map<std::int64_t, std::int64_t> presentationTimes(FileMedia const& media, s
     receive();
     std::sort(decoding.begin(), decoding.end());
     std::size_t n = std::min(decoding.size(), shown.size());
-    // The delay that shows no picture before it is decoded.
-    std::int64_t delay = 0;
-    for (std::size_t i = 0; i < n; ++i) delay = std::max(delay, shown[i] - decoding[i]);
-    std::map<std::int64_t, std::int64_t> times;
-    for (std::size_t i = 0; i < n; ++i) times[shown[i]] = decoding[i] + delay;
+    PresentationTimes times;
+    // The n-th picture shown is shown at the n-th decoding time, so the
+    // first picture keeps the time the file gives it; decoding moves earlier
+    // by the delay that shows no picture before it is decoded.
+    for (std::size_t i = 0; i < n; ++i) times.decodingDelay = std::max(times.decodingDelay, shown[i] - decoding[i]);
+    for (std::size_t i = 0; i < n; ++i) times.shownAt[shown[i]] = decoding[i];
     return times;
 }
 

@@ -59,9 +59,15 @@ bool needsPresentationTimes(AVFormatContext const* fmt, AVStream const* stream);
 
 // The presentation time of each packet of the stream, by its decoding time
 // stamp: the stream is decoded once and the n-th picture the decoder puts
-// out is shown at the n-th decoding time, moved on by the reorder delay.
+// out is shown at the n-th decoding time, so the first picture keeps its
+// time. Decoding times then move earlier by `decodingDelay` (the decoder's
+// reorder delay), so that no packet is decoded after it is shown.
+struct PresentationTimes {
+    std::map<std::int64_t, std::int64_t> shownAt; // by decoding time
+    std::int64_t decodingDelay = 0;
+};
 // Stops with Cancelled when `stop` is set.
-std::map<std::int64_t, std::int64_t> presentationTimes(FileMedia const& media, std::atomic<bool> const* stop);
+PresentationTimes presentationTimes(FileMedia const& media, std::atomic<bool> const* stop);
 
 // The codec tag `in` keeps in `out`: its own where the container knows it
 // for the codec, 'hvc1' for HEVC in QuickTime and MPEG-4 (the tag Apple's

@@ -15,11 +15,13 @@ std::uint64_t fnv(std::uint8_t const* p, std::size_t n, std::uint64_t h = 146959
 // H.264/HEVC packets are compared by their slice data, whatever their
 // framing (start codes in MPEG-TS, length prefixes in MP4 and Matroska),
 // without the parameter sets and delimiters that muxers move around.
-std::uint64_t payloadChecksum(AVCodecID codec, std::uint8_t const* p, int size)
+std::uint64_t payloadChecksum(AVCodecID codec, std::uint8_t const* p, int size, bool lengthPrefixed)
 {
     if (codec != AV_CODEC_ID_H264 && codec != AV_CODEC_ID_HEVC) return fnv(p, static_cast<std::size_t>(size));
     std::vector<std::pair<int, int>> nals; // offset, length
-    bool annexB = size >= 4 && ((p[0] == 0 && p[1] == 0 && p[2] == 1) || (p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 1));
+    // A length of 0x1xx starts like a start code: the stream's own header
+    // (avcC or hvcC, whose first byte is 1) says which framing it has.
+    bool annexB = !lengthPrefixed && size >= 4 && ((p[0] == 0 && p[1] == 0 && p[2] == 1) || (p[0] == 0 && p[1] == 0 && p[2] == 0 && p[3] == 1));
     if (annexB) {
         int i = 0, start = -1;
         while (i + 2 < size) {
@@ -83,6 +85,9 @@ FileInfo inspect(std::string const& path)
             s.sideData[st->side_data[k].type] = std::string(reinterpret_cast<char const*>(st->side_data[k].data), st->side_data[k].size);
         if (s.type == AVMEDIA_TYPE_ATTACHMENT && st->codecpar->extradata)
             s.extradata = std::string(reinterpret_cast<char const*>(st->codecpar->extradata), static_cast<std::size_t>(st->codecpar->extradata_size));
+        // avcC and hvcC headers start with version 1; the packets then carry
+        // length prefixes.
+        s.lengthPrefixed = st->codecpar->extradata_size > 0 && st->codecpar->extradata[0] == 1;
         s.channels = st->codecpar->ch_layout.nb_channels;
         char layout[64] = {0};
         av_channel_layout_describe(&st->codecpar->ch_layout, layout, sizeof layout);
@@ -93,7 +98,7 @@ FileInfo inspect(std::string const& path)
     media::Packet pkt = media::makePacket();
     while (av_read_frame(raw, pkt.get()) >= 0) {
         auto& s = info.streams[static_cast<std::size_t>(pkt->stream_index)];
-        s.packets.push_back(payloadChecksum(s.codec, pkt->data, pkt->size));
+        s.packets.push_back(payloadChecksum(s.codec, pkt->data, pkt->size, s.lengthPrefixed));
         av_packet_unref(pkt.get());
     }
     return info;

@@ -21,6 +21,7 @@ struct StreamInfo {
     std::map<std::string, std::string> tags;
     std::map<int, std::string> sideData;
     std::string extradata; // attachments
+    bool lengthPrefixed = false; // H.264/HEVC packets framed by lengths, not start codes
     int channels = 0;
     std::string layout;
     int bits = 0;
@@ -39,7 +40,8 @@ struct FileInfo {
 FileInfo inspect(std::string const& path);
 
 // A checksum of a packet's payload; H.264 and HEVC by their slice data only,
-// whatever their framing (start codes or length prefixes).
-std::uint64_t payloadChecksum(AVCodecID codec, std::uint8_t const* p, int size);
+// whatever their framing (start codes, or length prefixes when
+// `lengthPrefixed`).
+std::uint64_t payloadChecksum(AVCodecID codec, std::uint8_t const* p, int size, bool lengthPrefixed);
 
 } // namespace testsupport
