@@ -9,6 +9,8 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <map>
+#include <optional>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -468,6 +470,62 @@ std::string containerOfInput(AVFormatContext const* fmt, std::string const& path
     return "";
 }
 
+namespace {
+
+// A stream longer than every other by this much, and at least twice as
+// long, has its time stamps looked at for a jump.
+constexpr double kLongTailSeconds = 60;
+// A step in a stream's time stamps longer than this is a jump, not a pause.
+constexpr double kJumpSeconds = 10;
+// A movie with a picture that declares a length its file could fill only
+// at fewer bits a second than this has a wrong length somewhere.
+constexpr double kSparseBitsPerSecond = 16000;
+
+// Where a stream's time stamps end, read from its packets: at the end of
+// the file, or where they first step ahead by more than the gap asked for.
+struct StreamSpan {
+    double end = 0;          // seconds on the movie's timeline: the last packet's end before any jump
+    double jumpTo = -1;      // where the jump lands; negative: none
+    bool seen = false;
+};
+
+// Reads the packets of `streams` (numbers as openMovie probes them) once,
+// from the start, until every one has jumped or the file ends.
+std::map<int, StreamSpan> streamSpans(SourceFile const& file, std::vector<int> const& streams, double gap, double origin)
+{
+    SourceFile::Input in = file.openInput(true); // probed as the movie was: the same stream numbers
+    AVFormatContext* fmt = in.format.get();
+    std::map<int, StreamSpan> spans;
+    for (unsigned i = 0; i < fmt->nb_streams; ++i) fmt->streams[i]->discard = AVDISCARD_ALL;
+    for (int i : streams)
+        if (i >= 0 && i < static_cast<int>(fmt->nb_streams)) {
+            fmt->streams[i]->discard = AVDISCARD_DEFAULT;
+            spans[i];
+        }
+    std::size_t open = spans.size();
+    Packet pkt = makePacket();
+    while (open > 0 && av_read_frame(fmt, pkt.get()) >= 0) {
+        auto it = spans.find(pkt->stream_index);
+        std::int64_t ts = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
+        if (it != spans.end() && it->second.jumpTo < 0 && ts != AV_NOPTS_VALUE) {
+            AVRational tb = fmt->streams[pkt->stream_index]->time_base;
+            double at = static_cast<double>(ts) * av_q2d(tb) - origin;
+            StreamSpan& span = it->second;
+            if (span.seen && at > span.end + gap) {
+                span.jumpTo = at;
+                --open;
+            } else {
+                span.end = std::max(span.seen ? span.end : at, at + static_cast<double>(std::max<std::int64_t>(pkt->duration, 0)) * av_q2d(tb));
+                span.seen = true;
+            }
+        }
+        av_packet_unref(pkt.get());
+    }
+    return spans;
+}
+
+} // namespace
+
 OpenedMovie openMovie(std::string const& path)
 {
     OpenedMovie out;
@@ -557,23 +615,60 @@ OpenedMovie openMovie(std::string const& path)
             if (!any && !tracks.empty()) tracks.front()->setEnabled(true);
         }
     }
-    // A stream whose time stamps run hours past every other one (a broken
+    // A stream whose time stamps run far past every other one (a broken
     // time stamp, a recorder's clock jump) would make the movie that long,
-    // mostly silence: its track ends with the others instead.
+    // mostly silence, and every save would write it: its track ends with
+    // the others instead. A stream that is merely longer (music that goes
+    // on after the picture) has no jump in its time stamps and is kept.
+    // Containers
+    // that state no length per stream (FLV, MPEG program streams) give
+    // every stream the file's: when that length is far more than the
+    // file's size can hold, each stream's own end is read from its packets.
     std::vector<std::pair<dm::TrackPtr, double>> ends;
     for (auto const& t : out.movie->tracks())
         if (t->mediaType() == dm::MediaType::Sound || t->mediaType() == dm::MediaType::Video)
             ends.push_back({t, static_cast<double>(t->editList()->duration()) / t->timeScale()});
+    double longest = 0;
+    bool hasVideo = false;
+    for (auto const& [t, e] : ends) {
+        longest = std::max(longest, e);
+        hasVideo = hasVideo || t->mediaType() == dm::MediaType::Video;
+    }
+    std::vector<int> suspects;
+    bool sparse = hasVideo && longest > kLongTailSeconds && static_cast<double>(out.file->size()) * 8 / longest < kSparseBitsPerSecond;
     for (auto const& [track, end] : ends) {
         double others = 0;
         for (auto const& [t, e] : ends)
             if (t != track) others = std::max(others, e);
-        if (others <= 0 || end < others + 3600 || end < 2 * others) continue;
-        auto cut = static_cast<std::int64_t>(std::ceil(others * track->timeScale()));
+        if (sparse || (others > 0 && end >= others + kLongTailSeconds && end >= 2 * others))
+            suspects.push_back(static_cast<FileMedia const&>(*track->media()).streamIndex);
+    }
+    std::map<int, StreamSpan> spans;
+    if (!suspects.empty()) spans = streamSpans(*out.file, suspects, kJumpSeconds, static_cast<double>(formatStart) / AV_TIME_BASE);
+    // Each stream's end as its packets give it, where they were read.
+    auto spanOf = [&](dm::TrackPtr const& t) -> StreamSpan const* {
+        auto it = spans.find(static_cast<FileMedia const&>(*t->media()).streamIndex);
+        return it != spans.end() && it->second.seen ? &it->second : nullptr;
+    };
+    std::vector<std::pair<dm::TrackPtr, double>> actual;
+    for (auto const& [track, end] : ends) actual.push_back({track, spanOf(track) ? std::min(end, spanOf(track)->end) : end});
+    for (auto const& [track, end] : ends) {
+        StreamSpan const* span = spanOf(track);
+        if (!span) continue;
+        double others = 0;
+        for (auto const& [t, e] : actual)
+            if (t != track) others = std::max(others, e);
+        bool jumps = span->jumpTo >= 0;
+        // A jump: the track ends with the others (or where its packets
+        // stop, if later); a declared length too long: where they stop.
+        double keep = jumps ? std::max(others, span->end) : sparse ? span->end : end;
+        if (keep <= 0 || keep >= end - 0.001) continue;
+        auto cut = static_cast<std::int64_t>(std::ceil(keep * track->timeScale()));
         track->setEditList(std::make_shared<const dm::EditList>(track->editList()->erased(cut, track->editList()->duration())));
-        char text[256];
-        std::snprintf(text, sizeof text, "%s ends at %.3f s with the other tracks: its time stamps jump to %.0f s, which no other stream reaches",
-                      track->displayName().c_str(), others, end);
+        if (!jumps) continue; // a length the file declared for every stream, corrected quietly
+        char text[320];
+        std::snprintf(text, sizeof text, "%s ends at %.3f s with the other tracks: its time stamps jump from %.3f s to %.0f s, which no other stream reaches",
+                      track->displayName().c_str(), keep, span->end, span->jumpTo);
         out.notes.push_back(text);
     }
     Readable readable = measureReadable(fmt, *out.file);

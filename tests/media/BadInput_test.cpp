@@ -202,6 +202,63 @@ TEST(BadInput, RefusedQuicklyInLittleMemoryWithNothingWritten)
     for (auto const& [row, started] : waiting) check(*row, finish(started, row->seconds + 10));
 }
 
+// A sound whose time stamps jump an hour ahead part-way (a broken stamp, a
+// recorder's clock), in each container that can store the jump: the movie
+// reads as long as its picture with a note, a sync writes a file of that
+// length, and suggest answers quickly. A sound that is merely much longer
+// than its picture, with no jump, is kept whole.
+TEST(BadInput, ATimeStampJumpInTheSoundIsCutWithANote)
+{
+    if (std::system("ffmpeg -hide_banner -bsfs 2>/dev/null | grep -qx setts") != 0) GTEST_SKIP() << "the ffmpeg program with its setts filter is needed";
+    ScratchDir dir;
+    struct Jump {
+        char const* name;
+        char const* codecs;
+        char const* bsf; // moves the sound's packets from the 60th on by an hour
+    };
+    for (Jump const& j : {Jump{"jump.mpg", "-c:v mpeg1video -c:a mp2", "setts=ts=TS+gte(N\\,60)*324000000"},
+                          Jump{"jump.ts", "-c:v mpeg2video -c:a mp2", "setts=ts=TS+gte(N\\,60)*324000000"},
+                          Jump{"jump.mkv", "-c:v mpeg4 -c:a mp2", "setts=ts=TS+gte(N\\,60)*3600000"},
+                          Jump{"jump.flv", "-c:v flv1 -c:a mp3 -ar 44100", "setts=ts=TS+gte(N\\,60)*3600000"}}) {
+        SCOPED_TRACE(j.name);
+        std::string made = dir.file(std::string("src-") + j.name), movie = dir.file(j.name), out = dir.file("out.mkv");
+        std::string cmd = "ffmpeg -nostdin -y -v error -f lavfi -i testsrc2=s=160x120:r=25:d=3 -f lavfi -i sine=f=440:d=3 ";
+        ASSERT_EQ(std::system((cmd + j.codecs + " " + shellQuoted(made) + " && ffmpeg -nostdin -y -v error -i " + shellQuoted(made)
+                               + " -c copy -bsf:a \"" + j.bsf + "\" " + shellQuoted(movie))
+                                  .c_str()),
+                  0);
+        Outcome info = finish(start(withTool("TOOL info " + shellQuoted(movie)), dir.path() + ".log"), 20);
+        EXPECT_EQ(info.status, 0) << info.output;
+        EXPECT_NE(info.output.find("its time stamps jump from"), std::string::npos) << info.output;
+        EXPECT_LT(info.seconds, 5);
+
+        Outcome sync = finish(start(withTool("TOOL sync " + shellQuoted(movie) + " --point 0.8=0.85 --point 2.5=2.55 -o " + shellQuoted(out)),
+                                    dir.path() + ".log"),
+                              30);
+        EXPECT_EQ(sync.status, 0) << sync.output;
+        EXPECT_LT(sync.seconds, 10);
+        struct stat st {};
+        ASSERT_EQ(::stat(out.c_str(), &st), 0);
+        EXPECT_LT(st.st_size, 2 * 1024 * 1024) << "the jump was written out";
+        EXPECT_LT(openMovie(out).movie->duration().seconds(), 4.0);
+        ::unlink(out.c_str());
+
+        Outcome suggest = finish(start(withTool("TOOL suggest " + shellQuoted(movie) + " --quiet"), dir.path() + ".log"), 30);
+        EXPECT_LT(suggest.seconds, 10) << suggest.output;
+        EXPECT_TRUE(suggest.status == 0 || suggest.status == 1) << suggest.output;
+    }
+
+    // Music that goes on after a short picture: long, but no jump.
+    std::string tail = dir.file("tail.mkv");
+    ASSERT_EQ(std::system(("ffmpeg -nostdin -y -v error -f lavfi -i testsrc2=s=160x120:r=25:d=3 -f lavfi -i sine=f=440:d=70 -c:v mpeg4 -c:a mp2 "
+                           + shellQuoted(tail))
+                              .c_str()),
+              0);
+    OpenedMovie opened = openMovie(tail);
+    EXPECT_TRUE(opened.notes.empty());
+    EXPECT_NEAR(opened.movie->duration().seconds(), 70.0, 0.1);
+}
+
 // A stop (Ctrl-C or SIGTERM) that arrives just after the new file took the
 // movie's name finds the sync done: exit status 0, the file complete, and no
 // word of "nothing was written". The stop is sent the moment the target's
