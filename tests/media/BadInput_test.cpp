@@ -244,6 +244,8 @@ TEST(BadInput, ATimeStampJumpInTheSoundIsCutWithANote)
         ::unlink(out.c_str());
 
         Outcome suggest = finish(start(withTool("TOOL suggest " + shellQuoted(movie) + " --quiet"), dir.path() + ".log"), 30);
+        std::printf("%-9s info exit %d %.2f s; sync exit %d %.2f s, %lld kB written; suggest exit %d %.2f s\n", j.name, info.status, info.seconds,
+                    sync.status, sync.seconds, static_cast<long long>(st.st_size / 1024), suggest.status, suggest.seconds);
         EXPECT_LT(suggest.seconds, 10) << suggest.output;
         EXPECT_TRUE(suggest.status == 0 || suggest.status == 1) << suggest.output;
     }
