@@ -2,6 +2,10 @@
 
 #include "SaveCheck.h"
 
+extern "C" {
+#include <libavutil/imgutils.h>
+}
+
 namespace media {
 
 Encoder::Encoder(AVFormatContext* out, char const* codecName, std::function<void(AVCodecContext*)> const& configure)
@@ -156,8 +160,16 @@ AVFrame* FrameOnScreen::at(double seconds)
     return haveShown_ ? shown_.get() : nullptr;
 }
 
-void Scaler::convertInto(AVFrame const* src, int w, int h, AVPixelFormat fmt, std::uint8_t* pixels, int stride, int flags)
+void Scaler::convertInto(AVFrame const* src, int w, int h, AVPixelFormat fmt, std::uint8_t* pixels, int stride, std::size_t bytes, int flags)
 {
+    int rowBytes = av_image_get_linesize(fmt, w, 0);
+    if (rowBytes <= 0 || stride < rowBytes || bytes < static_cast<std::size_t>(stride) * static_cast<std::size_t>(h - 1) + static_cast<std::size_t>(rowBytes))
+        throw MediaError("Cannot convert the picture: its buffer is too small.");
+    if (stride % kScalerAlign != 0 || bytes < static_cast<std::size_t>(stride) * static_cast<std::size_t>(h) + kScalerSlack) {
+        AVFrame const* out = convert(src, w, h, fmt, flags);
+        av_image_copy_plane(pixels, stride, out->data[0], out->linesize[0], rowBytes, h);
+        return;
+    }
     sws_.reset(sws_getCachedContext(sws_.release(), src->width, src->height, static_cast<AVPixelFormat>(src->format), w, h, fmt, flags,
                                     nullptr, nullptr, nullptr));
     if (!sws_) throw MediaError("Cannot convert the picture.");

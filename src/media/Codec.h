@@ -4,6 +4,7 @@
 #include "FFmpeg.h"
 #include "MovieFile.h"
 
+#include <cstddef>
 #include <functional>
 #include <string>
 
@@ -89,13 +90,32 @@ private:
     bool havePending_ = false, haveShown_ = false, done_ = false;
 };
 
+constexpr int kScalerAlign = 64;
+constexpr int kScalerSlack = 64;
+// The row length and buffer size that let Scaler::convertInto write
+// `h` rows of `rowBytes` in place.
+struct ScalerBuffer {
+    int stride;
+    std::size_t bytes;
+};
+inline ScalerBuffer scalerBuffer(int rowBytes, int h)
+{
+    int stride = (rowBytes + kScalerAlign - 1) / kScalerAlign * kScalerAlign;
+    return {stride, static_cast<std::size_t>(stride) * static_cast<std::size_t>(h) + kScalerSlack};
+}
+
 // Converts frames to another size and pixel format.
 class Scaler {
 public:
     // Returns a frame of `w` x `h` in `fmt`, converted from `src`.
     AVFrame* convert(AVFrame const* src, int w, int h, AVPixelFormat fmt, int flags = SWS_BICUBIC);
-    // Converts `src` straight into caller-owned pixels (one plane, `stride` bytes a row).
-    void convertInto(AVFrame const* src, int w, int h, AVPixelFormat fmt, std::uint8_t* pixels, int stride, int flags);
+    // Converts `src` straight into caller-owned pixels (one plane, `stride`
+    // bytes a row, `bytes` in all). swscale's vector code writes whole
+    // blocks, past the end of a row: with rows of kScalerAlign bytes and
+    // kScalerSlack bytes to spare after the last (see scalerBuffer), it
+    // writes in place; otherwise it converts into a frame of its own and
+    // copies the rows over.
+    void convertInto(AVFrame const* src, int w, int h, AVPixelFormat fmt, std::uint8_t* pixels, int stride, std::size_t bytes, int flags);
 
 private:
     Sws sws_;

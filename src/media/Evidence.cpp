@@ -129,10 +129,10 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
         double t = *when;
         ++out.frames;
         report.update(kSoundShare + (1 - kSoundShare) * std::clamp(t / std::max(duration, 1e-9), 0.0, 1.0));
-        toSmall.convertInto(f.get(), pw, ph, AV_PIX_FMT_GRAY8, small.data(), pw, SWS_AREA);
+        toSmall.convertInto(f.get(), pw, ph, AV_PIX_FMT_GRAY8, small.data(), pw, small.size(), SWS_AREA);
         changes.add(t, small.data(), pw, ph, pw);
         if (faces) {
-            toFace.convertInto(f.get(), fw, fh, AV_PIX_FMT_GRAY8, face.data(), fw, SWS_AREA);
+            toFace.convertInto(f.get(), fw, fh, AV_PIX_FMT_GRAY8, face.data(), fw, face.size(), SWS_AREA);
             if (t >= nextSearch) {
                 // A face missed once (a blink, an open mouth) is kept for a
                 // few searches: faces do not vanish between two pictures.

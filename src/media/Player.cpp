@@ -1011,9 +1011,11 @@ void Player::videoLoopBody()
                     auto vf = pool->take();
                     vf->width = w;
                     vf->height = h;
-                    vf->stride = w * 4;
-                    vf->rgb.resize(static_cast<std::size_t>(vf->stride) * h);
-                    scaler.convertInto(frame.get(), w, h, AV_PIX_FMT_RGB32, vf->rgb.data(), vf->stride, playing ? SWS_BILINEAR : SWS_BICUBIC);
+                    ScalerBuffer room = scalerBuffer(w * 4, h);
+                    vf->stride = room.stride;
+                    vf->rgb.resize(room.bytes);
+                    scaler.convertInto(frame.get(), w, h, AV_PIX_FMT_RGB32, vf->rgb.data(), vf->stride, vf->rgb.size(),
+                                       playing ? SWS_BILINEAR : SWS_BICUBIC);
                     vf->seconds = seconds;
                     vf->lap = decoderLap;
                     av_frame_unref(frame.get());

@@ -1,14 +1,17 @@
+#include "Codec.h"
 #include "MediaTestSupport.h"
 #include "MovieFile.h"
 #include "Refusal.h"
 
 extern "C" {
 #include <libavutil/crc.h>
+#include <libavutil/imgutils.h>
 }
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <tuple>
 #include <vector>
 
@@ -206,6 +209,44 @@ TEST(MovieFile, OneTrackViewsReadWhatTheWholeFileGives)
         if (viewStreams >= 0) {
             EXPECT_EQ(at, 1);
         }
+    }
+}
+
+// Pictures scaled for the view and for analysis, at sizes whose rows are
+// no whole number of swscale's blocks (a 360x288 MPEG-PS picture): nothing is
+// written past the buffer the caller gives, with rows as tight as the
+// picture or laid out by scalerBuffer, and both give the same pixels.
+TEST(Scaler, WritesOnlyIntoTheBufferItIsGiven)
+{
+    for (auto [sw, sh, w, h, fmt] : {std::tuple{360, 288, 360, 288, AV_PIX_FMT_RGB32}, std::tuple{360, 288, 542, 434, AV_PIX_FMT_RGB32},
+                                     std::tuple{352, 240, 97, 61, AV_PIX_FMT_GRAY8}, std::tuple{176, 144, 250, 202, AV_PIX_FMT_RGB32}}) {
+        SCOPED_TRACE(std::to_string(sw) + "x" + std::to_string(sh) + " to " + std::to_string(w) + "x" + std::to_string(h));
+        Frame src = makeFrame();
+        src->width = sw;
+        src->height = sh;
+        src->format = AV_PIX_FMT_YUV420P;
+        ASSERT_GE(av_frame_get_buffer(src.get(), 0), 0);
+        for (int p = 0; p < 3; ++p)
+            for (int y = 0; y < (p ? sh / 2 : sh); ++y)
+                for (int x = 0; x < (p ? sw / 2 : sw); ++x) src->data[p][y * src->linesize[p] + x] = static_cast<std::uint8_t>(x * 7 + y * 3 + p * 50);
+        int row = av_image_get_linesize(fmt, w, 0);
+        constexpr std::size_t kGuard = 512;
+        constexpr std::uint8_t kMark = 0xA5;
+        // Tight rows, the buffer exactly the picture's size.
+        std::vector<std::uint8_t> tight(static_cast<std::size_t>(row) * h + kGuard, kMark);
+        Scaler a;
+        a.convertInto(src.get(), w, h, fmt, tight.data(), row, static_cast<std::size_t>(row) * h, SWS_BICUBIC);
+        for (std::size_t i = static_cast<std::size_t>(row) * h; i < tight.size(); ++i) ASSERT_EQ(tight[i], kMark) << "written " << i - static_cast<std::size_t>(row) * h << " bytes past the end";
+        // Rows laid out for writing in place.
+        ScalerBuffer room = scalerBuffer(row, h);
+        std::vector<std::uint8_t> padded(room.bytes + kGuard, kMark);
+        Scaler b;
+        b.convertInto(src.get(), w, h, fmt, padded.data(), room.stride, room.bytes, SWS_BICUBIC);
+        for (std::size_t i = room.bytes; i < padded.size(); ++i) ASSERT_EQ(padded[i], kMark);
+        for (int y = 0; y < h; ++y)
+            ASSERT_EQ(std::memcmp(tight.data() + static_cast<std::size_t>(y) * row, padded.data() + static_cast<std::size_t>(y) * room.stride, row), 0) << "row " << y;
+        // A buffer too small for the picture is refused, not overrun.
+        EXPECT_THROW(a.convertInto(src.get(), w, h, fmt, tight.data(), row, static_cast<std::size_t>(row) * (h - 1), SWS_BICUBIC), MediaError);
     }
 }
 
