@@ -921,6 +921,12 @@ void Player::videoLoopBody()
     }
     double tb = av_q2d(media->timeBase);
     double lead = static_cast<double>(video_->editList()->materialStart()) / video_->timeScale();
+    // To the picture on screen at `seconds` of the pictures' own time; a
+    // time before the first picture (a picture track that starts after
+    // the movie does) goes to the first: a seek before it finds nothing.
+    auto seekPictures = [&](double seconds) {
+        decoder->seek(media->startPts + static_cast<std::int64_t>(std::floor(std::max(0.0, seconds) / tb)));
+    };
     Frame frame = makeFrame();
     Scaler scaler;
     auto pool = std::make_shared<FramePool>();
@@ -940,10 +946,21 @@ void Player::videoLoopBody()
     std::shared_ptr<const VideoFrame> shown;
     std::shared_ptr<VideoFrame> loopHead; // first picture of the loop, kept for the wrap
 
+    std::uint64_t seenRangeGen = ~0ULL;
     std::unique_lock<std::mutex> g(lock_);
     while (!quit_) {
-        if (videoGeneration_ != seenGeneration) {
+        bool again = videoGeneration_ != seenGeneration;
+        if (!again && rangeGen_ != seenRangeGen) {
+            // A new play range (a loop given up or begun while playing):
+            // pictures decoded for another lap than the one now heard would
+            // never come due, so decoding starts again where the sound is.
+            seenRangeGen = rangeGen_;
+            std::uint64_t lap = positionLocked().lap;
+            again = decoderLap != lap || std::any_of(queue.begin(), queue.end(), [&](Queued const& q) { return q.lap != lap; });
+        }
+        if (again) {
             seenGeneration = videoGeneration_;
+            seenRangeGen = rangeGen_;
             Position at = positionLocked();
             std::int64_t target = at.ticks;
             decoderLap = at.lap;
@@ -952,7 +969,7 @@ void Player::videoLoopBody()
             held.reset();
             shown.reset();
             double seconds = static_cast<double>(target) / scale_ - lead;
-            decoder->seek(media->startPts + static_cast<std::int64_t>(std::floor(seconds / tb)));
+            seekPictures(seconds);
             skipBefore = target;
             eof = false;
             lapGavePictures = false;
@@ -979,7 +996,7 @@ void Player::videoLoopBody()
                 // gave pictures, so a loop with none never spins.
                 if (r.loops && r.end > r.start && lapGavePictures) {
                     double s = static_cast<double>(r.start) / scale_ - lead;
-                    decoder->seek(media->startPts + static_cast<std::int64_t>(std::floor(s / tb)));
+                    seekPictures(s);
                     skipBefore = r.start;
                     ++decoderLap;
                     lapGavePictures = false;
@@ -994,7 +1011,7 @@ void Player::videoLoopBody()
                     // Loop: go back to the start and decode the next lap.
                     av_frame_unref(frame.get());
                     double s = static_cast<double>(r.start) / scale_ - lead;
-                    decoder->seek(media->startPts + static_cast<std::int64_t>(std::floor(s / tb)));
+                    seekPictures(s);
                     skipBefore = r.start;
                     held.reset();
                     ++decoderLap;
@@ -1050,6 +1067,11 @@ void Player::videoLoopBody()
             due = q.frame;
             queue.pop_front();
         }
+        // Nothing on screen since the seek and no picture at or before its
+        // time (a picture track that starts after 0, as most files with
+        // reordered frames do): the first picture after it is shown
+        // already, as players show a movie's first picture when it opens.
+        if (!due && !shown && !queue.empty() && queue.front().lap == now.lap) due = queue.front().frame;
         // At a wrap whose first picture is not decoded yet, show the kept one.
         if (!due && loopHead && shown && shown->lap < now.lap && r.loops && (queue.empty() || queue.front().lap > now.lap)) {
             auto copy = std::make_shared<VideoFrame>(*loopHead);

@@ -240,6 +240,38 @@ TEST(Player, SeeksShowTheFrameOnScreenAndStepsByFrames)
     EXPECT_EQ(p.currentTime().timeValue, 4 * kRate);
 }
 
+// A picture track that starts after the sound (reordered frames as x264
+// makes them put the first picture a frame or two late; here half a
+// second): the movie opens on its first picture, not on black, and keeps
+// it there while paused until the time of the picture after it.
+TEST(Player, AMovieWhosePictureStartsLateOpensOnItsFirstPicture)
+{
+    if (std::system("command -v ffmpeg >/dev/null 2>&1") != 0) GTEST_SKIP() << "the ffmpeg program is not installed";
+    ScratchDir dir;
+    std::string movie = dir.file("late.mkv");
+    ASSERT_EQ(std::system(("ffmpeg -nostdin -y -v error -itsoffset 0.5 -f lavfi -i color=c=white:s=64x48:r=25:d=3 -f lavfi -i sine=d=3 "
+                           "-c:v libx264 -c:a aac '" + movie + "'")
+                              .c_str()),
+              0);
+    FrameLog log;
+    Playing s = manualPlayer(movie, true);
+    Player& p = *s.player;
+    log.attach(p);
+    p.setViewSize(64, 48);
+    p.setCurrentTime(myQTTime(0, 600));
+    std::shared_ptr<const VideoFrame> first;
+    {
+        std::unique_lock<std::mutex> g(log.lock);
+        log.arrived.wait_for(g, std::chrono::seconds(10), [&] { return !log.frames.empty(); });
+        if (!log.frames.empty()) first = log.frames.front();
+    }
+    ASSERT_TRUE(first) << "nothing shown at the movie's start";
+    EXPECT_GE(first->seconds, 0.5 - 1e-6);
+    EXPECT_LT(first->seconds, 0.6); // the first picture (x264 may delay it by a frame or two), not a later one
+    EXPECT_GT(brightness(*first), 200);
+    EXPECT_NEAR(p.currentTime().seconds(), 0.0, 1e-9) << "showing the picture moved the clock";
+}
+
 TEST(Player, LoopedPicturesWrapWithTheSound)
 {
     FrameLog log; // outlives the player that calls it
@@ -271,6 +303,45 @@ TEST(Player, LoopedPicturesWrapWithTheSound)
     for (auto const& f : log.frames) {
         EXPECT_GE(f->seconds, 1.5 - 0.041);
         EXPECT_LT(f->seconds, 3.5);
+    }
+}
+
+// A loop given up while it plays (a point accepted): the pictures go on
+// with the sound past the loop's end, whichever lap the picture thread had
+// decoded ahead.
+TEST(Player, PicturesGoOnWhenALoopEndsWhilePlaying)
+{
+    for (int buffersBefore : {70, 80, 93, 100}) {
+        SCOPED_TRACE(buffersBefore);
+        FrameLog log;
+        Playing s = manualPlayer(cachedMovie("every-second.mov", everySecond(8)), true);
+        Player& p = *s.player;
+        log.attach(p);
+        p.setSelection(QTTimeRange{QTTime{72000, kRate, 0}, QTTime{96000, kRate, 0}});
+        p.setPlaysSelectionOnly(true);
+        p.setLoops(true);
+        p.setCurrentTime(myQTTime(72000LL, kRate));
+        p.play();
+        std::vector<float> buf;
+        auto pullFor = [&](int buffers) {
+            for (int i = 0; i < buffers; ++i) {
+                s.player->waitForSound();
+                s.device->pullBuffer(buf);
+                std::this_thread::sleep_for(std::chrono::milliseconds(3));
+            }
+        };
+        pullFor(buffersBefore); // a lap and a bit: the loop has wrapped
+        p.setLoops(false);
+        p.setPlaysSelectionOnly(false);
+        p.setSelection(QTTimeRange{});
+        double clock = p.currentTime().seconds();
+        pullFor(96000 * 2 / kBuffer); // two more seconds
+        double after = p.currentTime().seconds();
+        p.pause();
+        EXPECT_GT(after, clock + 1.5);
+        std::lock_guard<std::mutex> g(log.lock);
+        ASSERT_FALSE(log.frames.empty());
+        EXPECT_GT(log.frames.back()->seconds, after - 0.2) << "the picture stopped at " << log.frames.back()->seconds << " s while the sound went on to " << after << " s";
     }
 }
 
