@@ -1,5 +1,7 @@
 #include "DMApplication.h"
 
+#include <QDialog>
+
 #include <QDir>
 #include <QFileInfo>
 
@@ -410,6 +412,20 @@ void DMApplication::lastDocumentMayHaveClosed()
     quit();
 }
 
+void DMApplication::terminateOnceUnblocked()
+{
+    // A dialog open when the signal came (a question, an open panel) is
+    // given up as Cancel would, then the documents are asked as Quit asks
+    // them: a document with changes still puts its save question.
+    if (QWidget* modal = QApplication::activeModalWidget()) {
+        if (auto* dialog = qobject_cast<QDialog*>(modal)) dialog->reject();
+        else modal->close();
+        QTimer::singleShot(50, this, &DMApplication::terminateOnceUnblocked);
+        return;
+    }
+    terminate();
+}
+
 void DMApplication::installSignalHandlers()
 {
     if (signalPipe[0] >= 0) return;
@@ -423,11 +439,7 @@ void DMApplication::installSignalHandlers()
         unsigned char byte = 0;
         if (::read(signalPipe[0], &byte, 1) != 1) return;
         emit terminationRequested(byte);
-        // A save question may be open: ask once that has ended.
-        QTimer::singleShot(0, this, [this] {
-            if (QApplication::activeModalWidget()) return;
-            terminate();
-        });
+        QTimer::singleShot(0, this, &DMApplication::terminateOnceUnblocked);
     });
     struct sigaction action {};
     action.sa_handler = onTerminationSignal;

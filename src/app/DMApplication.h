@@ -58,6 +58,9 @@ public:
     // SIGINT and SIGTERM ask the documents as Quit does (through a pipe
     // read by the event loop, never from inside the signal handler).
     void installSignalHandlers();
+    // Quit for a termination signal: a dialog that is open is given up
+    // first (the signal would otherwise wait on the user for ever).
+    void terminateOnceUnblocked();
     // The About box.
     void showAbout();
     // Whether a key press belongs to a menu, a dialog or a cell editor

@@ -24,6 +24,7 @@
 #include <QThread>
 #include <QTimer>
 
+#include <QDialog>
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -178,8 +179,27 @@ TEST_F(RealUse, QuitAsksEveryDocumentAndSignalsAskAsQuitDoes)
     std::raise(SIGINT);
     EXPECT_TRUE(QTest::qWaitFor([&] { return received.size() == 2; }, 3000));
     QTest::qWait(100); // its Quit runs too, with nothing left to ask
-    QObject::disconnect(connection);
     EXPECT_EQ(received, (std::vector<int>{SIGTERM, SIGINT}));
+
+    // A dialog open when the signal comes is given up, and Quit goes on.
+    MovieDoc* d = open(movie12());
+    ASSERT_TRUE(d);
+    bool dialogEnded = false, dialogWasUp = false;
+    QTimer::singleShot(0, [&] {
+        QDialog question;
+        question.setWindowTitle("A question nobody answers");
+        QTimer::singleShot(200, [&] {
+            dialogWasUp = QApplication::activeModalWidget() == &question;
+            std::raise(SIGTERM);
+        });
+        QTimer::singleShot(8000, &question, &QDialog::reject); // a broken signal path fails the test, not hangs it
+        question.exec();
+        dialogEnded = true;
+    });
+    EXPECT_TRUE(QTest::qWaitFor([&] { return dialogEnded && controller().documents().isEmpty(); }, 4000));
+    EXPECT_TRUE(dialogWasUp);
+    QObject::disconnect(connection);
+    EXPECT_EQ(received, (std::vector<int>{SIGTERM, SIGINT, SIGTERM}));
 }
 
 TEST_F(RealUse, MenusAndEditorsTakeTheirKeysFirst)
