@@ -181,7 +181,11 @@ SourceFile::Input reopen(std::string const& path, std::shared_ptr<SourceFile>& f
         file = SourceFile::open(path);
         return file->openInput(false, options);
     } catch (MediaError const& e) {
-        throw SaveCheckFailed(std::string("The new file does not read back as a movie: ") + e.what());
+        // The new file may have no name yet (an anonymous file reached
+        // through /proc): the message speaks of it as the new file.
+        std::string why = e.what();
+        for (std::size_t at; !path.empty() && (at = why.find(path)) != std::string::npos;) why.replace(at, path.size(), "the new file");
+        throw SaveCheckFailed("The new file does not read back as a movie: " + why);
     }
 }
 
