@@ -345,6 +345,45 @@ TEST(Player, PicturesGoOnWhenALoopEndsWhilePlaying)
     }
 }
 
+// Played to its end and played again: the pictures start again with the
+// sound, not stay on the last one.
+TEST(Player, PlayingAgainAfterTheEndShowsThePicturesAgain)
+{
+    FrameLog log;
+    Playing s = manualPlayer(cachedMovie("every-second-3.mov", everySecond(3)), true);
+    Player& p = *s.player;
+    log.attach(p);
+    p.setCurrentTime(myQTTime(0LL, kRate));
+    std::vector<float> buf;
+    auto pullFor = [&](int buffers) {
+        for (int i = 0; i < buffers && p.isPlaying(); ++i) {
+            s.player->waitForSound();
+            s.device->pullBuffer(buf);
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+        }
+    };
+    p.play();
+    pullFor(4 * kRate / kBuffer); // past the end: the player stops there
+    ASSERT_FALSE(p.isPlaying());
+    std::size_t before;
+    {
+        std::lock_guard<std::mutex> g(log.lock);
+        ASSERT_FALSE(log.frames.empty());
+        EXPECT_GT(log.frames.back()->seconds, 2.5);
+        before = log.frames.size();
+    }
+    p.play();
+    pullFor(kRate / kBuffer); // a second of the replay
+    double clock = p.currentTime().seconds();
+    p.pause();
+    EXPECT_GT(clock, 0.5);
+    EXPECT_LT(clock, 2.5);
+    std::lock_guard<std::mutex> g(log.lock);
+    ASSERT_GT(log.frames.size(), before) << "no picture since playing again";
+    EXPECT_LT(log.frames.back()->seconds, clock + 0.1);
+    EXPECT_GT(log.frames.back()->seconds, clock - 0.3);
+}
+
 // A loop that runs to the end of the movie has no picture at its end to wrap
 // by: the pictures must wrap at the end of the file, lap after lap, and not
 // stop on the loop's first picture while the sound goes on.

@@ -264,7 +264,12 @@ void Player::play()
     std::unique_lock<std::mutex> g(lock_);
     if (playing_) return;
     followSoundLengthLocked();
-    if (paused_.ticks < range_.start || paused_.ticks >= range_.end) paused_.ticks = range_.start;
+    if (paused_.ticks < range_.start || paused_.ticks >= range_.end) {
+        // Played to the end (or outside the range): from the range's start,
+        // pictures too.
+        paused_.ticks = range_.start;
+        ++videoGeneration_;
+    }
     base_ = paused_;
     anchor_ = paused_;
     baseTime_ = Clock::now();
