@@ -1023,12 +1023,12 @@ int run(std::string const& name, std::vector<std::string> const& rest)
         return failed(kStopped, "stopped; nothing was written.", "");
     } catch (UsageError const&) {
         throw;
-    } catch (std::exception const& e) {
-        return failed(kFailed, e.what(), "");
     } catch (OffsetList::BadBackup const&) {
         return failed(kFailed, "the movie cannot hold a backup of its sound track.", "");
     } catch (myQTTime::BadScale const&) {
         return failed(kFailed, "the movie has a track with a bad time scale.", "");
+    } catch (std::exception const& e) {
+        return failed(kFailed, e.what(), "");
     }
 }
 

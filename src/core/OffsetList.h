@@ -5,6 +5,7 @@
 #include "movie/Movie.h"
 #include "myQTTime.h"
 
+#include <stdexcept>
 #include <vector>
 
 // One sync point: the instant of the picture and the instant of the unedited
@@ -63,10 +64,24 @@ SyncLine fitSyncLine(std::vector<Offset> const& points, myQTTime const& duration
 // time is a position on the unedited sound track's own timeline.
 class OffsetList {
 public:
-    class NoSoundTracks {};
-    class MPEGMovie {};
-    class TooManySoundTracks {};
-    class BadBackup {};
+    // What the list cannot be made for; each carries a short reason for
+    // logs (the user's message is the front end's, see Refusal.h).
+    class NoSoundTracks : public std::runtime_error {
+    public:
+        NoSoundTracks() : std::runtime_error("the movie has no enabled sound track") {}
+    };
+    class MPEGMovie : public std::runtime_error {
+    public:
+        MPEGMovie() : std::runtime_error("the movie's sound is multiplexed with its picture (MPEG)") {}
+    };
+    class TooManySoundTracks : public std::runtime_error {
+    public:
+        TooManySoundTracks() : std::runtime_error("the movie has more than one enabled sound track") {}
+    };
+    class BadBackup : public std::runtime_error {
+    public:
+        BadBackup() : std::runtime_error("the backup sound track does not match the sound track") {}
+    };
 
     using iterator = std::vector<Offset>::iterator;
     using const_iterator = std::vector<Offset>::const_iterator;

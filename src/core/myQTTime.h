@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <iosfwd>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
@@ -59,7 +60,10 @@ public:
     // Raised by the time-text parser and by results that are not a number.
     class BadDuration {};
     // Raised by operations that need a positive scale and did not get one.
-    class BadScale {};
+    class BadScale : public std::invalid_argument {
+    public:
+        BadScale() : std::invalid_argument("a time scale of zero or below") {}
+    };
 
     std::int64_t timeValue;
     std::int32_t timeScale;
