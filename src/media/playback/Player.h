@@ -138,8 +138,9 @@ public:
     PlaybackStats stats() const;
     // Waits until the feeder has seen every change and rendered its lead
     // ahead of the device (or the end). For tests and benchmarks that drive
-    // a manual device. False on timeout.
-    bool waitForSound(std::chrono::milliseconds timeout = std::chrono::milliseconds(2000)) const;
+    // a manual device. False on timeout: generous, since a machine busy with
+    // other work may hold the feeder back for seconds.
+    bool waitForSound(std::chrono::milliseconds timeout = std::chrono::milliseconds(10000)) const;
     // The length playback runs to: follows the sound track when a re-timing
     // makes it longer or shorter.
     myQTTime duration() const;
