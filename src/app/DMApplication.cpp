@@ -10,6 +10,7 @@
 #include "PXFeedbackProvider.h"
 #include "PXUpdateChecker.h"
 #include "MovieDoc.h"
+#include "PointsText.h"
 #include "SyncPointWindow.h"
 #include "kit/UserDefaults.h"
 
@@ -155,11 +156,8 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
     add(edit, "&Copy Sync Points", "copySyncPoints", QKeySequence::Copy, [current] {
         auto* d = current();
         if (!d || !d->offsets()) return;
-        // One "movie time = audio time" line per point, as dubmatch-cli reads them.
-        QString text;
-        for (auto const& p : d->offsets()->points())
-            text += QString::fromStdString(p.movieTime.asString(3, 3) + " = " + p.audioTime.asString(3, 3)) + "\n";
-        QApplication::clipboard()->setText(text);
+        // The text Export Sync Points writes and dubmatch-cli reads, exact.
+        QApplication::clipboard()->setText(QString::fromStdString(formatPointsText(d->offsets()->points())));
     });
 
     edit->addSeparator();

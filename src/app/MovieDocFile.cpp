@@ -111,10 +111,7 @@ std::optional<media::SaveOptions> MovieDoc::saveOptionsFor(std::string const& co
     options.losslessShift = kit::Defaults::standard().value("losslessShift").toBool() ? media::SaveOptions::LosslessShift::Auto
                                                                                       : media::SaveOptions::LosslessShift::Never;
     // The points travel with the movie, so that it can be opened again and refined.
-    if (session_ && session_->offsets())
-        options.syncPoints = session_->offsets()->points().empty()
-                                 ? std::string()
-                                 : encodeSyncPoints(session_->offsets()->points(), session_->offsets()->soundTrack()->timeScale());
+    if (session_ && session_->offsets()) options.syncPoints = syncPointsTag(*session_->offsets());
     media::SavePlan plan;
     try {
         plan = media::planSave(*opened_->movie, options);

@@ -807,8 +807,7 @@ int sync(commandline::Parsed const& args, json& out)
     list.replacePoints(points);
     out["points_from_movie"] = fromMovie;
     // The points travel with the movie, so that it can be opened again and refined.
-    options.syncPoints = encodeSyncPoints(list.points(), static_cast<std::int32_t>(scale));
-    if (list.points().empty()) options.syncPoints = std::string();
+    options.syncPoints = syncPointsTag(list);
 
     int fields = list.duration().width();
     out["fit"] = {{"slope", list.slope()}, {"intercept", list.intercept()}, {"kept_previous_line", list.keptPreviousLine()}};
@@ -915,13 +914,12 @@ int demo(commandline::Parsed const& args)
         media::AtomicFile file(pointsFile, media::AtomicFile::Kind::NewOrReplace);
         {
             std::ofstream f(file.path());
-            f << "# movie time = unedited audio time, for " << out << "\n";
             std::size_t n = marks.size();
-            for (std::size_t k : {std::size_t{0}, n / 3, 2 * n / 3, n - 1}) {
-                char line[96];
-                std::snprintf(line, sizeof line, "%.6f = %.6f\n", marks[k].movieTime, marks[k].audioTime);
-                f << line;
-            }
+            std::vector<Offset> points;
+            // At the sound's rate, the scale points are read back at.
+            auto at = [&](double seconds) { return myQTTime(static_cast<long long>(std::llround(seconds * spec.sampleRate)), spec.sampleRate); };
+            for (std::size_t k : {std::size_t{0}, n / 3, 2 * n / 3, n - 1}) points.emplace_back(at(marks[k].movieTime), at(marks[k].audioTime));
+            f << formatPointsText(points, "sync points for " + out);
             f.close();
             if (!f) throw media::MediaError("Cannot write the points file \"" + pointsFile + "\".");
         }

@@ -28,6 +28,12 @@ std::string encodeSyncPoints(std::vector<Offset> const& points, std::int32_t sca
     return o.str();
 }
 
+std::string syncPointsTag(OffsetList const& list)
+{
+    if (list.points().empty()) return {};
+    return encodeSyncPoints(list.points(), static_cast<std::int32_t>(list.soundTrack()->timeScale()));
+}
+
 std::optional<std::vector<Offset>> decodeSyncPoints(std::string const& text)
 {
     std::istringstream in(text);

@@ -20,6 +20,9 @@ inline constexpr char const* kSyncPointsTag = "dubmatch_sync_points";
 // "dubmatch-sync-points 1 48000 M/A M/A ...": exact ticks at one scale, in
 // movie-time order. Points must share `scale` (the sound track's).
 std::string encodeSyncPoints(std::vector<Offset> const& points, std::int32_t scale);
+// The value of kSyncPointsTag for a save of `list`: its points at its sound
+// track's scale, or empty (which removes a stale tag) when it has none.
+std::string syncPointsTag(OffsetList const& list);
 // The points of a text made by encodeSyncPoints, or nothing when the text is
 // not one (another version, damaged, or edited by hand into nonsense).
 std::optional<std::vector<Offset>> decodeSyncPoints(std::string const& text);

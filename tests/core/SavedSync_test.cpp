@@ -56,6 +56,24 @@ struct SavedMovie {
     }
 };
 
+// The tag a save stores: the list's points exactly, or nothing at all (so
+// that a save without points removes a stale tag).
+TEST(SavedSync, TheTagOfAListHoldsItsPointsOrNothing)
+{
+    SavedMovie saved(0);
+    OffsetList list(&saved.movie, nullptr);
+    EXPECT_EQ(syncPointsTag(list), "");
+    std::vector<Offset> points = {{at(48000), at(50400)}, {at(384000), at(386401)}};
+    list.replacePoints(points);
+    auto back = decodeSyncPoints(syncPointsTag(list));
+    ASSERT_TRUE(back);
+    ASSERT_EQ(back->size(), 2u);
+    for (std::size_t i = 0; i < points.size(); ++i) {
+        EXPECT_EQ((*back)[i].movieTime.timeValue, points[i].movieTime.timeValue);
+        EXPECT_EQ((*back)[i].audioTime.timeValue, points[i].audioTime.timeValue);
+    }
+}
+
 TEST(SavedSync, TheBackupTakesTheSoundTracksPlace)
 {
     std::string tag = encodeSyncPoints({{at(48000), at(60000)}, {at(400000), at(420000)}}, kRate);
