@@ -23,6 +23,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <cmath>
+#include <set>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -912,19 +913,20 @@ int demo(commandline::Parsed const& args)
                 spec.seconds, spec.width, spec.height, spec.fpsNum, marks.size(), spec.audioOffset, spec.audioRate);
     if (!pointsFile.empty() && !marks.empty()) {
         media::AtomicFile file(pointsFile, media::AtomicFile::Kind::NewOrReplace);
+        std::vector<Offset> points;
         {
             std::ofstream f(file.path());
             std::size_t n = marks.size();
-            std::vector<Offset> points;
             // At the sound's rate, the scale points are read back at.
             auto at = [&](double seconds) { return myQTTime(static_cast<long long>(std::llround(seconds * spec.sampleRate)), spec.sampleRate); };
-            for (std::size_t k : {std::size_t{0}, n / 3, 2 * n / 3, n - 1}) points.emplace_back(at(marks[k].movieTime), at(marks[k].audioTime));
+            // Up to four marks spread over the movie, each once (a short demo has fewer).
+            for (std::size_t k : std::set<std::size_t>{0, n / 3, 2 * n / 3, n - 1}) points.emplace_back(at(marks[k].movieTime), at(marks[k].audioTime));
             f << formatPointsText(points, "sync points for " + out);
             f.close();
             if (!f) throw media::MediaError("Cannot write the points file \"" + pointsFile + "\".");
         }
         file.commit();
-        std::printf("wrote %s: 4 sync points\n", pointsFile.c_str());
+        std::printf("wrote %s: %zu sync point%s\n", pointsFile.c_str(), points.size(), points.size() == 1 ? "" : "s");
     }
     if (gStop) note("the stop came after everything was written: the files are complete.");
     return kOk;
