@@ -1,0 +1,94 @@
+// What the commands of dubmatch-cli share: exit statuses, messages on the
+// terminal, the stop (Ctrl-C, SIGTERM) and what it means once files are in
+// place, and each command's entry point.
+#pragma once
+
+#include "MovieFile.h"
+#include "MovieWriter.h"
+#include "OffsetList.h"
+#include "Options.h"
+#include "Evidence.h"
+#include "Suggest.h"
+
+#include <nlohmann/json.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace cli {
+
+enum Status { kOk = 0, kFailed = 1, kUsage = 2, kStopped = 130, kTerminated = 143 };
+
+using commandline::UsageError;
+using json = nlohmann::json;
+
+extern std::atomic<bool> gStop;
+
+// What a stop means once some of the command's files are in place, by how
+// many are: end at once with a message, or let the command finish (its files
+// are complete; what is left is reporting). Before any is in place a stop
+// ends the command: nothing was written. Filled before the writing starts,
+// read by the signal handler, which can only copy a message out.
+struct StopAnswer {
+    bool finish = false;
+    char message[512] = {};
+};
+
+// A command that ends early with exit status 1 after saying why; with
+// --json the reason is also the document on standard output.
+struct Refused {
+    std::string message;
+    std::string suggestion;
+};
+
+// What a sync with `points` writes, worked out before anything is written:
+// where the re-timed sound ends, the new file's size, and why the points are
+// refused, if they are.
+struct Prediction {
+    std::size_t points = 0;
+    double movieSeconds = 0;
+    double uneditedSoundSeconds = 0;
+    double soundSeconds = 0; // where the re-timed sound ends on the movie's timeline
+    double limitSeconds = 0; // the latest end a sync writes
+    std::int64_t inputBytes = 0;
+    std::int64_t outputBytes = 0;
+    std::string problem; // empty when a sync takes the points
+};
+
+void setStopAnswers(std::vector<StopAnswer> const& answers);
+StopAnswer stopAnswer(bool finish, std::string const& message);
+void onSignal(int sig);
+void installSignalHandlers();
+bool colourOn(int fd);
+void message(std::string const& prefix, std::string const& text, char const* colour);
+void error(std::string const& text);
+void note(std::string const& text);
+std::string clock(myQTTime const& t, int fields);
+media::Progress progressBar(bool quiet);
+double secondsSince(std::chrono::steady_clock::time_point t0);
+json trackJson(dm::Track const& t);
+std::string howName(media::TrackPlan::How how);
+double soundEndSeconds(dm::Track const& sound);
+double soundBytesPerSecond(dm::Track const& sound, media::SoundCodec codec);
+Prediction predict(std::string const& path, OffsetList const& list, std::vector<Offset> const& points, bool syncedBefore,
+                   media::SoundCodec codec);
+json predictionJson(Prediction const& p);
+std::string sizeText(std::int64_t bytes);
+std::string predictionText(Prediction const& p);
+int info(commandline::Parsed const& args, json& out);
+std::string pointsSourceName(std::string const& file);
+std::string readPointsText(std::string const& file);
+std::vector<Offset> readPoints(std::string const& file, long scale);
+std::vector<Offset> parsePoints(std::string const& file, std::string const& text, long scale);
+media::SuggestedPoints findSuggestions(dm::Movie const& movie, OffsetList const& list, bool quiet);
+json offsetJson(suggest::LocalOffset const& o);
+int suggestCommand(commandline::Parsed const& args, json& out);
+int sync(commandline::Parsed const& args, json& out);
+int demo(commandline::Parsed const& args);
+int measureFlashes(std::string const& path);
+int measure(commandline::Parsed const& args, json& out);
+
+} // namespace cli
