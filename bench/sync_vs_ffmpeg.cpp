@@ -124,7 +124,7 @@ int main(int argc, char** argv)
         for (auto const& t : om.movie->tracks())
             if (t->mediaType() == dm::MediaType::Sound && t->isEnabled()) {
                 AVCodecParameters const* par = media::OpenedMovie::mediaOf(*t).codecpar;
-                bitRate = media::chooseSoundFormat("mov", par, par->ch_layout, media::SoundCodec::Same, false).bitRate;
+                bitRate = media::chooseSoundFormat(media::Container::Kind::QuickTime, par, par->ch_layout, media::SoundCodec::Same, false).bitRate;
             }
     }
     if (bitRate <= 0) bitRate = 192000;

@@ -261,7 +261,7 @@ bool MovieDoc::transportKey(int key, Qt::KeyboardModifiers modifiers)
         break;
     }
     case Qt::Key_Home: seekTo(myQTTime(0LL, scale)); break;
-    case Qt::Key_End: seekTo(opened_ ? opened_->movie->duration() : now); break;
+    case Qt::Key_End: seekTo(opened_ ? opened_->movie().duration() : now); break;
     case Qt::Key_K:
         shuttle_ = 0;
         player_->pause();
@@ -288,7 +288,7 @@ bool MovieDoc::movieWindowIsKey() const { return mMovieWindow && QApplication::a
 bool MovieDoc::validateAction(QString const& action) const
 {
     if (busy_) return false; // a save or export is running
-    if (action == "doExport" || action == "showInfo" || action == "print") return opened_.has_value();
+    if (action == "doExport" || action == "showInfo" || action == "print") return opened_ != nullptr;
     if (!session_) return false;
     bool editing = tableViewIsEditing();
     int rows = static_cast<int>(selectedRows().size());
@@ -400,7 +400,7 @@ void MovieDoc::showPlaybackFault(QString const& message)
     kit::runAlert(spec);
 }
 
-int MovieDoc::durationFields() const { return opened_ ? opened_->movie->duration().width() : 1; }
+int MovieDoc::durationFields() const { return opened_ ? opened_->movie().duration().width() : 1; }
 
 void MovieDoc::onIdle(myQTTime now)
 {

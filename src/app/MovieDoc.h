@@ -39,14 +39,14 @@ public:
     // The file types: QuickTime and MPEG-4 movies are written back in place;
     // every other container opens as an imported document.
     static QString typeForFile(QString const& path);
-    // The document type of a container the writer writes ("mov", "mp4",
-    // "matroska", "webm"), else "UnsavedDocument"; and back.
-    static QString typeForContainer(std::string const& container);
-    static std::string containerForType(QString const& type);
+    // The document type of a container that takes saves ("QuickTime
+    // Movie", "Matroska Movie"...), else "UnsavedDocument"; and back.
+    static QString typeForContainer(media::Container container);
+    static media::Container containerForType(QString const& type);
     QStringList writableTypes() const override { return {"QuickTime Movie", "MPEG-4 Movie", "Matroska Movie", "WebM Movie", "3GPP Movie", "3GPP2 Movie"}; }
     // The container Save As writes: the document's own, or the writer's
     // choice for a file that is read but not written.
-    std::string saveAsContainer() const;
+    media::Container saveAsContainer() const;
     QStringList fileExtensionsFromType(QString const& type) const override;
 
     // Reading: refusals appear as alerts with their fixed texts (or, with
@@ -159,7 +159,7 @@ public:
     SyncSession* session() const { return session_.get(); }
     OffsetList* offsets() const { return session_ ? session_->offsets() : nullptr; }
     media::Player* player() const { return player_.get(); }
-    dm::Movie* movie() const { return opened_ ? opened_->movie.get() : nullptr; }
+    dm::Movie* movie() const { return opened_ ? &opened_->movie() : nullptr; }
     myQTTime startTime() const { return session_ ? session_->startTime() : myQTTime(); }
     myQTTime endTime() const { return session_ ? session_->endTime() : myQTTime(); }
     myQTTime audioTime() const { return session_ ? session_->audioTime() : myQTTime(); }
@@ -204,7 +204,7 @@ private:
     // codec preference; streams left out only when the user agrees), or
     // nullopt when the user cancelled or the container cannot take the
     // movie (after an alert). `what` is "saved" or "exported".
-    std::optional<media::SaveOptions> saveOptionsFor(std::string const& container, QString const& what);
+    std::optional<media::SaveOptions> saveOptionsFor(media::Container container, QString const& what);
     void showWriterNotes(std::vector<std::string> const& notes, QString const& what);
     void normalSpeed();
     SyncSession::Hooks sessionHooks();
@@ -240,7 +240,7 @@ private:
     void tellLateStop(QString const& what);
     bool eventFilter(QObject* watched, QEvent* event) override;
 
-    std::optional<media::OpenedMovie> opened_;
+    std::unique_ptr<dmsync::MovieSession> opened_;
     std::unique_ptr<media::Player> player_;
     std::unique_ptr<SyncSession> session_;
     myQTTime previousPlayTime_{QTZeroTime};

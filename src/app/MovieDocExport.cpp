@@ -86,12 +86,12 @@ void MovieDoc::doExport()
     // The movie exports take every stream they can; the user decides on the rest.
     media::SaveOptions options;
     if (chosen == media::ExportType::MPEG4 || chosen == media::ExportType::QuickTime || chosen == media::ExportType::QuickTimeWeb) {
-        auto asked = saveOptionsFor(chosen == media::ExportType::MPEG4 ? "mp4" : "mov", "exported");
+        auto asked = saveOptionsFor(chosen == media::ExportType::MPEG4 ? media::Container::Kind::Mpeg4 : media::Container::Kind::QuickTime, "exported");
         if (!asked) return;
         options.dropUnsupported = asked->dropUnsupported;
     }
     myQTTime now = player_->currentTime();
-    dm::Movie& movie = *opened_->movie;
+    dm::Movie& movie = opened_->movie();
     std::string target = path.toStdString();
     media::WriteResult result;
     // The worker writes `result`; it is read only after the worker has ended.
@@ -136,7 +136,7 @@ bool MovieDoc::printShowingPrintPanel(bool showPanel, QPrinter* given)
     painter.restore();
     if (withPlot) {
         ResidualPlot plot;
-        plot.setPoints(ResidualPlot::pointsOf(*session_->offsets()), opened_->movie->duration().seconds());
+        plot.setPoints(ResidualPlot::pointsOf(*session_->offsets()), opened_->movie().duration().seconds());
         // Drawn at screen size and scaled to the page, so lines and text keep their proportions.
         QRectF logical(0, 0, 640, 200);
         double scale = std::min(page.width() / logical.width(), (page.height() - size.height() - 20) / logical.height());

@@ -55,25 +55,18 @@ SyncSession::Settings currentSettings()
 
 } // namespace
 
-QString MovieDoc::typeForContainer(std::string const& container)
+QString MovieDoc::typeForContainer(media::Container container)
 {
-    if (container == "mov") return "QuickTime Movie";
-    if (container == "mp4") return "MPEG-4 Movie";
-    if (container == "3gp") return "3GPP Movie";
-    if (container == "3g2") return "3GPP2 Movie";
-    if (container == "matroska") return "Matroska Movie";
-    if (container == "webm") return "WebM Movie";
-    return "UnsavedDocument";
+    // The document types are the containers' titles: "QuickTime Movie", "Matroska Movie"...
+    if (!container.takesSaves()) return "UnsavedDocument";
+    return QString(container.title()) + " Movie";
 }
 
-std::string MovieDoc::containerForType(QString const& type)
+media::Container MovieDoc::containerForType(QString const& type)
 {
-    if (type == "QuickTime Movie") return "mov";
-    if (type == "MPEG-4 Movie") return "mp4";
-    if (type == "3GPP Movie") return "3gp";
-    if (type == "3GPP2 Movie") return "3g2";
-    if (type == "Matroska Movie") return "matroska";
-    if (type == "WebM Movie") return "webm";
+    for (auto kind : {media::Container::Kind::QuickTime, media::Container::Kind::Mpeg4, media::Container::Kind::Gpp,
+                      media::Container::Kind::Gpp2, media::Container::Kind::Matroska, media::Container::Kind::WebM})
+        if (typeForContainer(kind) == type) return kind;
     return {};
 }
 
@@ -81,7 +74,7 @@ QString MovieDoc::typeForFile(QString const& path)
 {
     QString ext = QFileInfo(path).suffix().toLower();
     if (ext == "qt") return "QuickTime Movie";
-    return typeForContainer(media::containerForPath(path.toStdString()));
+    return typeForContainer(media::Container::forPath(path.toStdString()));
 }
 
 QStringList MovieDoc::fileExtensionsFromType(QString const& type) const
@@ -95,14 +88,14 @@ QStringList MovieDoc::fileExtensionsFromType(QString const& type) const
     return {};
 }
 
-std::string MovieDoc::saveAsContainer() const
+media::Container MovieDoc::saveAsContainer() const
 {
-    std::string own = containerForType(fileType());
-    if (!own.empty()) return own;
-    return media::containerForSaveAs(opened_ ? opened_->container : std::string(), opened_ ? opened_->formatName : std::string());
+    media::Container own = containerForType(fileType());
+    if (own || !opened_) return own;
+    return opened_->saveAsContainer();
 }
 
-std::optional<media::SaveOptions> MovieDoc::saveOptionsFor(std::string const& container, QString const& what)
+std::optional<media::SaveOptions> MovieDoc::saveOptionsFor(media::Container container, QString const& what)
 {
     if (refuseSyncProblem(what)) return std::nullopt;
     media::SaveOptions options;
@@ -110,14 +103,12 @@ std::optional<media::SaveOptions> MovieDoc::saveOptionsFor(std::string const& co
     options.soundCodec = soundCodecPreference();
     options.losslessShift = kit::Defaults::standard().value("losslessShift").toBool() ? media::SaveOptions::LosslessShift::Auto
                                                                                       : media::SaveOptions::LosslessShift::Never;
-    // The points travel with the movie, so that it can be opened again and refined.
-    if (session_ && session_->offsets()) options.syncPoints = syncPointsTag(*session_->offsets());
     media::SavePlan plan;
     try {
-        plan = media::planSave(*opened_->movie, options);
+        plan = opened_->plan(options);
     } catch (media::MediaError const& e) {
         kit::AlertSpec spec;
-        spec.message = QString("The movie cannot be %1 as a %2 file.").arg(what, QString::fromStdString(media::containerTitle(container)));
+        spec.message = QString("The movie cannot be %1 as a %2 file.").arg(what, QString(container.title()));
         spec.informative = QString::fromStdString(e.what());
         spec.sheetParent = mMovieWindow;
         kit::runAlert(spec);
@@ -126,7 +117,7 @@ std::optional<media::SaveOptions> MovieDoc::saveOptionsFor(std::string const& co
     if (!plan.losses.empty()) {
         // Nothing is left out unless the user says so.
         kit::AlertSpec spec;
-        spec.message = QString("Some streams of this movie cannot go into a %1 file.").arg(QString::fromStdString(media::containerTitle(container)));
+        spec.message = QString("Some streams of this movie cannot go into a %1 file.").arg(QString(container.title()));
         spec.informative = joined(plan.losses) +
                            "\n\nThey can be left out of the new file, or you can cancel and choose another format (Matroska holds the most).";
         spec.buttons = {"Leave Them Out", "Cancel"};
@@ -164,27 +155,23 @@ bool MovieDoc::readFromFile(QString const& path, QString const& type, Refusal* e
     };
     // Everything that can fail is built into locals first: a refused movie
     // leaves the document as it was.
-    std::optional<media::OpenedMovie> opened;
+    std::unique_ptr<dmsync::MovieSession> opened;
     std::unique_ptr<media::Player> player;
     std::unique_ptr<SyncSession> session;
-    SavedSync saved;
     try {
-        opened = media::openMovie(path.toStdString());
         // A movie saved after a sync plays its unedited sound again, from
         // its backup, and gets its points back below.
-        saved = adoptSavedSync(*opened->movie, opened->syncPointsTag);
+        opened = dmsync::MovieSession::open(path.toStdString());
         // The player opens the sound decoder: a sound that can be read but
         // not decoded is refused here, with the movie.
         media::PlayerOptions options;
         options.outputDelayMs = kit::UserDefaults<float>("soundOutputDelay");
-        player = std::make_unique<media::Player>(opened->movie, std::move(options));
-        auto made = SyncSession::make(opened->movie.get(), player.get(), currentSettings, sessionHooks());
-        if (auto* refusal = std::get_if<Refusal>(&made)) {
-            report(*refusal);
-            return false;
-        }
-        session = std::move(std::get<std::unique_ptr<SyncSession>>(made));
-        if (saved.points) session->replacePoints(*saved.points, false);
+        player = std::make_unique<media::Player>(opened->sharedMovie(), std::move(options));
+        session = SyncSession::make(*opened, player.get(), currentSettings, sessionHooks());
+        if (opened->storedPoints()) session->replacePoints(*opened->storedPoints(), false);
+    } catch (Refused const& r) {
+        report(r.refusal());
+        return false;
     } catch (std::bad_alloc const&) {
         report({"The file could not be opened as a movie.", "There is not enough memory to open it."});
         return false;
@@ -205,26 +192,25 @@ bool MovieDoc::readFromFile(QString const& path, QString const& type, Refusal* e
     // Saved in place only in a container the writer writes; any other file
     // is an imported document, saved as a new file.
     (void)type;
-    setFileType(typeForContainer(opened_->container));
+    setFileType(typeForContainer(opened_->file().container));
     player_->setSelectionFilter([this](QTTimeRange const&) { return allowSelectionChange(); });
     player_->setIdleCallback([this](myQTTime now) { onIdle(now); },
                              [this](std::function<void()> task) { QMetaObject::invokeMethod(this, std::move(task), Qt::QueuedConnection); });
     // Called at most once, on a playback thread.
     player_->setFaultCallback([this](std::string const& message) { emit playbackFault(QString::fromStdString(message)); });
     updateMenu();
-    if (opened_->truncated) {
+    if (opened_->file().truncated) {
         // Told once, at opening: the movie plays and saves as far as it can be read.
         kit::AlertSpec spec;
         spec.message = QString("\"%1\" is cut short.").arg(QFileInfo(path).fileName());
         spec.informative = QString("It can be read to %1 s of the %2 s it declares; a save keeps only what can be read.")
-                               .arg(opened_->readableSeconds, 0, 'f', 1)
-                               .arg(opened_->declaredSeconds, 0, 'f', 1);
+                               .arg(opened_->file().readableSeconds, 0, 'f', 1)
+                               .arg(opened_->file().declaredSeconds, 0, 'f', 1);
         spec.icon = QMessageBox::Warning;
         kit::runAlert(spec);
     }
-    if (!opened_->notes.empty() || !saved.note.empty()) {
-        std::vector<std::string> notes = opened_->notes;
-        if (!saved.note.empty()) notes.push_back(saved.note.substr(0, saved.note.size() - 1)); // without its full stop
+    if (!opened_->notes().empty()) {
+        std::vector<std::string> const& notes = opened_->notes();
         kit::AlertSpec spec;
         spec.message = QString("\"%1\" was read with a change.").arg(QFileInfo(path).fileName());
         spec.informative = joined(notes) + ".";
@@ -243,8 +229,8 @@ bool MovieDoc::writeToFile(QString const& path, QString const& type, kit::SaveOp
     player_->setCurrentTime(myQTTime(0LL, player_->sampleRate()));
 
     (void)type; // the container follows the file: its own in place, the name's for a new file
-    std::string container = op == kit::SaveOperation::Save ? containerForType(fileType()) : media::containerForPath(path.toStdString());
-    if (container.empty()) container = saveAsContainer();
+    media::Container container = op == kit::SaveOperation::Save ? containerForType(fileType()) : media::Container::forPath(path.toStdString());
+    if (!container) container = saveAsContainer();
     std::optional<media::SaveOptions> options = saveOptionsFor(container, "saved");
     if (!options) {
         player_->setCurrentTime(remembered);
@@ -252,7 +238,6 @@ bool MovieDoc::writeToFile(QString const& path, QString const& type, kit::SaveOp
         return false;
     }
     std::string target = path.toStdString();
-    dm::Movie& movie = *opened_->movie;
     media::WriteResult result;
     // What stopped the write, when the user can do something about it.
     enum class Stop { None, WriteProtected, ChangedOnDisk } stop = Stop::None;
@@ -261,10 +246,10 @@ bool MovieDoc::writeToFile(QString const& path, QString const& type, kit::SaveOp
         stop = Stop::None;
         // The worker writes `result` and `stop`; they are read only after the worker has ended.
         outcome = runWithProgress(op == kit::SaveOperation::Save ? "Saving" : "Writing",
-                                  [&movie, &result, &stop, target, op, opts = *options](media::Progress const& progress) {
+                                  [&result, &stop, save = opened_->prepareSave({target, op == kit::SaveOperation::Save}, *options)](
+                                      media::Progress const& progress) {
                                       try {
-                                          if (op == kit::SaveOperation::Save) result = media::saveInPlace(movie, target, progress, opts);
-                                          else result = media::writeMovie(movie, target, progress, opts);
+                                          result = save.run(progress);
                                       } catch (media::TargetWriteProtected const&) {
                                           stop = Stop::WriteProtected;
                                           throw;
@@ -339,7 +324,7 @@ void MovieDoc::runModalSavePanel(kit::SaveOperation op, std::function<void(bool)
     // The proposal has the extension of the container the movie is written
     // in: its own, or for a file that is read but not written, the one the
     // writer chooses. The first Save As proposes "<name>-synced".
-    QString ext = QString::fromStdString(media::extensionOfContainer(saveAsContainer()));
+    QString ext = saveAsContainer().extension();
     bool first = op == kit::SaveOperation::SaveAs && !alreadySavedAs_;
     kit::SavePanelSpec spec;
     spec.title = op == kit::SaveOperation::SaveTo ? "Save a Copy" : "Save As";
@@ -354,7 +339,7 @@ void MovieDoc::runModalSavePanel(kit::SaveOperation op, std::function<void(bool)
         return;
     }
     // A name without a movie extension gets the proposed one.
-    if (media::containerForPath(path.toStdString()).empty()) path += "." + ext;
+    if (!media::Container::forPath(path.toStdString())) path += "." + ext;
     done(saveToFile(path, op));
 }
 

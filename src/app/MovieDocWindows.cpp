@@ -70,7 +70,7 @@ void MovieDoc::makeWindowControllers()
     instruction_->setContentsMargins(8, 4, 8, 6);
     layout->addWidget(mMovieView, 1);
     // The loop's sound while a point is in progress (only for movies with sound and picture).
-    if (session_ && !opened_->movie->tracksOfMediaType(dm::MediaType::Video).empty()) {
+    if (session_ && !opened_->movie().tracksOfMediaType(dm::MediaType::Video).empty()) {
         waveform_ = new WaveformStrip(central);
         layout->addWidget(waveform_);
     }
@@ -114,13 +114,13 @@ void MovieDoc::makeWindowControllers()
     QSize natural;
     double seconds = 0;
     if (opened_) {
-        for (auto const& t : opened_->movie->tracksOfMediaType(dm::MediaType::Video))
+        for (auto const& t : opened_->movie().tracksOfMediaType(dm::MediaType::Video))
             if (t->isEnabled()) {
                 auto const& m = media::OpenedMovie::mediaOf(*t);
                 natural = QSize(m.width, m.height);
                 break;
             }
-        seconds = opened_->movie->duration().seconds();
+        seconds = opened_->movie().duration().seconds();
     }
     mMovieView->setPlayer(player_.get(), natural, seconds);
     connect(mMovieView, &MovieView::playToggled, this, &MovieDoc::togglePlay);
@@ -434,7 +434,7 @@ void MovieDoc::updateResidualPlot()
     auto* wc = findInfoWindowController();
     if (!wc || !session_) return;
     wc->residualPlot()->setPoints(ResidualPlot::pointsOf(*session_->offsets(), syncInProgress() ? syncRow() : -1),
-                                  opened_ ? opened_->movie->duration().seconds() : 1);
+                                  opened_ ? opened_->movie().duration().seconds() : 1);
     IndexSet selected = selectedRows();
     wc->residualPlot()->setSelectedRows(std::set<int>(selected.begin(), selected.end()));
 }
@@ -443,7 +443,7 @@ void MovieDoc::setDurationDisplay()
 {
     auto* wc = findInfoWindowController();
     if (!wc || !opened_) return;
-    wc->durationDisplay()->setText(QString::fromStdString(opened_->movie->duration().asString(0, 3)));
+    wc->durationDisplay()->setText(QString::fromStdString(opened_->movie().duration().asString(0, 3)));
 }
 
 void MovieDoc::setTimeDisplay()
@@ -464,7 +464,7 @@ void MovieDoc::updateWaveform()
     }
     dm::TrackPtr const& sound = session_->offsets()->soundTrack();
     double frameSeconds = 0;
-    for (auto const& t : opened_->movie->tracksOfMediaType(dm::MediaType::Video))
+    for (auto const& t : opened_->movie().tracksOfMediaType(dm::MediaType::Video))
         if (t->isEnabled()) {
             AVRational r = media::OpenedMovie::mediaOf(*t).frameRate;
             if (r.num > 0 && r.den > 0) frameSeconds = av_q2d(av_inv_q(r));

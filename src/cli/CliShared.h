@@ -4,6 +4,7 @@
 #pragma once
 
 #include "MovieFile.h"
+#include "MovieSession.h"
 #include "MovieWriter.h"
 #include "OffsetList.h"
 #include "Options.h"
@@ -37,26 +38,12 @@ struct StopAnswer {
     char message[512] = {};
 };
 
-// A command that ends early with exit status 1 after saying why; with
-// --json the reason is also the document on standard output.
-struct Refused {
-    std::string message;
-    std::string suggestion;
-};
+// A command that ends early with exit status 1 after saying why (with
+// --json the reason is also the document on standard output) throws Refused.
+using dmsync::Prediction;
 
-// What a sync with `points` writes, worked out before anything is written:
-// where the re-timed sound ends, the new file's size, and why the points are
-// refused, if they are.
-struct Prediction {
-    std::size_t points = 0;
-    double movieSeconds = 0;
-    double uneditedSoundSeconds = 0;
-    double soundSeconds = 0; // where the re-timed sound ends on the movie's timeline
-    double limitSeconds = 0; // the latest end a sync writes
-    std::int64_t inputBytes = 0;
-    std::int64_t outputBytes = 0;
-    std::string problem; // empty when a sync takes the points
-};
+// Opens the movie of a command and tells the notes of its reading.
+std::unique_ptr<dmsync::MovieSession> openSession(std::string const& path);
 
 void setStopAnswers(std::vector<StopAnswer> const& answers);
 StopAnswer stopAnswer(bool finish, std::string const& message);
@@ -71,10 +58,6 @@ media::Progress progressBar(bool quiet);
 double secondsSince(std::chrono::steady_clock::time_point t0);
 json trackJson(dm::Track const& t);
 std::string howName(media::TrackPlan::How how);
-double soundEndSeconds(dm::Track const& sound);
-double soundBytesPerSecond(dm::Track const& sound, media::SoundCodec codec);
-Prediction predict(std::string const& path, OffsetList const& list, std::vector<Offset> const& points, bool syncedBefore,
-                   media::SoundCodec codec);
 json predictionJson(Prediction const& p);
 std::string sizeText(std::int64_t bytes);
 std::string predictionText(Prediction const& p);

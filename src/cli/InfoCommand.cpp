@@ -40,59 +40,11 @@
 
 namespace cli {
 
-// The end of a sound track on its own timeline, in seconds.
-double soundEndSeconds(dm::Track const& sound)
+std::unique_ptr<dmsync::MovieSession> openSession(std::string const& path)
 {
-    QTTimeRange r = sound.range();
-    return myQTTime(QTTime{r.time.timeValue + r.duration.timeValue, r.time.timeScale, 0}).seconds();
-}
-
-// About how many bytes a second of the re-timed sound takes in the new file.
-double soundBytesPerSecond(dm::Track const& sound, media::SoundCodec codec)
-{
-    auto const& m = media::OpenedMovie::mediaOf(sound);
-    AVCodecParameters const* par = m.codecpar;
-    int bits = par->bits_per_raw_sample > 0 ? par->bits_per_raw_sample : av_get_bits_per_sample(par->codec_id);
-    if (bits <= 0) bits = 16;
-    double channels = std::max(1, m.channels);
-    double pcm = std::max(1, m.sampleRate) * channels * ((bits + 7) / 8);
-    double source = par->bit_rate > 0 ? static_cast<double>(par->bit_rate) / 8 : pcm;
-    switch (codec) {
-    case media::SoundCodec::Same: return source;
-    case media::SoundCodec::Pcm: return pcm;
-    case media::SoundCodec::Flac:
-    case media::SoundCodec::Alac: return pcm * 0.6; // what lossless coding typically keeps
-    case media::SoundCodec::Aac: return source < pcm ? source : 16000 * channels; // a lossy source keeps its rate
-    }
-    return source;
-}
-
-
-
-// `list` has no points yet: its sound track is the unedited sound. A movie
-// synced before holds a re-timed sound that the new one replaces.
-Prediction predict(std::string const& path, OffsetList const& list, std::vector<Offset> const& points, bool syncedBefore,
-                   media::SoundCodec codec)
-{
-    dm::Track const& sound = *list.soundTrack();
-    synclimits::Extent extent{list.duration().seconds(), soundEndSeconds(sound)};
-    Prediction p;
-    p.points = points.size();
-    p.movieSeconds = extent.movie;
-    p.uneditedSoundSeconds = extent.sound;
-    p.limitSeconds = synclimits::longestRetimedSound(extent);
-    struct stat st {};
-    if (::stat(path.c_str(), &st) == 0) p.inputBytes = st.st_size;
-    p.soundSeconds = extent.sound;
-    p.outputBytes = p.inputBytes;
-    if (points.empty()) return p; // the sound is written unchanged, without a backup
-    SyncLine line = fitSyncLine(points, list.duration());
-    p.problem = synclimits::problemWith(points, line, extent);
-    if (line.fitted) p.soundSeconds = synclimits::retimedSoundEnd(line, extent.sound);
-    double perSecond = soundBytesPerSecond(sound, codec);
-    double bytes = static_cast<double>(p.inputBytes) + perSecond * (p.soundSeconds - (syncedBefore ? extent.sound : 0.0));
-    p.outputBytes = static_cast<std::int64_t>(std::clamp(bytes, 0.0, 9e18));
-    return p;
+    auto session = dmsync::MovieSession::open(path);
+    for (auto const& n : session->notes()) note(n + ".");
+    return session;
 }
 
 json predictionJson(Prediction const& p)
@@ -129,11 +81,9 @@ int info(commandline::Parsed const& args, json& out)
 {
     bool asJson = args.has("--json");
     std::string path = args.positionals.at(0);
-    media::OpenedMovie om = media::openMovie(path);
-    for (auto const& n : om.notes) note(n + ".");
-    dm::Movie& movie = *om.movie;
-    SavedSync saved = adoptSavedSync(movie, om.syncPointsTag);
-    if (!saved.note.empty()) note(saved.note);
+    auto session = openSession(path);
+    media::OpenedMovie const& om = session->file();
+    dm::Movie& movie = session->movie();
     myQTTime duration = movie.duration();
     int fields = duration.width();
     out = {{"file", path}, {"format", om.formatName}, {"duration", duration.seconds()}, {"truncated", om.truncated},
@@ -163,53 +113,51 @@ int info(commandline::Parsed const& args, json& out)
         if (!asJson) std::cout << text.str();
         return status;
     };
-    auto made = makeOffsetList(&movie, nullptr);
-    if (auto* refusal = std::get_if<Refusal>(&made)) {
-        finish(kFailed);
-        throw Refused{refusal->message, refusal->suggestion};
-    }
-    auto& list = *std::get<std::unique_ptr<OffsetList>>(made);
+    if (!session->canSync()) finish(kFailed);
+    OffsetList& list = session->list();
     // What a save does: with the points the movie carries, as sync uses them.
-    std::vector<Offset> stored = saved.points ? *saved.points : std::vector<Offset>{};
-    Prediction predicted = predict(path, list, stored, saved.backupAdopted, media::SoundCodec::Same);
+    std::vector<Offset> stored = session->storedPoints().value_or(std::vector<Offset>{});
+    Prediction predicted = session->predict(stored, media::SoundCodec::Same);
     out["prediction"] = predictionJson(predicted);
     if (!stored.empty() && predicted.problem.empty()) list.replacePoints(stored);
     text << "sound track to sync: track " << list.soundTrack()->id() << " (\"" << list.soundTrack()->displayName() << "\")\n";
     out["sound_track"] = list.soundTrack()->id();
-    out["saved_sync"] = {{"backup_adopted", saved.backupAdopted},
-                         {"points", saved.points ? json(saved.points->size()) : json(nullptr)},
-                         {"note", saved.note}};
-    if (saved.backupAdopted)
+    auto const& storedPoints = session->storedPoints();
+    out["saved_sync"] = {{"backup_adopted", session->syncedBefore()},
+                         {"points", storedPoints ? json(storedPoints->size()) : json(nullptr)},
+                         {"note", session->storedNote()}};
+    if (session->syncedBefore())
         text << "synced before: the backup is the sound to sync"
-             << (saved.points ? ", with " + std::to_string(saved.points->size()) + " stored sync point(s) (sync uses them when given none)"
+             << (storedPoints ? ", with " + std::to_string(storedPoints->size()) + " stored sync point(s) (sync uses them when given none)"
                               : "; no sync points stored")
              << "\n";
     if (!stored.empty()) text << "with the stored sync points, " << predictionText(predicted);
     if (!predicted.problem.empty()) text << "sync refuses the stored sync points: " << predicted.problem << "\n";
 
     // What a save does: in place where the container is written, else as a copy.
-    std::vector<std::string> tried = {media::containerForSaveAs(om.container, om.formatName)};
-    for (char const* c : {"matroska", "mov", "mp4"})
+    using Kind = media::Container::Kind;
+    std::vector<media::Container> tried = {session->saveAsContainer()};
+    for (media::Container c : {Kind::Matroska, Kind::QuickTime, Kind::Mpeg4})
         if (tried.front() != c) tried.push_back(c);
     std::string failure;
-    for (auto const& container : tried) {
+    for (auto const container : tried) {
         media::SaveOptions options;
         options.container = container;
         media::SavePlan plan;
         try {
-            plan = media::planSave(movie, options);
+            plan = session->plan(options);
         } catch (media::MediaError const& e) {
             if (failure.empty()) failure = e.what();
             continue;
         }
-        bool inPlace = container == tried.front() && !om.container.empty();
-        if (inPlace) text << "saving in place (" << media::containerTitle(container) << "):\n";
+        bool inPlace = container == tried.front() && om.container;
+        if (inPlace) text << "saving in place (" << container.title() << "):\n";
         else
-            text << "saving as a new " << media::containerTitle(container) << " file (-o NAME." << media::extensionOfContainer(container) << ")"
-                 << (om.container.empty() ? "; this container is read, not written, so --in-place is refused" : "") << ":\n";
+            text << "saving as a new " << container.title() << " file (-o NAME." << container.extension() << ")"
+                 << (!om.container ? "; this container is read, not written, so --in-place is refused" : "") << ":\n";
         json save = {{"mode", inPlace ? "in-place" : "new-file"},
-                     {"container", container},
-                     {"extension", media::extensionOfContainer(container)},
+                     {"container", container.muxer()},
+                     {"extension", container.extension()},
                      {"tracks", json::array()},
                      {"notes", plan.notes},
                      {"losses", plan.losses}};
@@ -224,7 +172,7 @@ int info(commandline::Parsed const& args, json& out)
         return finish(kOk);
     }
     finish(kFailed);
-    throw Refused{"This movie cannot be saved in any container Dubmatch writes: " + failure, ""};
+    throw Refused("This movie cannot be saved in any container Dubmatch writes: " + failure);
 }
 
 

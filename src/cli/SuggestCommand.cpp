@@ -61,15 +61,10 @@ int suggestCommand(commandline::Parsed const& args, json& out)
     auto t0 = std::chrono::steady_clock::now();
     bool asJson = args.has("--json");
     std::string path = args.positionals.at(0);
-    media::OpenedMovie om = media::openMovie(path);
-    for (auto const& n : om.notes) note(n + ".");
-    SavedSync saved = adoptSavedSync(*om.movie, om.syncPointsTag);
-    if (!saved.note.empty()) note(saved.note);
-    auto made = makeOffsetList(om.movie.get(), nullptr);
-    if (auto* refusal = std::get_if<Refusal>(&made)) throw Refused{refusal->message, refusal->suggestion};
-    OffsetList& list = *std::get<std::unique_ptr<OffsetList>>(made);
+    auto session = openSession(path);
+    OffsetList& list = session->list();
     out = {{"file", path}, {"sound_track", list.soundTrack()->id()}};
-    auto found = findSuggestions(*om.movie, list, args.has("--quiet") || asJson);
+    auto found = findSuggestions(session->movie(), list, args.has("--quiet") || asJson);
     auto const& sg = found.suggestion;
     auto const& ev = found.evidence;
     out["windows"] = json::array();

@@ -92,9 +92,9 @@ int sync(commandline::Parsed const& args, json& out)
     }
 
     // A target that is not a regular file is refused by the writer with its own words, whatever its name.
-    struct stat target {};
-    bool regularOrNew = output.empty() || ::stat(output.c_str(), &target) != 0 || S_ISREG(target.st_mode);
-    if (!exportType && !dryRun && !inPlace && regularOrNew && media::containerForPath(output).empty())
+    struct stat targetStat {};
+    bool regularOrNew = output.empty() || ::stat(output.c_str(), &targetStat) != 0 || S_ISREG(targetStat.st_mode);
+    if (!exportType && !dryRun && !inPlace && regularOrNew && !media::Container::forPath(output))
         throw UsageError("cannot tell the container of \"" + output
                          + "\" from its extension: use .mov, .mp4, .m4v, .mkv or .webm (or --type for the other export types)");
 
@@ -103,21 +103,13 @@ int sync(commandline::Parsed const& args, json& out)
     if (args.has("--points")) pointsText = readPointsText(args.value("--points"));
 
     out = {{"file", path}, {"output", inPlace ? path : output}, {"in_place", inPlace}, {"dry_run", dryRun}};
-    media::OpenedMovie om = media::openMovie(path);
-    for (auto const& n : om.notes) note(n + ".");
-    SavedSync saved = adoptSavedSync(*om.movie, om.syncPointsTag);
-    if (!saved.note.empty()) note(saved.note);
+    auto session = openSession(path);
+    media::OpenedMovie const& om = session->file();
     double openSeconds = secondsSince(t0);
-    if (inPlace && om.container.empty()) {
-        auto dot = path.find_last_of('.');
-        auto slash = path.find_last_of('/');
-        std::string stem = dot == std::string::npos || (slash != std::string::npos && dot < slash) ? path : path.substr(0, dot);
-        throw Refused{"\"" + path + "\" is a " + om.formatName + " file, which Dubmatch reads but does not write, so it cannot be saved in place.",
-                      "Save a copy instead: -o " + stem + "-synced."
-                          + media::extensionOfContainer(media::containerForSaveAs(om.container, om.formatName))};
-    }
-    options.container = inPlace ? om.container : media::containerForPath(output);
-    if (!inPlace && options.container.empty()) options.container = "mov"; // not a file: refused before anything is written
+    dmsync::SaveTarget target{inPlace ? path : output, inPlace};
+    options.container = session->containerFor(target);
+    // Not a file: refused by the writer before anything is written.
+    if (!options.container) options.container = media::Container::Kind::QuickTime;
     if (om.truncated) {
         char line[256];
         std::snprintf(line, sizeof line, "\"%s\" is cut short: it can be read to %.3f s of the %.3f s it declares.", path.c_str(),
@@ -125,9 +117,7 @@ int sync(commandline::Parsed const& args, json& out)
         if (!acceptTruncated) throw Refused{line, "Nothing was written; give --accept-truncated to sync what there is."};
         note(line);
     }
-    auto made = makeOffsetList(om.movie.get(), nullptr);
-    if (auto* refusal = std::get_if<Refusal>(&made)) throw Refused{refusal->message, refusal->suggestion};
-    OffsetList& list = *std::get<std::unique_ptr<OffsetList>>(made);
+    OffsetList& list = session->list();
     long scale = list.soundTrack()->timeScale();
     std::vector<Offset> points;
     try {
@@ -139,7 +129,7 @@ int sync(commandline::Parsed const& args, json& out)
         for (auto const& p : parsePoints(args.value("--points"), *pointsText, scale)) points.push_back(p);
     if (args.has("--auto")) {
         if (!points.empty() || args.has("--from-movie")) throw UsageError("--auto finds its own points: give no other points");
-        auto found = findSuggestions(*om.movie, list, quiet);
+        auto found = findSuggestions(session->movie(), list, quiet);
         auto const& sg = found.suggestion;
         std::vector<suggest::LocalOffset> confident;
         for (auto const& c : sg.candidates)
@@ -161,16 +151,17 @@ int sync(commandline::Parsed const& args, json& out)
         for (auto const& c : confident) points.emplace_back(myQTTime(c.movieTime, scale), myQTTime(c.audioTime, scale));
         if (!asJson) note("syncing with " + std::to_string(points.size()) + " suggested point(s) of confidence " + std::to_string(minConfidence).substr(0, 4) + " or more.");
     }
-    bool fromMovie = args.has("--from-movie") || (points.empty() && saved.points && !saved.points->empty());
+    auto const& stored = session->storedPoints();
+    bool fromMovie = args.has("--from-movie") || (points.empty() && stored && !stored->empty());
     if (fromMovie) {
         if (!points.empty()) throw UsageError("--from-movie takes the points stored in the movie: give no other points");
-        if (!saved.points) throw Refused{"\"" + path + "\" carries no sync points that can be used.", saved.note};
-        points = *saved.points;
+        if (!stored) throw Refused{"\"" + path + "\" carries no sync points that can be used.", session->storedNote()};
+        points = *stored;
         note("using the " + std::to_string(points.size()) + " sync point(s) stored in the movie.");
     }
     if (points.empty()) note("no sync points given: the sound is written unchanged.");
     // The line is checked before any work: a mistaken point costs nothing.
-    Prediction predicted = predict(path, list, points, saved.backupAdopted, options.soundCodec);
+    Prediction predicted = session->predict(points, options.soundCodec);
     out["prediction"] = predictionJson(predicted);
     if (!predicted.problem.empty()) {
         std::string check = fromMovie ? "The points stored in the movie do not fit it: give points with --point or --points."
@@ -182,8 +173,6 @@ int sync(commandline::Parsed const& args, json& out)
     }
     list.replacePoints(points);
     out["points_from_movie"] = fromMovie;
-    // The points travel with the movie, so that it can be opened again and refined.
-    options.syncPoints = syncPointsTag(list);
 
     int fields = list.duration().width();
     out["fit"] = {{"slope", list.slope()}, {"intercept", list.intercept()}, {"kept_previous_line", list.keptPreviousLine()}};
@@ -214,14 +203,13 @@ int sync(commandline::Parsed const& args, json& out)
 
     media::WriteResult result;
     options.stop = &gStop;
-    std::string written = inPlace ? path : output;
+    std::string written = target.path;
+    target.exportType = exportType;
     // A stop once the new file is in place changes nothing on disk: the sync is done.
     setStopAnswers({stopAnswer(true, "")});
     auto w0 = std::chrono::steady_clock::now();
     try {
-        if (inPlace) result = media::saveInPlace(*om.movie, path, progressBar(quiet), options);
-        else if (exportType) result = media::exportMovie(*om.movie, output, *exportType, myQTTime(), progressBar(quiet), options);
-        else result = media::writeMovie(*om.movie, output, progressBar(quiet), options);
+        result = session->save(target, progressBar(quiet), options);
     } catch (media::StreamsLeftOut const& e) {
         throw Refused{std::string("nothing was written. ") + e.what(),
                       "Write to another container (-o NAME.mkv takes almost anything), or accept the loss with --drop-unsupported."};

@@ -187,7 +187,7 @@ int run(std::string const& name, std::vector<std::string> const& rest)
         }
         return status;
     } catch (Refused const& r) {
-        return failed(kFailed, r.message, r.suggestion);
+        return failed(kFailed, r.what(), r.suggestion());
     } catch (media::Cancelled const&) {
         return failed(kStopped, "stopped; nothing was written.", "");
     } catch (UsageError const&) {

@@ -92,6 +92,8 @@ public:
     OffsetList(dm::Movie* movie, SyncDocument* document);
     OffsetList(OffsetList const&) = delete;
     OffsetList& operator=(OffsetList const&) = delete;
+    // Who is told of changes from now on (null: nobody).
+    void setDocument(SyncDocument* document) { document_ = document; }
 
     std::vector<Offset> const& points() const { return points_; }
     // An iterator to the point at `index`; valid until the next change.

@@ -27,15 +27,15 @@ Refusal tooManySoundTracksRefusal()
             contact("Dubmatch currently only handles one sound track.", " if support for multiple sound tracks is of interest to you.")};
 }
 
-std::variant<std::unique_ptr<OffsetList>, Refusal> makeOffsetList(dm::Movie* movie, SyncDocument* document)
+std::unique_ptr<OffsetList> makeOffsetList(dm::Movie* movie, SyncDocument* document)
 {
     try {
         return std::make_unique<OffsetList>(movie, document);
     } catch (OffsetList::NoSoundTracks const&) {
-        return noSoundTracksRefusal();
+        throw Refused(noSoundTracksRefusal());
     } catch (OffsetList::MPEGMovie const&) {
-        return mpegMovieRefusal();
+        throw Refused(mpegMovieRefusal());
     } catch (OffsetList::TooManySoundTracks const&) {
-        return tooManySoundTracksRefusal();
+        throw Refused(tooManySoundTracksRefusal());
     }
 }

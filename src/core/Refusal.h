@@ -4,8 +4,8 @@
 #include "OffsetList.h"
 
 #include <memory>
+#include <stdexcept>
 #include <string>
-#include <variant>
 
 struct Refusal {
     std::string message;    // what is wrong
@@ -19,6 +19,22 @@ Refusal noSoundTracksRefusal();
 Refusal mpegMovieRefusal();
 Refusal tooManySoundTracksRefusal();
 
-// Builds the sync point list of a movie, or the refusal that explains why the
-// movie has no single enabled sound track.
-std::variant<std::unique_ptr<OffsetList>, Refusal> makeOffsetList(dm::Movie* movie, SyncDocument* document);
+// A refusal thrown: what() says what is wrong, suggestion() what the user
+// can do. The front ends turn it into their message.
+class Refused : public std::runtime_error {
+public:
+    explicit Refused(std::string const& message, std::string suggestion = {})
+        : std::runtime_error(message), suggestion_(std::move(suggestion))
+    {
+    }
+    explicit Refused(Refusal const& r) : Refused(r.message, r.suggestion) {}
+    std::string const& suggestion() const { return suggestion_; }
+    Refusal refusal() const { return {what(), suggestion_}; }
+
+private:
+    std::string suggestion_;
+};
+
+// Builds the sync point list of a movie; throws Refused, saying why, when
+// the movie has no single enabled sound track.
+std::unique_ptr<OffsetList> makeOffsetList(dm::Movie* movie, SyncDocument* document);

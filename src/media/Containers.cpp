@@ -31,61 +31,79 @@ struct TrialOutput {
 
 } // namespace
 
-std::string containerForPath(std::string const& path)
+namespace {
+
+struct Traits {
+    Container::Kind kind;
+    char const* muxer;
+    char const* title;
+    char const* extension;
+};
+
+constexpr Traits kTraits[] = {
+    {Container::Kind::None, "", "", ""},
+    {Container::Kind::QuickTime, "mov", "QuickTime", "mov"},
+    {Container::Kind::Mpeg4, "mp4", "MPEG-4", "mp4"},
+    {Container::Kind::Gpp, "3gp", "3GPP", "3gp"},
+    {Container::Kind::Gpp2, "3g2", "3GPP2", "3g2"},
+    {Container::Kind::Matroska, "matroska", "Matroska", "mkv"},
+    {Container::Kind::WebM, "webm", "WebM", "webm"},
+    {Container::Kind::Aiff, "aiff", "AIFF", "aiff"},
+    {Container::Kind::Dv, "dv", "DV", "dv"},
+};
+
+Traits const& traits(Container::Kind kind) { return kTraits[static_cast<int>(kind)]; }
+
+} // namespace
+
+Container Container::named(std::string_view muxer)
+{
+    for (Traits const& t : kTraits)
+        if (t.kind != Kind::None && muxer == t.muxer) return t.kind;
+    return {};
+}
+
+Container Container::forPath(std::string const& path)
 {
     auto slash = path.find_last_of('/');
     auto dot = path.find_last_of('.');
-    if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return "";
-    static const std::map<std::string, std::string> byExtension = {
-        {"mov", "mov"}, {"qt", "mov"}, {"mp4", "mp4"}, {"m4v", "mp4"}, {"3gp", "3gp"}, {"3g2", "3g2"}, {"mkv", "matroska"}, {"webm", "webm"},
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return {};
+    static const std::map<std::string, Kind> byExtension = {
+        {"mov", Kind::QuickTime}, {"qt", Kind::QuickTime}, {"mp4", Kind::Mpeg4}, {"m4v", Kind::Mpeg4},
+        {"3gp", Kind::Gpp},       {"3g2", Kind::Gpp2},     {"mkv", Kind::Matroska}, {"webm", Kind::WebM},
     };
     auto it = byExtension.find(lower(path.substr(dot + 1)));
-    return it == byExtension.end() ? "" : it->second;
+    return it == byExtension.end() ? Container() : Container(it->second);
 }
 
-bool isQuickTimeFamily(std::string const& container)
+Container Container::forImport(std::string const& formatName)
 {
-    return container == "mov" || container == "mp4" || container == "3gp" || container == "3g2";
+    return formatName == "dv" ? Kind::QuickTime : Kind::Matroska;
 }
 
-bool isMatroskaFamily(std::string const& container) { return container == "matroska" || container == "webm"; }
+char const* Container::muxer() const { return traits(kind_).muxer; }
+char const* Container::title() const { return traits(kind_).title; }
+char const* Container::extension() const { return traits(kind_).extension; }
 
-bool isWritableContainer(std::string const& container) { return isQuickTimeFamily(container) || isMatroskaFamily(container); }
-
-std::string extensionOfContainer(std::string const& container)
+bool Container::isQuickTimeFamily() const
 {
-    if (container == "matroska") return "mkv";
-    return container;
+    return kind_ == Kind::QuickTime || kind_ == Kind::Mpeg4 || kind_ == Kind::Gpp || kind_ == Kind::Gpp2;
 }
 
-std::string containerTitle(std::string const& container)
-{
-    if (container == "mov") return "QuickTime";
-    if (container == "mp4") return "MPEG-4";
-    if (container == "3gp") return "3GPP";
-    if (container == "3g2") return "3GPP2";
-    if (container == "matroska") return "Matroska";
-    if (container == "webm") return "WebM";
-    return container;
-}
+bool Container::isMatroskaFamily() const { return kind_ == Kind::Matroska || kind_ == Kind::WebM; }
 
-std::string containerForImport(std::string const& formatName)
-{
-    return formatName == "dv" ? "mov" : "matroska";
-}
-
-bool containerTakes(std::string const& container, AVCodecParameters const* par, AVDictionary const* metadata, int disposition)
+bool containerTakes(Container container, AVCodecParameters const* par, AVDictionary const* metadata, int disposition)
 {
     // WebM writers skip attachments without a word: only Matroska keeps them.
-    if (par->codec_type == AVMEDIA_TYPE_ATTACHMENT && container != "matroska") return false;
+    if (par->codec_type == AVMEDIA_TYPE_ATTACHMENT && container != Container::Kind::Matroska) return false;
     TrialOutput out;
-    if (avformat_alloc_output_context2(&out.fmt, nullptr, container.c_str(), nullptr) < 0 || !out.fmt) return false;
+    if (!container || avformat_alloc_output_context2(&out.fmt, nullptr, container.muxer(), nullptr) < 0 || !out.fmt) return false;
     // The QuickTime and MPEG-4 writers accept sound and pictures of codecs
     // they have no sample description for (WMA, Windows Media Video) and
     // write files that no reader can decode: a codec they do not list is
     // not taken. (The Matroska writer lists fewer codecs than it stores
     // through its Windows compatibility modes, so its list is not asked.)
-    if (isQuickTimeFamily(container) && (par->codec_type == AVMEDIA_TYPE_AUDIO || par->codec_type == AVMEDIA_TYPE_VIDEO)
+    if (container.isQuickTimeFamily() && (par->codec_type == AVMEDIA_TYPE_AUDIO || par->codec_type == AVMEDIA_TYPE_VIDEO)
         && avformat_query_codec(out.fmt->oformat, par->codec_id, FF_COMPLIANCE_NORMAL) == 0)
         return false;
     AVStream* st = avformat_new_stream(out.fmt, nullptr);
@@ -107,10 +125,10 @@ bool containerTakes(std::string const& container, AVCodecParameters const* par, 
 std::string containersTaking(AVCodecParameters const* par, AVDictionary const* metadata, int disposition)
 {
     std::string list;
-    for (char const* c : {"mov", "mp4", "matroska", "webm"}) {
+    for (Container c : {Container::Kind::QuickTime, Container::Kind::Mpeg4, Container::Kind::Matroska, Container::Kind::WebM}) {
         if (!containerTakes(c, par, metadata, disposition)) continue;
         if (!list.empty()) list += ", ";
-        list += containerTitle(c);
+        list += c.title();
     }
     return list;
 }

@@ -18,26 +18,25 @@ constexpr int kRate = 48000;
 myQTTime at(double s) { return myQTTime(static_cast<long long>(std::llround(s * kRate)), kRate); }
 
 struct Fixture {
-    media::OpenedMovie om;
+    std::unique_ptr<dmsync::MovieSession> movie;
     std::unique_ptr<media::Player> player;
     std::unique_ptr<SyncSession> session;
     SyncSession::Settings settings;
     int changes = 0, modeChanges = 0, pointChanges = 0;
     std::optional<QTTimeRange> shown;
 
-    explicit Fixture(std::string const& path) : om(media::openMovie(path))
+    explicit Fixture(std::string const& path) : movie(dmsync::MovieSession::open(path))
     {
         media::PlayerOptions o;
         o.output = std::make_unique<media::ManualAudioOutput>();
         o.video = false;
-        player = std::make_unique<media::Player>(om.movie, std::move(o));
+        player = std::make_unique<media::Player>(movie->sharedMovie(), std::move(o));
         SyncSession::Hooks h;
         h.changed = [this](int d) { changes += d; };
         h.modeChanged = [this] { ++modeChanges; };
         h.pointsChanged = [this] { ++pointChanges; };
         h.selectionShown = [this](QTTimeRange r) { shown = r; };
-        auto made = SyncSession::make(om.movie.get(), player.get(), [this] { return settings; }, h);
-        if (auto* s = std::get_if<std::unique_ptr<SyncSession>>(&made)) session = std::move(*s);
+        session = SyncSession::make(*movie, player.get(), [this] { return settings; }, h);
     }
     void startAt(double seconds)
     {
@@ -60,7 +59,7 @@ TEST(SyncSession, StartNudgeAcceptFollowTheModes)
     EXPECT_EQ(f.session->startTime().timeValue, 2 * kRate); // "loopLength" before the play head
     EXPECT_EQ(f.session->endTime().timeValue, 6 * kRate);
     EXPECT_TRUE(f.player->isPlaying());
-    EXPECT_TRUE(f.om.movie->loops());
+    EXPECT_TRUE(f.movie->movie().loops());
     ASSERT_TRUE(f.shown);
     EXPECT_NEAR(myQTTime(f.shown->duration).seconds(), 4.0, 1e-9);
     EXPECT_EQ(f.session->numberOfRows(), 1);
@@ -85,7 +84,7 @@ TEST(SyncSession, StartNudgeAcceptFollowTheModes)
     EXPECT_EQ(f.session->movieMode(), "endNeedsSync");
     ASSERT_EQ(f.session->offsets()->points().size(), 1u);
     EXPECT_NEAR(f.session->offsets()->points()[0].offset().seconds(), 0.015, 1e-6);
-    EXPECT_FALSE(f.om.movie->loops());
+    EXPECT_FALSE(f.movie->movie().loops());
     EXPECT_EQ(f.changes, 1);
 
     // A second point near the end: the line is fitted through both.
@@ -225,10 +224,10 @@ TEST(SyncSession, SettingsAreReadAtEveryStep)
 
     // Selecting one point loops around it; none plays the whole movie.
     f.session->selectionChanged({0});
-    EXPECT_TRUE(f.om.movie->loops());
+    EXPECT_TRUE(f.movie->movie().loops());
     EXPECT_TRUE(f.session->loopMiddle() == f.session->offsets()->points()[0].movieTime);
     f.session->selectionChanged({});
-    EXPECT_FALSE(f.om.movie->loops());
+    EXPECT_FALSE(f.movie->movie().loops());
 }
 
 // A viewer who nudges the sound until the click they hear comes with the
@@ -239,7 +238,7 @@ Offset acceptByEye(int held, int reported, double userDelayMs = 0)
 {
     auto spec = smallSpec(12, 0.2, 1.0); // every click 200 ms after its flash
     spec.flashInterval = 1.0;
-    media::OpenedMovie om = media::openMovie(cachedMovie("session-late-12s.mov", spec));
+    auto movie = dmsync::MovieSession::open(cachedMovie("session-late-12s.mov", spec));
     auto out = std::make_unique<media::ManualAudioOutput>();
     media::ManualAudioOutput* device = out.get();
     device->setLatencyFrames(reported);
@@ -247,10 +246,9 @@ Offset acceptByEye(int held, int reported, double userDelayMs = 0)
     o.output = std::move(out);
     o.video = false;
     o.outputDelayMs = userDelayMs;
-    media::Player player(om.movie, std::move(o));
+    media::Player player(movie->sharedMovie(), std::move(o));
     SyncSession::Settings settings;
-    auto made = SyncSession::make(om.movie.get(), &player, [&] { return settings; }, {});
-    auto session = std::move(std::get<std::unique_ptr<SyncSession>>(made));
+    auto session = SyncSession::make(*movie, &player, [&] { return settings; }, {});
     player.setCurrentTime(at(6));
     session->startSync(); // loops 2 s .. 6 s
 
@@ -312,14 +310,19 @@ TEST(SyncSession, AMovieWithoutSoundIsRefused)
 {
     auto spec = smallSpec(4, 0.0, 1.0);
     spec.withSound = false;
-    media::OpenedMovie om = media::openMovie(cachedMovie("session-silent.mov", spec));
+    auto movie = dmsync::MovieSession::open(cachedMovie("session-silent.mov", spec));
+    EXPECT_FALSE(movie->canSync());
     media::PlayerOptions o;
     o.output = std::make_unique<media::ManualAudioOutput>();
     o.video = false;
-    media::Player player(om.movie, std::move(o));
-    auto made = SyncSession::make(om.movie.get(), &player, {});
-    ASSERT_TRUE(std::holds_alternative<Refusal>(made));
-    EXPECT_FALSE(std::get<Refusal>(made).message.empty());
+    media::Player player(movie->sharedMovie(), std::move(o));
+    try {
+        SyncSession::make(*movie, &player, {});
+        ADD_FAILURE() << "a movie without sound was taken";
+    } catch (Refused const& r) {
+        EXPECT_EQ(std::string(r.what()), movie->refusal().message);
+        EXPECT_FALSE(r.suggestion().empty());
+    }
 }
 
 } // namespace

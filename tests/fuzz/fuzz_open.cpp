@@ -26,17 +26,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size)
     std::fclose(f);
     try {
         media::OpenedMovie om = media::openMovie(path);
-        auto made = makeOffsetList(om.movie.get(), nullptr);
-        if (auto* list = std::get_if<std::unique_ptr<OffsetList>>(&made)) {
-            auto sound = (*list)->soundTrack();
+        auto list = makeOffsetList(om.movie.get(), nullptr);
+        {
+            auto sound = list->soundTrack();
             media::AudioRenderer r(std::static_pointer_cast<const media::FileMedia>(sound->media()));
             media::PcmBuffer pcm(r.channels(), 4096);
             r.render(*sound->editList(), 0, pcm);
             std::vector<Offset> pts{Offset(myQTTime(1.0, 600), myQTTime(1.1, 600)), Offset(myQTTime(2.0, 600), myQTTime(2.05, 600))};
-            (*list)->replacePoints(pts);
+            list->replacePoints(pts);
             media::writeMovie(*om.movie, dir + "/copy.mov");
         }
     } catch (media::MediaError const&) {
+    } catch (Refused const&) {
     } catch (myQTTime::BadScale const&) {
     }
     return 0;

@@ -540,7 +540,7 @@ TEST(SoundFormat, KeepsLosslessLosslessAndLossyAboveTheFloor)
         ASSERT_EQ(av_channel_layout_from_string(&par->ch_layout, r.layout), 0);
         std::string what = std::string(avcodec_get_name(r.source)) + " " + r.layout + " in " + r.container + " as "
                          + media::soundCodecName(r.policy) + (r.lossless ? " (lossless)" : "");
-        media::SoundFormat f = media::chooseSoundFormat(r.container, par.get(), par->ch_layout, r.policy, r.lossless);
+        media::SoundFormat f = media::chooseSoundFormat(media::Container::named(r.container), par.get(), par->ch_layout, r.policy, r.lossless);
         EXPECT_EQ(f.encoder, r.encoder) << what;
         if (r.expectBits) {
             EXPECT_EQ(f.bitsPerRawSample, r.expectBits) << what;
@@ -724,7 +724,7 @@ TEST(SavedPoints, ABackupWithoutPointsIsTheSoundNewPointsStartFrom)
     {
         media::OpenedMovie om = media::openMovie(dir.file("synced.mov"));
         media::SaveOptions options;
-        options.container = "mov";
+        options.container = media::Container::Kind::QuickTime;
         options.syncPoints = std::string();
         media::writeMovie(*om.movie, old, {}, options);
     }

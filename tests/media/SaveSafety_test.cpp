@@ -485,9 +485,9 @@ TEST(SaveCheck, ANewFileMustReadBackAsWritten)
         EXPECT_GT(output.tally().streams()[0].packets, 50);
         r.spoil(file);
         if (r.passes) {
-            EXPECT_NO_THROW(output.verify(r.container));
+            EXPECT_NO_THROW(output.verify(media::Container::named(r.container)));
         } else {
-            EXPECT_THROW(output.verify(r.container), SaveCheckFailed);
+            EXPECT_THROW(output.verify(media::Container::named(r.container)), SaveCheckFailed);
         }
     }
     EXPECT_TRUE(listDir(dir.path()).empty()); // never committed: nothing left

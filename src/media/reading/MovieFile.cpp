@@ -439,7 +439,7 @@ Readable measureReadable(AVFormatContext* fmt, SourceFile const& file)
 
 } // namespace
 
-std::string containerOfInput(AVFormatContext const* fmt, std::string const& path)
+Container containerOfInput(AVFormatContext const* fmt, std::string const& path)
 {
     std::string name = fmt->iformat->name;
     auto dot = path.find_last_of("./");
@@ -449,25 +449,25 @@ std::string containerOfInput(AVFormatContext const* fmt, std::string const& path
         // One demuxer reads both: the file type box tells them apart, and a
         // file without one is an old QuickTime movie.
         std::string brand = metadata(fmt->metadata, "major_brand");
-        if (brand.rfind("qt", 0) == 0) return "mov";
+        if (brand.rfind("qt", 0) == 0) return Container::Kind::QuickTime;
         // A phone's file stays a 3GPP file: its muxer takes H.263 and AMR.
-        if (brand.rfind("3gp", 0) == 0 || brand.rfind("3gg", 0) == 0) return "3gp";
-        if (brand.rfind("3g2", 0) == 0) return "3g2";
-        if (brand.empty() && (ext == "3gp" || ext == "3g2")) return ext;
-        if (brand.empty()) return ext == "mp4" || ext == "m4v" || ext == "m4a" ? "mp4" : "mov";
-        return ext == "mov" || ext == "qt" ? "mov" : "mp4";
+        if (brand.rfind("3gp", 0) == 0 || brand.rfind("3gg", 0) == 0) return Container::Kind::Gpp;
+        if (brand.rfind("3g2", 0) == 0) return Container::Kind::Gpp2;
+        if (brand.empty() && (ext == "3gp" || ext == "3g2")) return Container::named(ext);
+        if (brand.empty()) return ext == "mp4" || ext == "m4v" || ext == "m4a" ? Container::Kind::Mpeg4 : Container::Kind::QuickTime;
+        return ext == "mov" || ext == "qt" ? Container::Kind::QuickTime : Container::Kind::Mpeg4;
     }
     if (name.find("matroska") != std::string::npos) {
-        if (ext != "webm") return "matroska";
+        if (ext != "webm") return Container::Kind::Matroska;
         // WebM stays WebM while every stream is one WebM takes.
         AVOutputFormat const* webm = av_guess_format("webm", nullptr, nullptr);
         for (unsigned i = 0; i < fmt->nb_streams; ++i) {
             AVCodecParameters const* par = fmt->streams[i]->codecpar;
-            if (!webm || avformat_query_codec(webm, par->codec_id, FF_COMPLIANCE_NORMAL) != 1) return "matroska";
+            if (!webm || avformat_query_codec(webm, par->codec_id, FF_COMPLIANCE_NORMAL) != 1) return Container::Kind::Matroska;
         }
-        return "webm";
+        return Container::Kind::WebM;
     }
-    return "";
+    return {};
 }
 
 namespace {

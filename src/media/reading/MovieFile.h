@@ -2,6 +2,7 @@
 #pragma once
 
 #include "AtomicFile.h"
+#include "Containers.h"
 #include "FFmpeg.h"
 #include "movie/Movie.h"
 
@@ -106,11 +107,10 @@ struct OpenedMovie {
     std::shared_ptr<dm::Movie> movie;
     std::shared_ptr<SourceFile> file;
     std::string formatName;
-    // The muxer that writes this kind of file back ("mov", "mp4",
-    // "matroska", "webm"), or empty when the file's container is one that
-    // is read but not written (MPEG-TS, AVI, DV...): such a movie is saved
-    // as a new file.
-    std::string container;
+    // The container that writes this kind of file back, or none when the
+    // file's container is one that is read but not written (MPEG-TS, AVI,
+    // DV...): such a movie is saved as a new file.
+    Container container;
     // The file ends before the length its header declares (a copy or a
     // download cut short): its streams can be read only up to
     // `readableSeconds` of the `declaredSeconds` that the tracks claim.
@@ -126,9 +126,9 @@ struct OpenedMovie {
     static FileMedia const& mediaOf(dm::Track const& track);
 };
 
-// The muxer that writes a file like the one demuxed by `fmt` (opened from
+// The container that writes a file like the one demuxed by `fmt` (opened from
 // `path`), or empty when that container is not written.
-std::string containerOfInput(AVFormatContext const* fmt, std::string const& path);
+Container containerOfInput(AVFormatContext const* fmt, std::string const& path);
 
 // Quick answer for an open panel: does libavformat recognise the file as a
 // container with at least one audio or video stream? Reads only the head of

@@ -149,7 +149,7 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
     std::vector<Decision> const& decisions = prepared.decisions;
 
     AVFormatContext* raw = nullptr;
-    check(avformat_alloc_output_context2(&raw, nullptr, plan.container.c_str(), output.url().c_str()), "Choosing the container");
+    check(avformat_alloc_output_context2(&raw, nullptr, plan.container.muxer(), output.url().c_str()), "Choosing the container");
     OutputContext out(raw);
     out->interrupt_callback = report.interrupt();
 
@@ -181,7 +181,7 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
     // fraction of a millisecond so that the pictures land on that grid, and
     // the rendered sound moves with them.
     std::int64_t gridShiftUs = 0;
-    if (plan.container == "matroska" || plan.container == "webm")
+    if (plan.container.isMatroskaFamily())
         for (auto const& d : decisions)
             if (d.how == TrackPlan::How::Copied && d.track->mediaType() == dm::MediaType::Video && d.track->isEnabled()) {
                 std::int64_t startUs = av_rescale_q(d.media->startPts, d.media->timeBase, AV_TIME_BASE_Q) - d.media->origin;
@@ -209,7 +209,7 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
                 // The muxer keeps the sound's samples in its own ticks.
                 if (work.den == ticks.den) st->time_base = ticks;
                 // QuickTime and MPEG-4 start a stream before 0 with an edit list.
-                c.keepStraddling = isQuickTimeFamily(plan.container);
+                c.keepStraddling = plan.container.isQuickTimeFamily();
                 c.delayOnly = d.cut == 0;
                 // The empty edit that delays it is counted in the movie's
                 // time scale: the sound's own places it to the sample.
@@ -220,7 +220,7 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
             auto s = std::make_unique<SoundEncoder>(out.get(), track, d.sound, plan.dv ? seconds + 1 : 0,
                                                     av_rescale(gridShiftUs, d.sound.sampleRate, AV_TIME_BASE),
                                                     plan.options.soundThreads);
-            if (d.in && !plan.dv && plan.container != "aiff") copyStreamTags(s->stream(), d.in, enabled);
+            if (d.in && !plan.dv && plan.container != Container::Kind::Aiff) copyStreamTags(s->stream(), d.in, enabled);
             else s->stream()->disposition = enabled ? AV_DISPOSITION_DEFAULT : 0;
             if (!name.empty()) setName(s->stream(), name);
             soundRate = soundRate ? soundRate : d.sound.sampleRate;
@@ -233,7 +233,7 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
         }
     }
     if (copies.empty() && sounds.empty() && videos.empty()) throw MediaError("The movie has nothing to write in this format.");
-    bool rich = isWritableContainer(plan.container);
+    bool rich = plan.container.takesSaves();
     if (mainFile && rich) copyFileDetails(out.get(), inputs.of(*mainFile), fileMedia(*decisions.front().track).origin);
     // Points only go with a backup: a file of the enabled tracks alone carries none.
     if (plan.enabledOnly) av_dict_set(&out->metadata, kSyncPointsTag, nullptr, 0);
@@ -242,17 +242,17 @@ WriteResult writeFlat(dm::Movie const& movie, MovieOutput& output, Plan const& p
 
     output.attach(out.get());
     // The muxer's index is kept small: sound goes to it in bundles of frames.
-    bool bundled = isQuickTimeFamily(plan.container) && !plan.fastStart && plan.options.bundleSound;
+    bool bundled = plan.container.isQuickTimeFamily() && !plan.fastStart && plan.options.bundleSound;
     if (bundled) output.bundleSound(out.get());
     AVDictionary* opts = nullptr;
-    if (isQuickTimeFamily(plan.container)) {
+    if (plan.container.isQuickTimeFamily()) {
         if (plan.fastStart) av_dict_set(&opts, "movflags", "+faststart", 0);
         // A key of our own is written only as a QuickTime metadata item (mdta).
         if (av_dict_get(out->metadata, kSyncPointsTag, nullptr, 0)) av_dict_set(&opts, "movflags", "+use_metadata_tags", AV_DICT_APPEND);
         if (soundRate > 0) av_dict_set_int(&opts, "movie_timescale", soundRate, 0);
         // An MPEG-4 or 3GPP file keeps its major brand (a phone's 3gp5 stays
         // 3gp5, an mp42 file stays mp42) rather than becoming the writer's own.
-        if (plan.container != "mov" && mainFile)
+        if (plan.container != Container::Kind::QuickTime && mainFile)
             if (AVDictionaryEntry const* brand = av_dict_get(inputs.of(*mainFile)->metadata, "major_brand", nullptr, 0))
                 if (std::strlen(brand->value) == 4 && std::strncmp(brand->value, "qt", 2) != 0) av_dict_set(&opts, "brand", brand->value, 0);
     }
@@ -470,13 +470,13 @@ WriteResult writeFlc(dm::Movie const& movie, std::string const& path, Progress c
     return r;
 }
 
-std::string containerNamed(std::string const& container, std::string const& path, char const* what)
+Container containerNamed(Container container, std::string const& path, char const* what)
 {
-    std::string c = !container.empty() ? container : containerForPath(path);
-    if (c.empty())
+    Container c = container ? container : Container::forPath(path);
+    if (!c)
         throw MediaError(std::string(what) + " \"" + baseName(path)
                          + "\": Dubmatch writes QuickTime (.mov), MPEG-4 (.mp4, .m4v), Matroska (.mkv) and WebM (.webm) movies.");
-    if (!isWritableContainer(c)) throw MediaError("Dubmatch does not write " + c + " files.");
+    if (!c.takesSaves()) throw MediaError(std::string("Dubmatch does not save movies as ") + c.title() + " files.");
     return c;
 }
 
@@ -520,9 +520,9 @@ StreamsLeftOut::StreamsLeftOut(std::vector<std::string> streams)
 {
 }
 
-std::string containerForSaveAs(std::string const& ownContainer, std::string const& formatName)
+Container containerForSaveAs(Container ownContainer, std::string const& formatName)
 {
-    return !ownContainer.empty() ? ownContainer : containerForImport(formatName);
+    return ownContainer ? ownContainer : Container::forImport(formatName);
 }
 
 WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress const& progress, SaveOptions const& options)
@@ -539,7 +539,7 @@ WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress
     return r;
 }
 
-WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress const& progress, std::string const& container)
+WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress const& progress, Container container)
 {
     SaveOptions options;
     options.container = container;
@@ -577,7 +577,7 @@ WriteResult saveInPlace(dm::Movie const& movie, std::string const& path, Progres
     return r;
 }
 
-WriteResult saveInPlace(dm::Movie const& movie, std::string const& path, Progress const& progress, std::string const& container)
+WriteResult saveInPlace(dm::Movie const& movie, std::string const& path, Progress const& progress, Container container)
 {
     SaveOptions options;
     options.container = container;
@@ -595,18 +595,18 @@ WriteResult exportMovie(dm::Movie const& movie, std::string const& path, ExportT
     case ExportType::QuickTime: break;
     case ExportType::QuickTimeWeb: plan.fastStart = true; break;
     case ExportType::MPEG4:
-        plan.container = "mp4";
+        plan.container = Container::Kind::Mpeg4;
         plan.enabledOnly = true;
         plan.forceAac = true;
         plan.videoMustBeH264OrMpeg4 = true;
         break;
     case ExportType::AIFF:
-        plan.container = "aiff";
+        plan.container = Container::Kind::Aiff;
         plan.enabledOnly = true;
         plan.soundOnly = true;
         break;
     case ExportType::DV:
-        plan.container = "dv";
+        plan.container = Container::Kind::Dv;
         plan.enabledOnly = true;
         plan.dv = true;
         break;
@@ -615,7 +615,7 @@ WriteResult exportMovie(dm::Movie const& movie, std::string const& path, ExportT
     }
     bool flat = type != ExportType::BMP && type != ExportType::FLC;
     // Sound-only and DV files hold what they can by design; movie exports refuse losses as saves do.
-    if (flat && !isQuickTimeFamily(plan.container)) plan.options.dropUnsupported = true;
+    if (flat && !plan.container.isQuickTimeFamily()) plan.options.dropUnsupported = true;
     std::optional<Prepared> prepared;
     if (flat) {
         prepared = prepare(movie, plan);

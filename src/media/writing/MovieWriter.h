@@ -52,10 +52,9 @@ struct WriteResult {
 
 // How a movie is saved.
 struct SaveOptions {
-    // FFmpeg's muxer: "mov", "mp4", "matroska" or "webm". Empty: the one of
-    // the output path's extension (a new file) or of the movie's own file
-    // (in place).
-    std::string container;
+    // The container: one that takes saves. None: the one of the output
+    // path's extension.
+    Container container;
     // The codec of the re-timed sound track.
     SoundCodec soundCodec = SoundCodec::Same;
     // How the re-timed sound's encoding uses the cores (tests compare chunked and sequential).
@@ -94,7 +93,7 @@ struct TrackPlan {
 };
 
 struct SavePlan {
-    std::string container;
+    Container container;
     std::vector<TrackPlan> tracks;
     std::vector<std::string> losses; // one sentence per stream the container cannot hold
     std::vector<std::string> notes;  // codecs replaced, streams recreated
@@ -115,10 +114,14 @@ private:
 // container cannot hold the movie at all (no sound encoder fits).
 SavePlan planSave(dm::Movie const& movie, SaveOptions const& options);
 
+// About how many bytes a second of `sound`, re-timed and encoded as
+// `codec`, takes in a saved file (for predicting a save's size).
+double soundBytesPerSecond(dm::Track const& sound, SoundCodec codec);
+
 // The container a movie opened from a file in `formatName` is saved in when
 // the user asks for a new file without naming one: the file's own when it
 // is written (`ownContainer`), else Matroska (QuickTime for DV).
-std::string containerForSaveAs(std::string const& ownContainer, std::string const& formatName);
+Container containerForSaveAs(Container ownContainer, std::string const& formatName);
 
 // Writes a self-contained movie of every track: every stream the container
 // takes copied packet for packet with its metadata, dispositions, side data
@@ -133,7 +136,7 @@ std::string containerForSaveAs(std::string const& ownContainer, std::string cons
 // when the file does not read back).
 WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress const& progress, SaveOptions const& options);
 WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress const& progress = {},
-                       std::string const& container = "");
+                       Container container = {});
 
 // Saves the movie over the file it came from (container: the file's own,
 // which the caller passes in `options.container`, or the one of the path's
@@ -144,7 +147,7 @@ WriteResult writeMovie(dm::Movie const& movie, std::string const& path, Progress
 // movie stays usable (it keeps reading the original data).
 WriteResult saveInPlace(dm::Movie const& movie, std::string const& path, Progress const& progress, SaveOptions const& options);
 WriteResult saveInPlace(dm::Movie const& movie, std::string const& path, Progress const& progress = {},
-                        std::string const& container = "");
+                        Container container = {});
 
 // Exports the movie. `currentTime` picks the frame of a BMP export. The
 // QuickTime and MPEG-4 exports take `options.dropUnsupported` as a save does.

@@ -152,7 +152,7 @@ PresentationTimes presentationTimes(FileMedia const& media, std::atomic<bool> co
 
 unsigned codecTagFor(AVOutputFormat const* out, AVCodecParameters const* in)
 {
-    bool isoFamily = isQuickTimeFamily(out->name);
+    bool isoFamily = Container::named(out->name).isQuickTimeFamily();
     if (in->codec_tag && out->codec_tag && av_codec_get_id(out->codec_tag, in->codec_tag) == in->codec_id) {
         // hev1 (parameter sets in the stream) is valid but refused by Apple's players.
         if (isoFamily && in->codec_id == AV_CODEC_ID_HEVC) return MKTAG('h', 'v', 'c', '1');

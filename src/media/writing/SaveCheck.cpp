@@ -169,10 +169,10 @@ std::string seconds(double s)
     return buf;
 }
 
-char const* demuxerFor(std::string const& muxer)
+char const* demuxerFor(Container container)
 {
-    if (isQuickTimeFamily(muxer)) return "mov";
-    return muxer.c_str();
+    if (container.isQuickTimeFamily()) return "mov";
+    return container.muxer();
 }
 
 SourceFile::Input reopen(std::string const& path, std::shared_ptr<SourceFile>& file, AVDictionary** options)
@@ -200,10 +200,10 @@ bool isRawSound(AVCodecID id) { return av_get_exact_bits_per_sample(id) > 0 && a
 
 } // namespace
 
-void MovieOutput::verify(std::string const& muxer) const
+void MovieOutput::verify(Container container) const
 {
     auto const& want = tally_.streams();
-    char const* demuxer = demuxerFor(muxer);
+    char const* demuxer = demuxerFor(container);
     bool indexed = std::string(demuxer) == "mov";
     std::shared_ptr<SourceFile> file;
     AVDictionary* options = nullptr;
@@ -233,7 +233,7 @@ void MovieOutput::verify(std::string const& muxer) const
     std::vector<std::size_t> readIndex(want.size());
     {
         std::size_t next = 0;
-        bool matroska = muxer == "matroska" || muxer == "webm";
+        bool matroska = container.isMatroskaFamily();
         for (std::size_t i = 0; i < want.size(); ++i)
             if (!matroska || want[i].type != AVMEDIA_TYPE_ATTACHMENT) readIndex[i] = next++;
         for (std::size_t i = 0; i < want.size(); ++i)
@@ -296,7 +296,7 @@ void MovieOutput::verify(std::string const& muxer) const
         if (want[w].packets > 0 && got[i].packets == 0) throw SaveCheckFailed(which + " is empty.");
         double wrote = want[w].end - want[w].start, read = got[i].end - got[i].start;
         // DV carries sound only beside pictures: the muxer drops what is longer.
-        if (muxer == "dv" && want[w].type == AVMEDIA_TYPE_AUDIO)
+        if (container == Container::Kind::Dv && want[w].type == AVMEDIA_TYPE_AUDIO)
             for (auto const& v : want)
                 if (v.type == AVMEDIA_TYPE_VIDEO) wrote = std::min(wrote, v.end - v.start);
         double slack = std::max(want[w].longestPacket, 0.0) + 0.002;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "AtomicFile.h"
+#include "Containers.h"
 #include "FFmpeg.h"
 #include "SampleBundles.h"
 
@@ -64,10 +65,10 @@ public:
     // trailer or any write, seek or flush failed.
     void finish(AVFormatContext* out, int trailerResult);
     // Reopens the file and checks that it probes as the container of
-    // `muxer`, with the tallied streams, each with the tallied packet count
+    // `container`, with the tallied streams, each with the tallied packet count
     // (where the container keeps packets apart) and duration. Throws
     // SaveCheckFailed saying what is wrong.
-    void verify(std::string const& muxer) const;
+    void verify(Container container) const;
 
     PacketTally const& tally() const { return tally_; }
     std::int64_t bytes() const { return file_.size(); }

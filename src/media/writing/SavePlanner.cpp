@@ -114,8 +114,8 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
                              std::vector<std::string>& notes)
 {
     std::vector<Decision> out;
-    std::string const& container = plan.container;
-    bool flexible = isWritableContainer(container);
+    Container const container = plan.container;
+    bool flexible = container.takesSaves();
     SoundCodec policy = plan.forceAac ? SoundCodec::Aac : plan.options.soundCodec;
     bool haveDvVideo = false;
     // The file whose details (tags, chapters) the new file takes.
@@ -139,7 +139,7 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
         };
         if (track.mediaType() == dm::MediaType::Sound) {
             AVChannelLayout layout = layoutOf(m.codecpar);
-            if (plan.dv || container == "aiff") {
+            if (plan.dv || container == Container::Kind::Aiff) {
                 if (!enabled) continue;
                 d.how = TrackPlan::How::Encoded;
                 d.sound.encoder = plan.dv ? "pcm_s16le" : "pcm_s16be";
@@ -162,11 +162,11 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
                     d.sound = chooseSoundFormat(container, m.codecpar, layout, policy, true);
                     d.how = TrackPlan::How::Encoded;
                     d.detail = "stored losslessly, " + soundDetail(d.sound);
-                    notes.push_back(what + " " + d.detail + " (" + containerTitle(container) + " takes no "
+                    notes.push_back(what + " " + d.detail + " (" + std::string(container.title()) + " takes no "
                                     + avcodec_get_name(m.codecpar->codec_id) + ")");
                 } catch (MediaError const&) {
                     av_channel_layout_uninit(&layout);
-                    leaveOut(containerTitle(container) + " takes no " + avcodec_get_name(m.codecpar->codec_id)
+                    leaveOut(std::string(container.title()) + " takes no " + avcodec_get_name(m.codecpar->codec_id)
                              + " and no lossless codec for it");
                     continue;
                 }
@@ -182,7 +182,7 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
                 if (lossless == SaveOptions::LosslessShift::Always && (!move || !takes || !flexible || plan.forceAac)) {
                     av_channel_layout_uninit(&layout);
                     throw MediaError(!move ? "The sound is stretched, not only moved: it cannot be written without re-encoding."
-                                           : containerTitle(container) + " takes no " + avcodec_get_name(m.codecpar->codec_id)
+                                           : std::string(container.title()) + " takes no " + avcodec_get_name(m.codecpar->codec_id)
                                                  + ": the sound cannot be written without re-encoding.");
                 }
                 if (move && takes && flexible && !plan.forceAac && lossless != SaveOptions::LosslessShift::Never) {
@@ -234,7 +234,7 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
                 notes.push_back("video re-encoded as H.264");
             } else {
                 std::string takers = d.in ? containersTaking(m.codecpar, d.in->metadata, d.in->disposition) : "";
-                leaveOut(containerTitle(container) + " takes no " + avcodec_get_name(id) + (takers.empty() ? "" : " (" + takers + " can)"));
+                leaveOut(std::string(container.title()) + " takes no " + avcodec_get_name(id) + (takers.empty() ? "" : " (" + takers + " can)"));
                 continue;
             }
             out.push_back(d);
@@ -246,7 +246,7 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
             // QuickTime and MPEG-4 writers make the timecode track from it,
             // Matroska keeps the tag.
             d.how = TrackPlan::How::Recreated;
-            d.detail = isQuickTimeFamily(container) ? "recreated from the video's timecode"
+            d.detail = container.isQuickTimeFamily() ? "recreated from the video's timecode"
                                                                   : "kept as the video's timecode tag";
             out.push_back(d);
             continue;
@@ -255,7 +255,7 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
             // The file's chapters go with the file; QuickTime and MPEG-4
             // writers make the chapter track from them.
             d.how = TrackPlan::How::Recreated;
-            d.detail = isQuickTimeFamily(container) ? "recreated from the file's chapters" : "kept as the file's chapters";
+            d.detail = container.isQuickTimeFamily() ? "recreated from the file's chapters" : "kept as the file's chapters";
             out.push_back(d);
             continue;
         }
@@ -269,7 +269,7 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
         std::string thing = m.codecpar->codec_type == AVMEDIA_TYPE_ATTACHMENT ? std::string("attachments")
                           : id == AV_CODEC_ID_NONE                           ? std::string("data of this kind")
                                                                               : std::string(avcodec_get_name(id));
-        leaveOut(containerTitle(container) + " takes no " + thing
+        leaveOut(std::string(container.title()) + " takes no " + thing
                  + (takers.empty() ? "" : " (" + takers + (takers.find(',') == std::string::npos ? " does)" : " do)")));
     }
     return out;
@@ -284,9 +284,9 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
 // decoder plays on from the first packet kept, so the first whole frame
 // after the cut must land on a millisecond; a codec without a fixed frame
 // size (Vorbis) gives no way to tell where that frame is.
-bool placesExactly(std::string const& container, FileMedia const& m, std::int64_t shift, std::int64_t cut)
+bool placesExactly(Container container, FileMedia const& m, std::int64_t shift, std::int64_t cut)
 {
-    if (isQuickTimeFamily(container)) return true;
+    if (container.isQuickTimeFamily()) return true;
     int frame = m.codecpar->frame_size;
     if (m.timeScale <= 0) return false;
     std::int64_t first = 0;
@@ -330,7 +330,7 @@ namespace media {
 
 SavePlan planSave(dm::Movie const& movie, SaveOptions const& options)
 {
-    if (options.container.empty()) throw MediaError("No container chosen for the save.");
+    if (!options.container.takesSaves()) throw MediaError("No container that takes a save was chosen.");
     writeplan::Plan plan;
     plan.container = options.container;
     plan.options = options;
@@ -341,6 +341,25 @@ SavePlan planSave(dm::Movie const& movie, SaveOptions const& options)
     for (auto const& d : decisions)
         result.tracks.push_back({d.track->id(), writeplan::describe(*d.track, *d.media, d.in), d.how, d.detail});
     return result;
+}
+
+double soundBytesPerSecond(dm::Track const& sound, SoundCodec codec)
+{
+    auto const& m = OpenedMovie::mediaOf(sound);
+    AVCodecParameters const* par = m.codecpar;
+    int bits = par->bits_per_raw_sample > 0 ? par->bits_per_raw_sample : av_get_bits_per_sample(par->codec_id);
+    if (bits <= 0) bits = 16;
+    double channels = std::max(1, m.channels);
+    double pcm = std::max(1, m.sampleRate) * channels * ((bits + 7) / 8);
+    double source = par->bit_rate > 0 ? static_cast<double>(par->bit_rate) / 8 : pcm;
+    switch (codec) {
+    case SoundCodec::Same: return source;
+    case SoundCodec::Pcm: return pcm;
+    case SoundCodec::Flac:
+    case SoundCodec::Alac: return pcm * 0.6; // what lossless coding typically keeps
+    case SoundCodec::Aac: return source < pcm ? source : 16000 * channels; // a lossy source keeps its rate
+    }
+    return source;
 }
 
 } // namespace media

@@ -137,7 +137,7 @@ std::string codecTitle(std::string const& encoder)
 
 } // namespace
 
-SoundFormat chooseSoundFormat(std::string const& container, AVCodecParameters const* source, AVChannelLayout const& layout,
+SoundFormat chooseSoundFormat(Container container, AVCodecParameters const* source, AVChannelLayout const& layout,
                               SoundCodec policy, bool lossless)
 {
     bool sourceLossless = isLosslessAudio(source->codec_id);
@@ -192,7 +192,7 @@ SoundFormat chooseSoundFormat(std::string const& container, AVCodecParameters co
         CodecContext c(avcodec_alloc_context3(codec));
         if (!c) throw MediaError("Out of memory.");
         configure(c.get(), f, layout);
-        AVOutputFormat const* ofmt = av_guess_format(container.c_str(), nullptr, nullptr);
+        AVOutputFormat const* ofmt = av_guess_format(container.muxer(), nullptr, nullptr);
         if (ofmt && (ofmt->flags & AVFMT_GLOBALHEADER)) c->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
         if (avcodec_open2(c.get(), codec, nullptr) < 0) continue;
         CodecParameters par(avcodec_parameters_alloc());
@@ -201,16 +201,16 @@ SoundFormat chooseSoundFormat(std::string const& container, AVCodecParameters co
         if (!takes) continue;
         std::string title = codecTitle(name);
         if (name != firstChoice || (policy == SoundCodec::Same && !lossless && name != same)) {
-            f.note = "sound encoded as " + title + " (" + containerTitle(container) + " takes no "
+            f.note = "sound encoded as " + title + " (" + std::string(container.title()) + " takes no "
                    + (firstChoice.empty() ? std::string(avcodec_get_name(source->codec_id)) : codecTitle(firstChoice))
                    + (avcodec_find_encoder_by_name(firstChoice.c_str()) ? "" : " we can encode") + ")";
         }
-        if (wantLossless && !codecLossless) f.note = "sound encoded lossy as " + title + ": " + containerTitle(container) + " takes no lossless codec";
+        if (wantLossless && !codecLossless) f.note = "sound encoded lossy as " + title + ": " + std::string(container.title()) + " takes no lossless codec";
         if (f.sampleRate != source->sample_rate)
             f.note += std::string(f.note.empty() ? "" : "; ") + "sound resampled to " + std::to_string(f.sampleRate) + " Hz for " + title;
         return f;
     }
-    throw MediaError(std::string("No sound encoder fits ") + containerTitle(container) + " for a " + avcodec_get_name(source->codec_id)
+    throw MediaError(std::string("No sound encoder fits ") + std::string(container.title()) + " for a " + avcodec_get_name(source->codec_id)
                      + " sound of " + std::to_string(channels) + " channels.");
 }
 
@@ -513,8 +513,7 @@ SoundEncoder::SoundEncoder(AVFormatContext* out, dm::Track const& track, SoundFo
     // the sound a few samples early puts that move on a whole millisecond,
     // so that the pictures stay exact to the sample against the sound.
     ptsShift_ = delay;
-    std::string container = out->oformat->name;
-    bool matroska = container == "matroska" || container == "webm";
+    bool matroska = Container::named(out->oformat->name).isMatroskaFamily();
 #if LIBAVFORMAT_VERSION_MAJOR < 60
     if (matroska && c->codec_id == AV_CODEC_ID_OPUS && c->initial_padding > 0) {
         // This Matroska writer stores Opus's priming as CodecDelay without

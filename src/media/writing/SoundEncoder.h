@@ -35,7 +35,7 @@ struct SoundFormat {
 // container takes it, at no less than their bit rate and never below a
 // transparent floor. Each choice is checked by opening the encoder and
 // writing a trial header. Throws MediaError when nothing fits.
-SoundFormat chooseSoundFormat(std::string const& container, AVCodecParameters const* source, AVChannelLayout const& layout,
+SoundFormat chooseSoundFormat(Container container, AVCodecParameters const* source, AVChannelLayout const& layout,
                               SoundCodec policy, bool lossless);
 
 class ChunkedEncoding;

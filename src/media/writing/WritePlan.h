@@ -24,7 +24,7 @@ struct VideoTarget {
 };
 
 struct Plan {
-    std::string container = "mov";
+    Container container = Container::Kind::QuickTime;
     bool fastStart = false;
     bool enabledOnly = false;   // leave disabled tracks out (an export's choice, not a loss)
     bool forceAac = false;      // encode sound as AAC
@@ -69,7 +69,7 @@ void setName(AVStream* st, std::string const& name);
 std::string newName(dm::Track const& track, FileMedia const& m);
 // Whether a copied sound moved by `shift` and cut at `cut` lands exactly
 // where the timeline has it in `container`.
-bool placesExactly(std::string const& container, FileMedia const& m, std::int64_t shift, std::int64_t cut);
+bool placesExactly(Container container, FileMedia const& m, std::int64_t shift, std::int64_t cut);
 Prepared prepare(dm::Movie const& movie, Plan const& plan);
 // Throws StreamsLeftOut, before any file is made, when the write would lose
 // streams the user has not agreed to lose.

@@ -6,15 +6,14 @@
 // Everything here runs on the document's thread. Nothing here knows Qt.
 #pragma once
 
+#include "MovieSession.h"
 #include "OffsetList.h"
 #include "Player.h"
-#include "Refusal.h"
 
 #include <functional>
 #include <memory>
 #include <set>
 #include <string>
-#include <variant>
 
 class SyncSession : public SyncDocument {
 public:
@@ -33,10 +32,11 @@ public:
         std::function<void(int)> changed;              // +1: a change made; -1: one taken back
     };
 
-    // The session of a movie, or why the movie cannot be synced. The movie
-    // and the player must outlive the session.
-    static std::variant<std::unique_ptr<SyncSession>, Refusal> make(dm::Movie* movie, media::Player* player,
-                                                                    std::function<Settings()> settings, Hooks hooks = {});
+    // The workflow over the sync point list of `movie`; throws Refused when
+    // the movie cannot be synced. The movie session and the player must
+    // outlive the workflow.
+    static std::unique_ptr<SyncSession> make(dmsync::MovieSession& movie, media::Player* player,
+                                             std::function<Settings()> settings, Hooks hooks = {});
     ~SyncSession() override;
     SyncSession(SyncSession const&) = delete;
     SyncSession& operator=(SyncSession const&) = delete;
@@ -111,7 +111,7 @@ public:
     myQTTime endTime() const { return endTime_; }
     myQTTime audioTime() const { return audioTime_; }
     myQTTime loopMiddle() const;
-    OffsetList* offsets() const { return offsets_.get(); }
+    OffsetList* offsets() const { return offsets_; }
     dm::Movie* movie() const { return movie_; }
 
     void willUpdateMode() override {}
@@ -139,7 +139,7 @@ private:
     media::Player* player_;
     std::function<Settings()> settings_;
     Hooks hooks_;
-    std::unique_ptr<OffsetList> offsets_;
+    OffsetList* offsets_ = nullptr;
     dm::MovieEditState state_;
     dm::TrackPtr audioTrack_;
     bool syncInProgress_ = false;

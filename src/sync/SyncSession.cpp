@@ -17,13 +17,13 @@ myQTTime scaled(myQTTime const& t, double factor)
 
 } // namespace
 
-std::variant<std::unique_ptr<SyncSession>, Refusal> SyncSession::make(dm::Movie* movie, media::Player* player,
-                                                                      std::function<Settings()> settings, Hooks hooks)
+std::unique_ptr<SyncSession> SyncSession::make(dmsync::MovieSession& movie, media::Player* player, std::function<Settings()> settings,
+                                               Hooks hooks)
 {
-    std::unique_ptr<SyncSession> s(new SyncSession(movie, player, std::move(settings), std::move(hooks)));
-    auto made = makeOffsetList(movie, s.get());
-    if (auto* refusal = std::get_if<Refusal>(&made)) return *refusal;
-    s->offsets_ = std::move(std::get<std::unique_ptr<OffsetList>>(made));
+    OffsetList& list = movie.list();
+    std::unique_ptr<SyncSession> s(new SyncSession(&movie.movie(), player, std::move(settings), std::move(hooks)));
+    s->offsets_ = &list;
+    list.setDocument(s.get());
     s->audioTrack_ = s->offsets_->soundTrack();
     s->setSyncNotInProgress();
     s->saveNewEditState();
@@ -38,7 +38,7 @@ SyncSession::SyncSession(dm::Movie* movie, media::Player* player, std::function<
 
 SyncSession::~SyncSession()
 {
-    offsets_.reset();
+    offsets_->setDocument(nullptr);
     dm::DisposeMovieEditState(state_);
 }
 

@@ -1,0 +1,141 @@
+#include "MovieSession.h"
+
+#include "SavedSync.h"
+#include "SyncLimits.h"
+
+#include <algorithm>
+#include <cmath>
+#include <sys/stat.h>
+
+namespace dmsync {
+
+namespace {
+
+// The end of a sound track on its own timeline, in seconds.
+double soundEndSeconds(dm::Track const& sound)
+{
+    QTTimeRange r = sound.range();
+    return myQTTime(QTTime{r.time.timeValue + r.duration.timeValue, r.time.timeScale, 0}).seconds();
+}
+
+std::string withoutFullStop(std::string s)
+{
+    if (!s.empty() && s.back() == '.') s.pop_back();
+    return s;
+}
+
+} // namespace
+
+std::unique_ptr<MovieSession> MovieSession::open(std::string const& path)
+{
+    std::unique_ptr<MovieSession> s(new MovieSession);
+    s->path_ = path;
+    s->opened_ = media::openMovie(path);
+    s->notes_ = s->opened_.notes;
+    // A movie saved after a sync plays its unedited sound again, from its
+    // backup, and gets its points back: the list then re-times from the
+    // unedited sound, never from a backup of a backup.
+    SavedSync saved = adoptSavedSync(*s->opened_.movie, s->opened_.syncPointsTag);
+    s->syncedBefore_ = saved.backupAdopted;
+    s->storedPoints_ = std::move(saved.points);
+    s->storedNote_ = saved.note;
+    if (!saved.note.empty()) s->notes_.push_back(withoutFullStop(saved.note));
+    try {
+        s->list_ = makeOffsetList(s->opened_.movie.get(), nullptr);
+    } catch (Refused const& r) {
+        s->refusal_ = r.refusal();
+    }
+    return s;
+}
+
+OffsetList& MovieSession::list() const
+{
+    if (!list_) throw Refused(refusal_);
+    return *list_;
+}
+
+TrackRoles MovieSession::roles() const
+{
+    TrackRoles r;
+    if (list_) {
+        r.sound = list_->soundTrack();
+        r.backup = list_->backupTrack();
+    }
+    for (auto const& t : opened_.movie->tracks())
+        if (t != r.sound && t != r.backup) r.others.push_back(t);
+    return r;
+}
+
+Prediction MovieSession::predict(std::vector<Offset> const& points, media::SoundCodec codec) const
+{
+    OffsetList const& l = list();
+    dm::Track const& sound = *l.soundTrack();
+    synclimits::Extent extent{l.duration().seconds(), soundEndSeconds(sound)};
+    Prediction p;
+    p.points = points.size();
+    p.movieSeconds = extent.movie;
+    p.uneditedSoundSeconds = extent.sound;
+    p.limitSeconds = synclimits::longestRetimedSound(extent);
+    struct stat st {};
+    if (::stat(path_.c_str(), &st) == 0) p.inputBytes = st.st_size;
+    p.soundSeconds = extent.sound;
+    p.outputBytes = p.inputBytes;
+    if (points.empty()) return p; // the sound is written unchanged, without a backup
+    SyncLine line = fitSyncLine(points, l.duration());
+    p.problem = synclimits::problemWith(points, line, extent);
+    if (line.fitted) p.soundSeconds = synclimits::retimedSoundEnd(line, extent.sound);
+    // A movie synced before holds a re-timed sound that the new one replaces.
+    double perSecond = media::soundBytesPerSecond(sound, codec);
+    double bytes = static_cast<double>(p.inputBytes) + perSecond * (p.soundSeconds - (syncedBefore_ ? extent.sound : 0.0));
+    p.outputBytes = static_cast<std::int64_t>(std::clamp(bytes, 0.0, 9e18));
+    return p;
+}
+
+media::Container MovieSession::saveAsContainer() const
+{
+    return media::containerForSaveAs(opened_.container, opened_.formatName);
+}
+
+media::Container MovieSession::containerFor(SaveTarget const& target) const
+{
+    if (!target.inPlace) return media::Container::forPath(target.path);
+    if (opened_.container) return opened_.container;
+    auto dot = path_.find_last_of('.');
+    auto slash = path_.find_last_of('/');
+    std::string stem = dot == std::string::npos || (slash != std::string::npos && dot < slash) ? path_ : path_.substr(0, dot);
+    throw Refused("\"" + path_ + "\" is a " + opened_.formatName
+                      + " file, which Dubmatch reads but does not write, so it cannot be saved in place.",
+                  "Save a copy instead: " + stem + "-synced." + saveAsContainer().extension());
+}
+
+media::SaveOptions MovieSession::withPoints(media::SaveOptions options) const
+{
+    // The points travel with the movie, so that it can be opened again and
+    // refined; a movie that cannot be synced keeps what its file carries.
+    if (list_) options.syncPoints = syncPointsTag(*list_);
+    return options;
+}
+
+media::SavePlan MovieSession::plan(media::SaveOptions const& options) const
+{
+    return media::planSave(*opened_.movie, withPoints(options));
+}
+
+PreparedSave MovieSession::prepareSave(SaveTarget const& target, media::SaveOptions options) const
+{
+    if (!options.container && !target.exportType) options.container = containerFor(target);
+    PreparedSave s;
+    s.movie_ = opened_.movie;
+    s.target_ = target;
+    s.options_ = withPoints(std::move(options));
+    return s;
+}
+
+media::WriteResult PreparedSave::run(media::Progress const& progress) const
+{
+    if (target_.exportType) return media::exportMovie(*movie_, target_.path, *target_.exportType, myQTTime(), progress, options_);
+    if (target_.inPlace) return media::saveInPlace(*movie_, target_.path, progress, options_);
+    return media::writeMovie(*movie_, target_.path, progress, options_);
+}
+
+} // namespace dmsync
