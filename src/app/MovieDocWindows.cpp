@@ -466,8 +466,7 @@ void MovieDoc::updateWaveform()
     double frameSeconds = 0;
     for (auto const& t : opened_->movie().tracksOfMediaType(dm::MediaType::Video))
         if (t->isEnabled()) {
-            AVRational r = media::OpenedMovie::mediaOf(*t).frameRate;
-            if (r.num > 0 && r.den > 0) frameSeconds = av_q2d(av_inv_q(r));
+            frameSeconds = media::OpenedMovie::mediaOf(*t).frameSeconds();
             break;
         }
     waveform_->show(sound, sound->ticks(session_->startTime()), sound->ticks(session_->endTime()), frameSeconds);

@@ -1,6 +1,6 @@
 #include "ProgressSheet.h"
 
-#include "FFmpeg.h"
+#include "MediaError.h"
 
 #include <QCloseEvent>
 #include <QEventLoop>

@@ -2,7 +2,7 @@
 #include "DMAppDelegate.h"
 #include "DMApplication.h"
 #include "DMDocumentController.h"
-#include "FFmpeg.h"
+#include "MediaError.h"
 #include "MovieDoc.h"
 #include "PXUpdateChecker.h"
 #include "VersionCheck.h"

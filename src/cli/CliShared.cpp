@@ -150,7 +150,7 @@ json trackJson(dm::Track const& t)
     QTTimeRange r = t.range();
     json j = {{"id", t.id()},
               {"type", dm::mediaTypeName(t.mediaType())},
-              {"codec", avcodec_get_name(m.codecpar->codec_id)},
+              {"codec", m.codecName()},
               {"enabled", t.isEnabled()},
               {"name", t.displayName()},
               {"start", myQTTime(r.time).seconds()},

@@ -102,7 +102,7 @@ int info(commandline::Parsed const& args, json& out)
     for (auto const& t : movie.tracks()) {
         auto const& m = media::OpenedMovie::mediaOf(*t);
         QTTimeRange r = t->range();
-        text << "  track " << t->id() << ": " << dm::mediaTypeName(t->mediaType()) << ", " << avcodec_get_name(m.codecpar->codec_id);
+        text << "  track " << t->id() << ": " << dm::mediaTypeName(t->mediaType()) << ", " << m.codecName();
         if (t->mediaType() == dm::MediaType::Sound) text << ", " << m.sampleRate << " Hz, " << m.channels << " channels";
         if (t->mediaType() == dm::MediaType::Video) text << ", " << m.width << "x" << m.height;
         text << ", " << (t->isEnabled() ? "enabled" : "disabled") << ", \"" << t->displayName() << "\", " << clock(myQTTime(r.time), fields)

@@ -11,23 +11,13 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
+#include "MediaError.h"
+
 #include <memory>
 #include <stdexcept>
 #include <string>
 
 namespace media {
-
-// A failure of the media layer, with a message fit for the user.
-class MediaError : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-// The operation was stopped by its progress callback.
-class Cancelled : public MediaError {
-public:
-    Cancelled() : MediaError("The operation was cancelled.") {}
-};
 
 std::string avError(int code);
 // Throws MediaError("<what>: <FFmpeg's message>") when code < 0.
@@ -94,19 +84,6 @@ struct IOContextDeleter {
     }
 };
 using IOContext = std::unique_ptr<AVIOContext, IOContextDeleter>;
-
-// FFmpeg's own log: off (our errors say what failed), unless DUBMATCH_FFMPEG_LOG names another
-// level (error, warning, info, verbose, debug).
-void setupMediaLogging();
-
-// Serves every allocation of 1 MiB and more from its own mapping, for the
-// whole process. The indexes that demuxers and muxers grow one packet at a
-// time (tens of megabytes for a movie of hours) then grow in place and go
-// back to the system when freed, instead of leaving holes in the heap that
-// glibc's self-raising threshold would otherwise let them cause (about a
-// fifth of the peak for a three-hour save). Left alone when the user set
-// MALLOC_MMAP_THRESHOLD_.
-void keepLargeAllocationsMapped();
 
 Frame makeFrame();
 Packet makePacket();

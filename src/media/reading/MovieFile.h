@@ -97,6 +97,10 @@ struct FileMedia : dm::Media {
     FileMedia& operator=(FileMedia const&) = delete;
     ~FileMedia() override { avcodec_parameters_free(&codecpar); }
 
+    // FFmpeg's short name of the codec ("aac", "h264").
+    char const* codecName() const;
+    // The length of one picture, from the frame rate; 0 when not known.
+    double frameSeconds() const;
     // Media ticks <-> stream time stamps.
     std::int64_t ticksFromPts(std::int64_t pts) const;
     std::int64_t ptsFromTicks(std::int64_t ticks) const;

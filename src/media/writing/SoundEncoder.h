@@ -37,6 +37,8 @@ struct SoundFormat {
 // writing a trial header. Throws MediaError when nothing fits.
 SoundFormat chooseSoundFormat(Container container, AVCodecParameters const* source, AVChannelLayout const& layout,
                               SoundCodec policy, bool lossless);
+// Sets an encoder's context to `f`: rate, layout, sample format, depth, bit rate.
+void configureEncoder(AVCodecContext* c, SoundFormat const& f, AVChannelLayout const& layout);
 
 class ChunkedEncoding;
 

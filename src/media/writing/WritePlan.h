@@ -71,6 +71,10 @@ std::string newName(dm::Track const& track, FileMedia const& m);
 // where the timeline has it in `container`.
 bool placesExactly(Container container, FileMedia const& m, std::int64_t shift, std::int64_t cut);
 Prepared prepare(dm::Movie const& movie, Plan const& plan);
+std::int64_t fileSize(std::string const& path);
+// Writes a flat movie through a MovieOutput over `file` and checks that the
+// file reads back as written; the caller then puts it in place.
+WriteResult writeChecked(dm::Movie const& movie, AtomicFile& file, Plan const& plan, Prepared& prepared, Progress const& progress);
 // Throws StreamsLeftOut, before any file is made, when the write would lose
 // streams the user has not agreed to lose.
 void refuseLosses(Prepared const& prepared, Plan const& plan);
