@@ -419,24 +419,6 @@ int MovieDoc::numberOfRows() const { return session_ ? session_->numberOfRows() 
 
 Offset MovieDoc::GetOffset(int row) const { return session_->GetOffset(row); }
 
-QVariant MovieDoc::objectValue(QString const& column, int row) const
-{
-    if (row < 0 || row >= numberOfRows()) return {};
-    if (column == "time") return QString::fromStdString(GetOffset(row).movieTime.asString(durationFields(), 3));
-    if (column == "offset") return session_->displayedOffset(row);
-    if (column == "confidence") {
-        int c = session_->candidateOfRow(row);
-        return c < 0 ? QVariant() : QVariant(QString::number(session_->candidates()[static_cast<std::size_t>(c)].confidence, 'f', 2));
-    }
-    if (column == "flag") {
-        Offset p = GetOffset(row);
-        if (p.flag || !pointOutside(p).empty()) return markerImage("RedDiamond");
-        if (syncInProgress() && row == syncRow()) return markerImage("BlueStar");
-        return {};
-    }
-    return QString("Internal error");
-}
-
 namespace {
 
 synclimits::Extent extentOf(OffsetList const& list)
@@ -463,36 +445,7 @@ std::string MovieDoc::syncProblem() const
     return synclimits::problemWith(list.points(), line, extentOf(list));
 }
 
-QString MovieDoc::flagTip(int row) const
-{
-    if (row < 0 || row >= numberOfRows()) return {};
-    Offset p = GetOffset(row);
-    if (std::string why = pointOutside(p); !why.empty()) return QString::fromStdString(why);
-    if (p.flag) return "This point strays from the line through the others.";
-    return {};
-}
-
 bool MovieDoc::canEditTable() const { return session_ && !busy_; }
-
-void MovieDoc::setObjectValue(QVariant const& value, QString const& column, int row)
-{
-    // While a save runs the worker reads the tracks: the table stays as it is.
-    if (!canEditTable() || row < 0 || row >= numberOfRows()) return;
-    try {
-        if (column == "time") {
-            if (!session_->setRowTime(row, value.toString().toStdString())) kit::beep();
-        } else if (column == "offset") {
-            bool ok = false;
-            double ms = value.toString().trimmed().toDouble(&ok);
-            if (!ok && value.canConvert<double>()) ms = value.toDouble(&ok);
-            if (ok && std::isfinite(ms)) session_->setRowOffset(row, ms);
-            else kit::beep();
-        }
-    } catch (OffsetList::BadBackup const&) {
-        kit::beep();
-    }
-    emit pointsChanged();
-}
 
 void MovieDoc::tableViewSelectionDidChange()
 {

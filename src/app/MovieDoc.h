@@ -64,16 +64,13 @@ public:
     void runModalSavePanel(kit::SaveOperation op, std::function<void(bool)> done) override;
     bool saveToFile(QString const& path, kit::SaveOperation op) override;
 
-    // The sync point table's data source.
+    // The rows of the sync point table (its model reads the session).
     int numberOfRows() const;
     Offset GetOffset(int row) const;
-    QVariant objectValue(QString const& column, int row) const;
-    // What the flag of a row says: why the point lies outside the movie or
-    // its sound, or that it strays from the line; empty for no flag.
-    QString flagTip(int row) const;
-    void setObjectValue(QVariant const& value, QString const& column, int row);
     // Cells can be edited (not while a save or export runs).
     bool canEditTable() const;
+    // A cell of the table was edited (or an edit refused).
+    void tableEdited() { emit pointsChanged(); }
     void tableViewSelectionDidChange();
     OffsetListWindowController* findInfoWindowController() const;
     DMTableView* getTableView() const;
@@ -186,6 +183,7 @@ signals:
     void playbackFault(QString const& message);
 
 private:
+    friend class OffsetTableModel; // reads the line checks and the time format of the rows
     friend class PointsCommand;
     bool enabledVideo() const; // the movie has a picture to compare the sound with
     // After the points changed outside a sync in progress: one undo step

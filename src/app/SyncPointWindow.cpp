@@ -3,6 +3,9 @@
 #include "ResidualPlot.h"
 
 #include "MovieDoc.h"
+#include "kit/Alert.h"
+
+#include <cmath>
 
 #include <QApplication>
 #include <QGridLayout>
@@ -66,35 +69,80 @@ QString OffsetTableModel::identifier(int column)
     }
 }
 
-int OffsetTableModel::rowCount(QModelIndex const& parent) const { return parent.isValid() ? 0 : doc_->numberOfRows(); }
+SyncSession const* OffsetTableModel::session(int row) const
+{
+    SyncSession const* s = doc_->session();
+    return s && row >= 0 && row < s->numberOfRows() ? s : nullptr;
+}
+
+int OffsetTableModel::rowCount(QModelIndex const& parent) const
+{
+    SyncSession const* s = doc_->session();
+    return parent.isValid() || !s ? 0 : s->numberOfRows();
+}
 
 QVariant OffsetTableModel::data(QModelIndex const& index, int role) const
 {
+    SyncSession const* s = session(index.row());
+    if (!s) return {};
+    int row = index.row();
+    bool candidate = s->candidateOfRow(row) >= 0;
     if (role == Qt::ForegroundRole)
-        return doc_->isCandidateRow(index.row()) ? QVariant(QApplication::palette().brush(QPalette::Disabled, QPalette::Text)) : QVariant();
-    if (index.column() == kFlag && role == Qt::ToolTipRole) {
-        QString tip = doc_->flagTip(index.row());
-        return tip.isEmpty() ? QVariant() : QVariant(tip);
+        return candidate ? QVariant(QApplication::palette().brush(QPalette::Disabled, QPalette::Text)) : QVariant();
+    Offset p = s->GetOffset(row);
+    if (index.column() == kFlag) {
+        std::string outside = doc_->pointOutside(p);
+        if (role == Qt::ToolTipRole) {
+            if (!outside.empty()) return QString::fromStdString(outside);
+            if (p.flag) return "This point strays from the line through the others.";
+            return {};
+        }
+        if (role != Qt::DecorationRole) return {};
+        if (p.flag || !outside.empty()) return markerImage("RedDiamond");
+        if (s->syncInProgress() && row == s->syncRow()) return markerImage("BlueStar");
+        return {};
     }
-    QVariant v = doc_->objectValue(identifier(index.column()), index.row());
-    if (index.column() == kFlag) return role == Qt::DecorationRole ? v : QVariant();
-    if (role == Qt::DisplayRole && index.column() == kOffset) return QString::number(v.toDouble(), 'f', 1);
-    if (role == Qt::DisplayRole || role == Qt::EditRole) return v;
     if (role == Qt::TextAlignmentRole) return int(Qt::AlignRight | Qt::AlignVCenter);
-    return {};
+    if (role != Qt::DisplayRole && role != Qt::EditRole) return {};
+    switch (index.column()) {
+    case kTime: return QString::fromStdString(p.movieTime.asString(doc_->durationFields(), 3));
+    case kOffset: return role == Qt::DisplayRole ? QVariant(QString::number(s->displayedOffset(row), 'f', 1)) : QVariant(s->displayedOffset(row));
+    case kConfidence:
+        if (!candidate) return {};
+        return QString::number(s->candidates()[static_cast<std::size_t>(s->candidateOfRow(row))].confidence, 'f', 2);
+    default: return {};
+    }
 }
 
 bool OffsetTableModel::setData(QModelIndex const& index, QVariant const& value, int role)
 {
-    if (role != Qt::EditRole) return false;
-    doc_->setObjectValue(value, identifier(index.column()), index.row());
-    return true;
+    if (role != Qt::EditRole || !(flags(index) & Qt::ItemIsEditable)) return false;
+    SyncSession* s = doc_->session();
+    int row = index.row();
+    bool ok = false;
+    try {
+        if (index.column() == kTime) {
+            ok = s->setRowTime(row, value.toString().toStdString());
+        } else if (index.column() == kOffset) {
+            double ms = value.toString().trimmed().toDouble(&ok);
+            if (!ok && value.canConvert<double>()) ms = value.toDouble(&ok);
+            ok = ok && std::isfinite(ms);
+            if (ok) s->setRowOffset(row, ms);
+        }
+    } catch (OffsetList::BadBackup const&) {
+        ok = false;
+    }
+    if (!ok) kit::beep();
+    doc_->tableEdited();
+    return ok;
 }
 
 Qt::ItemFlags OffsetTableModel::flags(QModelIndex const& index) const
 {
     Qt::ItemFlags f = Qt::ItemIsSelectable | Qt::ItemIsEnabled;
-    bool fixed = index.column() == kFlag || index.column() == kConfidence || doc_->isCandidateRow(index.row());
+    SyncSession const* s = session(index.row());
+    bool fixed = !s || index.column() == kFlag || index.column() == kConfidence || s->candidateOfRow(index.row()) >= 0;
+    // While a save runs the worker reads the tracks: the table stays as it is.
     if (!fixed && doc_->canEditTable()) f |= Qt::ItemIsEditable;
     return f;
 }
@@ -112,7 +160,7 @@ QVariant OffsetTableModel::headerData(int section, Qt::Orientation o, int role) 
 
 void OffsetTableModel::reloadData()
 {
-    int rows = doc_->numberOfRows();
+    int rows = rowCount();
     if (rows == rows_ && rows > 0) {
         emit dataChanged(index(0, 0), index(rows - 1, columnCount() - 1));
         return;

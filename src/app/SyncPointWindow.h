@@ -18,7 +18,11 @@ class ResidualPlot;
 // "BlueStar" (the point in progress), drawn by the application itself.
 QPixmap markerImage(QString const& name);
 
-// Asks the document for everything it shows; edits go back to it.
+class SyncSession;
+
+// The rows of the document's sync session: its points, the point in
+// progress and the suggested candidates. Edits go to the session; the
+// document is told after each.
 class OffsetTableModel : public QAbstractTableModel {
     Q_OBJECT
 public:
@@ -38,6 +42,9 @@ public:
     void reloadData();
 
 private:
+    // The session, when `row` is one of its rows.
+    SyncSession const* session(int row) const;
+
     MovieDoc* doc_;
     int rows_ = -1; // as last shown
 };

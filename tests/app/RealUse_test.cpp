@@ -235,7 +235,7 @@ TEST_F(RealUse, MenusAndEditorsTakeTheirKeysFirst)
     key(editor, Qt::Key_Return);
     QCoreApplication::processEvents();
     EXPECT_TRUE(doc->syncInProgress()); // Return ended the edit, it did not accept the point
-    EXPECT_NEAR(doc->objectValue("offset", doc->syncRow()).toDouble(), 30, 1e-3);
+    EXPECT_NEAR(doc->session()->displayedOffset(doc->syncRow()), 30, 1e-3);
 }
 
 TEST_F(RealUse, KeyboardTransportOutsideASync)
