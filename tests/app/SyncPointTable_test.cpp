@@ -138,14 +138,14 @@ TEST_F(Table, SelectingOnePointLoopsAroundIt)
     doc->offsets()->replacePoints({Offset(at(3), at(3.1)), Offset(at(9), at(9.1))});
     doc->reloadTable();
     doc->setSelectedRows({1});
-    EXPECT_TRUE(doc->movie()->loops());
+    EXPECT_TRUE(doc->player()->loops());
     EXPECT_EQ(doc->startTime().timeValue, 7 * kRate);
     EXPECT_EQ(doc->endTime().timeValue, 11 * kRate);
     doc->setSelectedRows({0, 1}); // two rows: the loop stays
-    EXPECT_TRUE(doc->movie()->loops());
+    EXPECT_TRUE(doc->player()->loops());
     EXPECT_EQ(doc->startTime().timeValue, 7 * kRate);
     doc->setSelectedRows({});
-    EXPECT_FALSE(doc->movie()->loops());
+    EXPECT_FALSE(doc->player()->loops());
 
     // Edit and Delete need the sync point window to be the key window.
     doc->setSelectedRows({0});

@@ -59,7 +59,7 @@ TEST(SyncSession, StartNudgeAcceptFollowTheModes)
     EXPECT_EQ(f.session->startTime().timeValue, 2 * kRate); // "loopLength" before the play head
     EXPECT_EQ(f.session->endTime().timeValue, 6 * kRate);
     EXPECT_TRUE(f.player->isPlaying());
-    EXPECT_TRUE(f.movie->movie().loops());
+    EXPECT_TRUE(f.player->loops());
     ASSERT_TRUE(f.shown);
     EXPECT_NEAR(myQTTime(f.shown->duration).seconds(), 4.0, 1e-9);
     EXPECT_EQ(f.session->numberOfRows(), 1);
@@ -84,7 +84,7 @@ TEST(SyncSession, StartNudgeAcceptFollowTheModes)
     EXPECT_EQ(f.session->movieMode(), "endNeedsSync");
     ASSERT_EQ(f.session->offsets()->points().size(), 1u);
     EXPECT_NEAR(f.session->offsets()->points()[0].offset().seconds(), 0.015, 1e-6);
-    EXPECT_FALSE(f.movie->movie().loops());
+    EXPECT_FALSE(f.player->loops());
     EXPECT_EQ(f.changes, 1);
 
     // A second point near the end: the line is fitted through both.
@@ -224,10 +224,10 @@ TEST(SyncSession, SettingsAreReadAtEveryStep)
 
     // Selecting one point loops around it; none plays the whole movie.
     f.session->selectionChanged({0});
-    EXPECT_TRUE(f.movie->movie().loops());
+    EXPECT_TRUE(f.player->loops());
     EXPECT_TRUE(f.session->loopMiddle() == f.session->offsets()->points()[0].movieTime);
     f.session->selectionChanged({});
-    EXPECT_FALSE(f.movie->movie().loops());
+    EXPECT_FALSE(f.player->loops());
 }
 
 // A viewer who nudges the sound until the click they hear comes with the

@@ -65,8 +65,8 @@ TEST_F(App, ReturnArrowsReturnMakeASyncPoint)
     EXPECT_EQ(doc->endTime().timeValue, 6 * kRate);
     EXPECT_EQ(doc->startTime().timeValue, 2 * kRate); // "loopLength" 4 s before the play head
     EXPECT_EQ(doc->changeCount(), 1);
-    EXPECT_TRUE(doc->movie()->loops());
-    EXPECT_TRUE(doc->movie()->playsSelectionOnly());
+    EXPECT_TRUE(doc->player()->loops());
+    EXPECT_TRUE(doc->player()->playsSelectionOnly());
 
     for (int i = 0; i < 4; ++i) key(doc, Qt::Key_Right); // Advance Audio: 10 ms each
     myQTTime middle = doc->loopMiddle();
@@ -86,7 +86,7 @@ TEST_F(App, ReturnArrowsReturnMakeASyncPoint)
     EXPECT_NEAR(p.audioTime.seconds(), 3.96, 1e-6);
     EXPECT_TRUE(doc->offsets()->backupTrack());
     EXPECT_EQ(doc->movieMode(), "endNeedsSync");
-    EXPECT_FALSE(doc->movie()->loops());
+    EXPECT_FALSE(doc->player()->loops());
     EXPECT_EQ(doc->changeCount(), 1);
     ASSERT_GE(modes.size(), 2u);
     EXPECT_EQ(modes.front(), "pointInProgress");

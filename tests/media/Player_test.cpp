@@ -170,10 +170,10 @@ TEST(Player, TransportAndSelectionHook)
     QTTimeRange wanted{QTTime{1, 1, 0}, QTTime{2, 1, 0}};
     p.setSelectionFilter([](QTTimeRange const&) { return false; });
     EXPECT_FALSE(p.requestSelectionFromController(wanted));
-    EXPECT_EQ(s.om.movie->selection().duration.timeValue, 0);
+    EXPECT_EQ(p.selection().duration.timeValue, 0);
     p.setSelectionFilter([](QTTimeRange const&) { return true; });
     EXPECT_TRUE(p.requestSelectionFromController(wanted));
-    EXPECT_EQ(s.om.movie->selection().duration.timeValue, 2);
+    EXPECT_EQ(p.selection().duration.timeValue, 2);
 }
 
 // Collects the pictures the player hands to the view.

@@ -108,8 +108,6 @@ std::optional<EditList::Position> Track::lookup(myQTTime const& movieTime) const
 Movie::Movie(std::int32_t timeScale) : timeScale_(timeScale)
 {
     if (timeScale <= 0) throw std::invalid_argument("movie time scale must be positive");
-    selection_ = QTTimeRange{QTTime{0, timeScale, 0}, QTTime{0, timeScale, 0}};
-    currentTime_ = myQTTime(0LL, timeScale);
 }
 
 std::vector<TrackPtr> Movie::tracksOfMediaType(MediaType type) const

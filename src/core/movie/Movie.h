@@ -128,18 +128,8 @@ public:
     // The end of the longest track, exact at that track's scale.
     myQTTime duration() const;
 
-    QTTimeRange selection() const { return selection_; }
-    void setSelection(QTTimeRange r) { selection_ = r; }
-    std::optional<QTTimeRange> activeSegment() const { return activeSegment_; }
-    void setActiveSegment(std::optional<QTTimeRange> r) { activeSegment_ = r; }
-    bool loops() const { return loops_; }
-    void setLoops(bool on) { loops_ = on; }
-    bool playsSelectionOnly() const { return playsSelectionOnly_; }
-    void setPlaysSelectionOnly(bool on) { playsSelectionOnly_ = on; }
     bool isEditable() const { return editable_; }
     void setEditable(bool on) { editable_ = on; }
-    myQTTime currentTime() const { return currentTime_; }
-    void setCurrentTime(myQTTime t) { currentTime_ = t; }
 
     // The most tracks the movie may hold; AddEmptyTrackToMovie fails beyond.
     void setTrackLimit(std::size_t limit) { trackLimit_ = limit; }
@@ -157,12 +147,7 @@ private:
     int nextTrackID_ = 1;
     std::size_t trackLimit_ = 1024;
     std::uint64_t trackChanges_ = 0;
-    QTTimeRange selection_{};
-    std::optional<QTTimeRange> activeSegment_;
-    bool loops_ = false;
-    bool playsSelectionOnly_ = false;
     bool editable_ = true;
-    myQTTime currentTime_;
 };
 
 // A new, empty track with the source's media type, media and time scale, or

@@ -48,8 +48,8 @@ Player::Player(std::shared_ptr<dm::Movie> movie, PlayerOptions options) : movie_
     }
     others_ = othersDuration();
     duration_ = movie_->duration().timeWithScaleOf(scale_);
-    range_ = rangeFromMovie();
-    paused_ = {std::clamp<std::int64_t>(toTicks(movie_->currentTime()), 0, duration_), 0};
+    range_ = rangeFromTransport();
+    paused_ = {0, 0}; // a new player stands at the movie's start
     if (auto env = delayFromEnvironment()) {
         delayFromEnvironment_ = true;
         options.outputDelayMs = *env;
@@ -114,20 +114,20 @@ std::int64_t Player::othersDuration() const
     return longest;
 }
 
-Player::Range Player::rangeFromMovie() const
+Player::Range Player::rangeFromTransport() const
 {
     std::int64_t duration;
     {
         std::lock_guard<std::mutex> g(lock_);
         duration = duration_;
     }
-    Range r{0, duration, movie_->loops(), true};
-    QTTimeRange sel = movie_->selection();
-    if (movie_->playsSelectionOnly() && sel.duration.timeValue > 0) {
+    Range r{0, duration, transport_.loops, true};
+    QTTimeRange sel = transport_.selection;
+    if (transport_.playsSelectionOnly && sel.duration.timeValue > 0) {
         r.start = toTicks(sel.time);
         r.end = r.start + toTicks(sel.duration);
         r.whole = false;
-    } else if (auto seg = movie_->activeSegment(); seg && seg->duration.timeValue > 0) {
+    } else if (auto seg = transport_.activeSegment; seg && seg->duration.timeValue > 0) {
         r.start = toTicks(seg->time);
         r.end = r.start + toTicks(seg->duration);
         r.whole = false;
@@ -194,15 +194,7 @@ Player::Position Player::positionLocked() const
         return anchor_;
     }
     double elapsed = std::chrono::duration<double>(Clock::now() - baseTime_).count();
-    std::int64_t t = base_.ticks + static_cast<std::int64_t>(elapsed * rate_ * scale_);
-    std::int64_t len = range_.end - range_.start;
-    if (t >= range_.start && t < range_.end) return {t, base_.lap};
-    if (range_.loops && len > 0) {
-        std::int64_t off = t - range_.start;
-        std::int64_t laps = off >= 0 ? off / len : -((-off + len - 1) / len);
-        return {range_.start + (off - laps * len), base_.lap + static_cast<std::uint64_t>(std::max<std::int64_t>(0, laps))};
-    }
-    return {std::clamp(t, range_.start, range_.end), base_.lap};
+    return range_.advance(base_, static_cast<std::int64_t>(elapsed * rate_ * scale_));
 }
 
 bool Player::finishedLocked() const
@@ -211,9 +203,9 @@ bool Player::finishedLocked() const
     // On the device the play range ran out (the feeder stops the device soon).
     if (audioMasterLocked()) return endedGen_.load(std::memory_order_acquire) == generation_ + 1;
     // On the system clock a movie that does not loop stops at its end.
-    if (range_.loops) return false;
+    if (range_.wraps()) return false;
     Position p = positionLocked();
-    return rate_ > 0 ? p.ticks >= range_.end : p.ticks <= range_.start;
+    return rate_ > 0 ? range_.atEnd(p.ticks) : p.ticks <= range_.start;
 }
 
 bool Player::isPlaying() const
@@ -343,7 +335,6 @@ void Player::setCurrentTime(myQTTime const& t)
         std::lock_guard<std::mutex> g(lock_);
         seekLocked(toTicks(t));
     }
-    movie_->setCurrentTime(t);
     changed_.notify_all();
 }
 
@@ -374,29 +365,29 @@ void Player::applyRangeLocked(Range r)
 
 void Player::setSelection(QTTimeRange selection)
 {
-    movie_->setSelection(selection);
-    refreshFromMovie();
+    transport_.selection = selection;
+    refreshRange();
 }
 
 void Player::setActiveSegment(std::optional<QTTimeRange> segment)
 {
-    movie_->setActiveSegment(segment);
-    refreshFromMovie();
+    transport_.activeSegment = segment;
+    refreshRange();
 }
 
 void Player::setLoops(bool loops)
 {
-    movie_->setLoops(loops);
-    refreshFromMovie();
+    transport_.loops = loops;
+    refreshRange();
 }
 
 void Player::setPlaysSelectionOnly(bool on)
 {
-    movie_->setPlaysSelectionOnly(on);
-    refreshFromMovie();
+    transport_.playsSelectionOnly = on;
+    refreshRange();
 }
 
-void Player::refreshFromMovie()
+void Player::refreshRange()
 {
     std::int64_t others = othersDuration();
     {
@@ -405,7 +396,7 @@ void Player::refreshFromMovie()
         duration_ = others;
         followSoundLengthLocked();
     }
-    Range r = rangeFromMovie();
+    Range r = rangeFromTransport();
     {
         std::lock_guard<std::mutex> g(lock_);
         applyRangeLocked(r);

@@ -23,6 +23,7 @@
 
 #include "AudioOutput.h"
 #include "AudioRenderer.h"
+#include "PlayerParts.h"
 #include "SoundRing.h"
 #include "movie/Movie.h"
 #include "myQTTime.h"
@@ -106,13 +107,18 @@ public:
     // Pauses and moves one frame forward (+1) or back (-1).
     void stepFrame(int direction);
 
-    // The movie's play-range attributes. The setters change the movie too;
-    // refreshFromMovie() re-reads them after the movie was changed directly.
+    // The transport's play range: the selection, the active segment (a part
+    // of the movie that plays on its own), looping, and whether only the
+    // selection plays. Set and read on the caller's thread; the player alone
+    // keeps them (the movie model holds no playback state).
     void setSelection(QTTimeRange selection);
     void setActiveSegment(std::optional<QTTimeRange> segment);
     void setLoops(bool loops);
     void setPlaysSelectionOnly(bool on);
-    void refreshFromMovie();
+    QTTimeRange selection() const { return transport_.selection; }
+    std::optional<QTTimeRange> activeSegment() const { return transport_.activeSegment; }
+    bool loops() const { return transport_.loops; }
+    bool playsSelectionOnly() const { return transport_.playsSelectionOnly; }
     // A selection change coming from the controller bar: the filter may
     // veto it. Returns whether it was made.
     bool requestSelectionFromController(QTTimeRange selection);
@@ -161,15 +167,8 @@ public:
     int sampleRate() const { return scale_; }
 
 private:
-    struct Range {
-        std::int64_t start = 0, end = 0;
-        bool loops = false;
-        bool whole = true; // the whole movie: the end follows its duration
-    };
-    struct Position {
-        std::int64_t ticks;
-        std::uint64_t lap;
-    };
+    using Range = playerparts::PlayRange;
+    using Position = playerparts::Position;
     // Where the feeder renders next: a timeline position, its lap, and a
     // crossfade in progress after a loop wrap.
     struct Cursor {
@@ -199,7 +198,10 @@ private:
     bool finishedLocked() const;
     bool fedLocked() const;
     void applyRangeLocked(Range r);
-    Range rangeFromMovie() const;
+    // The play range the transport's settings give, clamped to the movie.
+    Range rangeFromTransport() const;
+    // Takes the movie's length and the transport's settings again.
+    void refreshRange();
     std::int64_t toTicks(QTTime const& t) const;
     void seekLocked(std::int64_t ticks);
     // The length follows the sound track's current edit list.
@@ -252,6 +254,12 @@ private:
     bool quit_ = false;
     bool playing_ = false;
     double rate_ = 1.0;
+    struct Transport {
+        QTTimeRange selection{};
+        std::optional<QTTimeRange> activeSegment;
+        bool loops = false;
+        bool playsSelectionOnly = false;
+    } transport_; // the caller's thread only; range_ is what the threads read
     Range range_;
     std::int64_t duration_ = 0;      // ticks; follows the sound track
     std::int64_t others_ = 0;        // ticks: the longest track other than the sound

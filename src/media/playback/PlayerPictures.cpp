@@ -153,7 +153,7 @@ void Player::videoLoopBody()
                 // runs to the movie's end) wraps here: there is no picture at
                 // or after its end to notice it by. Only after a lap that
                 // gave pictures, so a loop with none never spins.
-                if (r.loops && r.end > r.start && lapGavePictures) {
+                if (r.wraps() && lapGavePictures) {
                     double s = static_cast<double>(r.start) / scale_ - lead;
                     seekPictures(s);
                     skipBefore = r.start;
@@ -166,7 +166,7 @@ void Player::videoLoopBody()
                 decoded = true;
                 double seconds = static_cast<double>(frame->best_effort_timestamp - media->startPts) * tb + lead;
                 std::int64_t ticks = static_cast<std::int64_t>(std::llround(seconds * scale_));
-                if (r.loops && ticks >= r.end && r.end > r.start) {
+                if (r.wraps() && r.atEnd(ticks)) {
                     // Loop: go back to the start and decode the next lap.
                     av_frame_unref(frame.get());
                     double s = static_cast<double>(r.start) / scale_ - lead;
@@ -201,8 +201,8 @@ void Player::videoLoopBody()
                         if (held && ticks > skipBefore) {
                             held->lap = decoderLap; // shown from skipBefore on, keeps its own time
                             queue.push_back({held, skipBefore, decoderLap});
-                            if (r.loops && skipBefore == r.start) loopHead = held;
-                        } else if (r.loops && ticks == r.start) {
+                            if (r.wraps() && skipBefore == r.start) loopHead = held;
+                        } else if (r.wraps() && ticks == r.start) {
                             loopHead = vf;
                         }
                         held.reset();
@@ -232,7 +232,7 @@ void Player::videoLoopBody()
         // already, as players show a movie's first picture when it opens.
         if (!due && !shown && !queue.empty() && queue.front().lap == now.lap) due = queue.front().frame;
         // At a wrap whose first picture is not decoded yet, show the kept one.
-        if (!due && loopHead && shown && shown->lap < now.lap && r.loops && (queue.empty() || queue.front().lap > now.lap)) {
+        if (!due && loopHead && shown && shown->lap < now.lap && r.wraps() && (queue.empty() || queue.front().lap > now.lap)) {
             auto copy = std::make_shared<VideoFrame>(*loopHead);
             copy->lap = now.lap;
             due = copy;

@@ -148,17 +148,9 @@ Player::Cursor Player::cursorAt(std::int64_t path, Range const& range)
     // the feeder got with this one): follow the path on from the feeder's
     // own position.
     Cursor c = cursor_;
-    std::int64_t k = std::max<std::int64_t>(0, path - writePath_);
-    while (k > 0 && range.end > range.start) {
-        std::int64_t step = std::min(k, std::max<std::int64_t>(0, range.end - c.timeline));
-        c.timeline += step;
-        k -= step;
-        if (k > 0 || c.timeline >= range.end) {
-            if (!range.loops) break;
-            c.timeline = range.start;
-            ++c.lap;
-        }
-    }
+    Position p = range.advance({c.timeline, c.lap}, std::max<std::int64_t>(0, path - writePath_));
+    c.timeline = p.ticks;
+    c.lap = p.lap;
     c.fade = 0;
     return c;
 }
@@ -167,8 +159,8 @@ bool Player::renderBlock(dm::EditList const& list, Range const& r)
 {
     SoundRing::Block* b = ring_->writable();
     if (!b) return false;
-    if (cursor_.timeline >= r.end || cursor_.timeline < r.start) {
-        if (cursor_.timeline >= r.end && !r.loops) {
+    if (r.atEnd(cursor_.timeline) || cursor_.timeline < r.start) {
+        if (r.atEnd(cursor_.timeline) && !r.wraps()) {
             // The end of the play range: an empty block that says so.
             *b = SoundRing::Block{writePath_, cursor_.timeline, cursor_.lap, epoch_, feederGen_, 0, true, b->samples};
             if (historyCount_ < history_.size()) {
@@ -180,7 +172,7 @@ bool Player::renderBlock(dm::EditList const& list, Range const& r)
             ahead_.store(-1, std::memory_order_release);
             return true;
         }
-        if (cursor_.timeline >= r.end) {
+        if (r.atEnd(cursor_.timeline)) {
             // Wrap: what would have followed the end fades into the start.
             renderer_->render(list, r.end, kCrossfade, tailPtrs_.data(), 0);
             cursor_.tailFrom = r.end;
@@ -205,7 +197,7 @@ bool Player::renderBlock(dm::EditList const& list, Range const& r)
     b->epoch = epoch_;
     b->gen = feederGen_;
     b->frames = k;
-    b->end = !r.loops && cursor_.timeline + k >= r.end;
+    b->end = !r.wraps() && r.atEnd(cursor_.timeline + k);
     if (historyCount_ == history_.size()) { // cannot happen: the ring is smaller
         historyFirst_ = (historyFirst_ + 1) % history_.size();
         --historyCount_;
