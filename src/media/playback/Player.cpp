@@ -274,6 +274,17 @@ void Player::play()
     output_->setRunning(true);
 }
 
+void Player::rangeRanOutLocked()
+{
+    // The movie stops at its end. Under the lock, so that a play() cannot
+    // slip in between: the callback never takes it, so this cannot deadlock.
+    paused_ = {endedAt_.load(), endedLap_.load()};
+    playing_ = false;
+    active_ = false;
+    output_->setRunning(false);
+    changed_.notify_all();
+}
+
 void Player::pause()
 {
     std::unique_lock<std::mutex> g(lock_);

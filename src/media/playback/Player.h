@@ -194,6 +194,12 @@ private:
     void videoLoopBody();
     void idleLoop();
     Position positionLocked() const;
+    // The transport's answer to the feeder's report that the device played
+    // the end of a range that does not loop: playing stops there. The
+    // transport's state (playing, the paused position, the device running)
+    // is written only by the functions of Player.cpp; the feeder and the
+    // picture thread report through this one and read the rest.
+    void rangeRanOutLocked();
     bool audioMasterLocked() const;
     bool finishedLocked() const;
     bool fedLocked() const;

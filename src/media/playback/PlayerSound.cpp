@@ -305,16 +305,8 @@ void Player::feederBody()
         }
 
         g.lock();
-        if (playing_ && endedGen_.load(std::memory_order_acquire) == generation_ + 1) {
-            // The range ran out on the device: the movie stops at its end.
-            paused_ = {endedAt_.load(), endedLap_.load()};
-            playing_ = false;
-            active_ = false;
-            // Under the lock, so that a play() cannot slip in between: the
-            // callback never takes it, so this cannot deadlock.
-            output_->setRunning(false);
-            changed_.notify_all();
-        }
+        // The range ran out on the device: reported to the transport.
+        if (playing_ && endedGen_.load(std::memory_order_acquire) == generation_ + 1) rangeRanOutLocked();
         fedGen_ = feederGen_;
         fedRangeGen_ = feederRangeGen_;
         fedChanges_ = changes;
