@@ -166,6 +166,7 @@ bool MovieDoc::readFromFile(QString const& path, QString const& type, Refusal* e
         // not decoded is refused here, with the movie.
         media::PlayerOptions options;
         options.outputDelayMs = kit::UserDefaults<float>("soundOutputDelay");
+        options.sound = opened->roles().sound;
         player = std::make_unique<media::Player>(opened->sharedMovie(), std::move(options));
         session = SyncSession::make(*opened, player.get(), currentSettings, sessionHooks());
         if (opened->storedPoints()) session->replacePoints(*opened->storedPoints(), false);

@@ -146,6 +146,37 @@ TEST(Player, EditsAreHeardWithinOneBuffer)
     EXPECT_EQ(onsets(before).size(), 0u);
 }
 
+// A movie with a second, disabled sound track (a dub, or a backup) plays
+// the one it is told to: the edits of that track are heard, the first
+// track's are not.
+TEST(Player, PlaysTheSoundTrackItIsGiven)
+{
+    auto spec = everySecond(4);
+    spec.extraSoundTracks = 1;
+    OpenedMovie om = openMovie(cachedMovie("every-second-two-sounds.mov", spec));
+    auto sounds = om.movie->tracksOfMediaType(dm::MediaType::Sound);
+    ASSERT_EQ(sounds.size(), 2u);
+    ASSERT_FALSE(sounds[1]->isEnabled());
+    // 100 ms of silence at the start of the chosen track only.
+    sounds[1]->insertEmptySegmentAt(QTTimeRange{QTTime{0, kRate, 0}, QTTime{4800, kRate, 0}});
+    for (int which : {0, 1}) {
+        Playing s{om, nullptr, nullptr};
+        auto out = std::make_unique<ManualAudioOutput>();
+        s.device = out.get();
+        PlayerOptions o;
+        o.output = std::move(out);
+        o.bufferFrames = kBuffer;
+        o.video = false;
+        if (which == 1) o.sound = sounds[1];
+        s.player = std::make_unique<Player>(om.movie, std::move(o));
+        ASSERT_EQ(s.player->soundTrack(), sounds[static_cast<std::size_t>(which)]);
+        s.player->play();
+        auto heard = onsets(pull(s, 60)); // 0 .. 61440: the click at 1 s
+        ASSERT_EQ(heard.size(), 1u) << which;
+        EXPECT_EQ(heard[0], which == 1 ? 48000 + 4800 : 48000) << which;
+    }
+}
+
 TEST(Player, TransportAndSelectionHook)
 {
     Playing s = manualPlayer(cachedMovie("every-second.mov", everySecond(8)));

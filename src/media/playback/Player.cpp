@@ -28,6 +28,7 @@ std::optional<double> delayFromEnvironment()
 
 Player::Player(std::shared_ptr<dm::Movie> movie, PlayerOptions options) : movie_(std::move(movie))
 {
+    sound_ = options.sound;
     for (auto const& t : movie_->tracks()) {
         if (!t->isEnabled()) continue;
         if (t->mediaType() == dm::MediaType::Sound && !sound_) sound_ = t;

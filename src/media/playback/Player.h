@@ -66,6 +66,9 @@ struct PlayerOptions {
     // Extra output delay the user set (headphones, receivers), in ms. The
     // environment's DUBMATCH_OUTPUT_DELAY_MS, when set, takes its place.
     double outputDelayMs = 0;
+    // The sound track to play (the one a sync re-times, as the movie
+    // session gives it); null: the movie's first enabled sound track.
+    dm::TrackPtr sound;
 };
 
 // Counters of the sound path, for tests, benchmarks and diagnostics.
