@@ -42,8 +42,22 @@ struct StopAnswer {
 // --json the reason is also the document on standard output) throws Refused.
 using dmsync::Prediction;
 
-// Opens the movie of a command and tells the notes of its reading.
-std::unique_ptr<dmsync::MovieSession> openSession(std::string const& path);
+// Opens the movie of a command (with the sound track --track names, if
+// given) and tells the notes of its reading.
+std::unique_ptr<dmsync::MovieSession> openSession(std::string const& path, commandline::Parsed const& args);
+// The value of a track-number option (--track N): a whole number from 1.
+int trackNumber(commandline::Parsed const& args, std::string const& option);
+// A reference sound (--reference TRACK|FILE): a track of `movie` by its
+// number, or another file's sound (track 0: the sound that file plays).
+struct ReferenceSound {
+    std::string path;
+    int track = 0;
+};
+ReferenceSound referenceSound(commandline::Parsed const& args, std::string const& movie);
+// FFmpeg's number of the stream that holds track `track` of the movie at
+// `path` (as info lists it), or -1 for track 0. Refused when it is not a
+// sound track.
+int soundStreamOfTrack(std::string const& path, int track);
 
 void setStopAnswers(std::vector<StopAnswer> const& answers);
 StopAnswer stopAnswer(bool finish, std::string const& message);

@@ -8,6 +8,7 @@
 #include "PointsText.h"
 #include "Refusal.h"
 #include "SaveCheck.h"
+#include "MovieSession.h"
 #include "SoundMeasure.h"
 #include "SavedSync.h"
 #include "SyncLimits.h"
@@ -124,12 +125,38 @@ int measureFlashes(std::string const& path)
 
 int measure(commandline::Parsed const& args, json& out)
 {
-    if (args.positionals.size() < 2) {
-        if (args.has("--point") || args.has("--points") || args.has("--json"))
-            throw UsageError("--point, --points and --json need the synced movie: measure ORIGINAL SYNCED");
+    bool againstReference = args.has("--reference");
+    if (againstReference && args.positionals.size() > 1)
+        throw UsageError("--reference measures one movie's sound: measure MOVIE --track N --reference TRACK|FILE");
+    if (args.positionals.size() < 2 && !againstReference) {
+        if (args.has("--point") || args.has("--points") || args.has("--json") || args.has("--track"))
+            throw UsageError("--point, --points, --track and --json need the synced movie: measure ORIGINAL SYNCED");
         return measureFlashes(args.positionals.at(0));
     }
     media::SoundMeasureOptions options;
+    std::string originalPath, syncedPath;
+    int track = trackNumber(args, "--track");
+    if (againstReference) {
+        // A synced track against another sound (the original language's
+        // track beside a dub): where the points put it, else where the
+        // reference's sound is.
+        syncedPath = args.positionals.at(0);
+        ReferenceSound ref = referenceSound(args, syncedPath);
+        originalPath = ref.path;
+        options.originalStream = soundStreamOfTrack(ref.path, ref.track);
+        options.useStoredPoints = false;
+    } else {
+        // A save keeps the tracks' numbers: the same track in both files.
+        originalPath = args.positionals.at(0);
+        syncedPath = args.positionals.at(1);
+        options.originalStream = soundStreamOfTrack(originalPath, track);
+        // The stored points re-time one track: another should not have moved.
+        if (track != 0) {
+            auto synced = dmsync::MovieSession::open(syncedPath);
+            if (!synced->canSync() || synced->list().soundTrack()->id() != track) options.useStoredPoints = false;
+        }
+    }
+    options.syncedStream = soundStreamOfTrack(syncedPath, track);
     if (args.has("--point") || args.has("--points")) {
         std::vector<Offset> points;
         long scale = 1000000000L; // nanoseconds: typed times are kept exactly enough to measure against
@@ -144,11 +171,14 @@ int measure(commandline::Parsed const& args, json& out)
             for (auto const& p : readPoints(args.value("--points"), scale)) points.push_back(p);
         options.points = points;
     }
-    auto m = media::measureSoundAgainst(args.positionals.at(0), args.positionals.at(1), options);
-    bool found = m.unmatched == 0 && !m.windows.empty();
+    auto m = media::measureSoundAgainst(originalPath, syncedPath, options);
+    // Against another track only the sound both share (music and effects
+    // under different speech) can match: windows of speech alone do not.
+    bool found = againstReference ? !m.windows.empty() : m.unmatched == 0 && !m.windows.empty();
     json windows = json::array();
     for (auto const& w : m.windows) windows.push_back({{"movie_time", w.movieTime}, {"error_ms", w.error * 1000}, {"match", w.match}});
-    out = {{"original", args.positionals.at(0)}, {"synced", args.positionals.at(1)}, {"points_from", m.pointsFrom},
+    out = {{"original", originalPath}, {"synced", syncedPath}, {"points_from", m.pointsFrom},
+           {"original_stream", options.originalStream}, {"synced_stream", options.syncedStream},
            {"slope", m.slope}, {"intercept", m.intercept}, {"windows", windows}, {"unmatched", m.unmatched}, {"silent", m.silent},
            {"worst_ms", m.worst() * 1000}, {"p95_ms", m.percentile(0.95) * 1000}, {"bias_ms", m.bias() * 1000}};
     if (!args.has("--json")) {

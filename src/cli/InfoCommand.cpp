@@ -18,6 +18,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -40,9 +41,42 @@
 
 namespace cli {
 
-std::unique_ptr<dmsync::MovieSession> openSession(std::string const& path)
+int trackNumber(commandline::Parsed const& args, std::string const& option)
 {
-    auto session = dmsync::MovieSession::open(path);
+    if (!args.has(option)) return 0;
+    std::string v = args.value(option);
+    int n = 0;
+    auto [end, ec] = std::from_chars(v.data(), v.data() + v.size(), n);
+    if (ec != std::errc() || end != v.data() + v.size() || n < 1)
+        throw UsageError(option + " takes a track number as info lists it (1, 2, ...), not \"" + v + "\"");
+    return n;
+}
+
+ReferenceSound referenceSound(commandline::Parsed const& args, std::string const& movie)
+{
+    std::string v = args.value("--reference");
+    if (!v.empty() && std::all_of(v.begin(), v.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+        commandline::Parsed one;
+        one.values["--reference"] = {v};
+        return {movie, trackNumber(one, "--reference")};
+    }
+    if (v.empty()) throw UsageError("--reference takes a track number of the movie or another movie or sound file");
+    return {v, 0};
+}
+
+int soundStreamOfTrack(std::string const& path, int track)
+{
+    if (track == 0) return -1;
+    media::OpenedMovie m = media::openMovie(path);
+    dm::TrackPtr t = m.movie->trackWithID(track);
+    if (!t || t->mediaType() != dm::MediaType::Sound)
+        throw Refused("Track " + std::to_string(track) + " of \"" + path + "\" is not a sound track.", "dubmatch-cli info lists the tracks.");
+    return media::OpenedMovie::mediaOf(*t).streamIndex;
+}
+
+std::unique_ptr<dmsync::MovieSession> openSession(std::string const& path, commandline::Parsed const& args)
+{
+    auto session = dmsync::MovieSession::open(path, trackNumber(args, "--track"));
     for (auto const& n : session->notes()) note(n + ".");
     return session;
 }
@@ -81,7 +115,7 @@ int info(commandline::Parsed const& args, json& out)
 {
     bool asJson = args.has("--json");
     std::string path = args.positionals.at(0);
-    auto session = openSession(path);
+    auto session = openSession(path, args);
     media::OpenedMovie const& om = session->file();
     dm::Movie& movie = session->movie();
     myQTTime duration = movie.duration();

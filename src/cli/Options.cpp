@@ -25,7 +25,9 @@ std::vector<Command> const& commands()
         Option output = valued("--output", "OUT", Completes::File);
         output.shortName = "-o";
         std::vector<Command> t;
-        t.push_back({"info", {"MOVIE"}, Completes::Movie, {json}});
+        Option track = valued("--track", "N");
+        Option reference = valued("--reference", "TRACK|FILE", Completes::Movie);
+        t.push_back({"info", {"MOVIE"}, Completes::Movie, {track, json}});
         t.push_back({"sync",
                      {"MOVIE"},
                      Completes::Movie,
@@ -34,15 +36,15 @@ std::vector<Command> const& commands()
                       valued("--sound-codec", "CODEC", Completes::Words, {"same", "pcm", "flac", "alac", "aac"}),
                       valued("--lossless-shift", "WHEN", Completes::Words, {"auto", "always", "never"}),
                       flag("--drop-unsupported"), flag("--force"), flag("--accept-truncated"), flag("--dry-run"), flag("--quiet"),
-                      flag("--auto"), valued("--min-confidence", "X"), json}});
-        t.push_back({"suggest", {"MOVIE"}, Completes::Movie, {flag("--quiet"), json}});
+                      flag("--auto"), valued("--min-confidence", "X"), track, reference, json}});
+        t.push_back({"suggest", {"MOVIE"}, Completes::Movie, {track, reference, flag("--quiet"), json}});
         t.push_back({"demo",
                      {"OUT"},
                      Completes::File,
                      {valued("--seconds", "S"), valued("--size", "WxH"), valued("--fps", "N"), valued("--offset", "S"),
                       valued("--rate", "R"), valued("--points-file", "FILE", Completes::File)}});
         Option measurePoint = point;
-        t.push_back({"measure", {"MOVIE", "[SYNCED]"}, Completes::Movie, {measurePoint, valued("--points", "FILE", Completes::File), json}});
+        t.push_back({"measure", {"MOVIE", "[SYNCED]"}, Completes::Movie, {measurePoint, valued("--points", "FILE", Completes::File), track, reference, json}});
         return t;
     }();
     return table;

@@ -61,7 +61,7 @@ int suggestCommand(commandline::Parsed const& args, json& out)
     auto t0 = std::chrono::steady_clock::now();
     bool asJson = args.has("--json");
     std::string path = args.positionals.at(0);
-    auto session = openSession(path);
+    auto session = openSession(path, args);
     OffsetList& list = session->list();
     out = {{"file", path}, {"sound_track", list.soundTrack()->id()}};
     auto found = findSuggestions(session->movie(), list, args.has("--quiet") || asJson);

@@ -103,7 +103,7 @@ int sync(commandline::Parsed const& args, json& out)
     if (args.has("--points")) pointsText = readPointsText(args.value("--points"));
 
     out = {{"file", path}, {"output", inPlace ? path : output}, {"in_place", inPlace}, {"dry_run", dryRun}};
-    auto session = openSession(path);
+    auto session = openSession(path, args);
     media::OpenedMovie const& om = session->file();
     double openSeconds = secondsSince(t0);
     dmsync::SaveTarget target{inPlace ? path : output, inPlace};

@@ -44,17 +44,19 @@ using namespace cli;
 namespace {
 
 constexpr char const* kUsageText = R"(Usage:
-  dubmatch-cli info MOVIE [--json]
+  dubmatch-cli info MOVIE [--track N] [--json]
   dubmatch-cli sync MOVIE [--point MOVIE_TIME=AUDIO_TIME]... [--points FILE] [--from-movie]
                     (-o OUT | --in-place) [--type TYPE] [--sound-codec CODEC]
                     [--lossless-shift auto|always|never] [--drop-unsupported]
                     [--force] [--accept-truncated] [--dry-run] [--quiet] [--json]
   dubmatch-cli sync MOVIE --auto [--min-confidence X] (-o OUT | --in-place | --dry-run) ...
-  dubmatch-cli suggest MOVIE [--quiet] [--json]
+  dubmatch-cli sync MOVIE [--track N] --reference TRACK|FILE --auto (-o OUT | --in-place) ...
+  dubmatch-cli suggest MOVIE [--track N] [--reference TRACK|FILE] [--quiet] [--json]
   dubmatch-cli demo OUT [--seconds S] [--size WxH] [--fps N] [--offset S] [--rate R]
                     [--points-file FILE]
   dubmatch-cli measure MOVIE
-  dubmatch-cli measure ORIGINAL SYNCED [--point M=A]... [--points FILE] [--json]
+  dubmatch-cli measure ORIGINAL SYNCED [--track N] [--point M=A]... [--points FILE] [--json]
+  dubmatch-cli measure MOVIE --reference TRACK|FILE [--track N] [--point M=A]... [--json]
   dubmatch-cli --help | --version | --completion bash|zsh
 
 Commands:
@@ -97,6 +99,20 @@ Commands:
            is not found near where the points put it.
 
 Options of sync:
+  --track N        the sound track to sync (also info, suggest, measure), by
+                   the number info lists: a dub beside the original language.
+                   Without it the one enabled sound track, or the one a stored
+                   sync names. Stored with the points; every other sound track
+                   is copied untouched with its language, name and flags
+  --reference TRACK|FILE
+                   suggest (and sync --auto) by comparing the sound with a
+                   reference sound instead of the picture: another track of
+                   MOVIE by number, or another movie or sound file. Music and
+                   effects shared under different speech line up; the speed is
+                   searched among film transfers (24/25, 25/24, 1000/1001 and
+                   back, 24000/25025 and back) and within +-5 %; stretches where
+                   the sounds differ are reported and never proposed. With
+                   measure: track --track of MOVIE against the reference
   --point M=A      a sync point (repeatable)
   --points FILE    sync points, one "M=A" or "M A" per line; # starts a comment;
                    - reads them from standard input. At most 4 MiB is read;

@@ -47,6 +47,14 @@ OffsetList::OffsetList(dm::Movie* movie, SyncDocument* document) : movie_(movie)
     duration_ = movie_->duration();
 }
 
+OffsetList::OffsetList(dm::Movie* movie, SyncDocument* document, dm::TrackPtr sound) : movie_(movie), document_(document)
+{
+    auto sounds = movie_->tracksOfMediaType(dm::MediaType::Sound);
+    if (!sound || std::find(sounds.begin(), sounds.end(), sound) == sounds.end()) throw NoSoundTracks();
+    soundTrack_ = std::move(sound);
+    duration_ = movie_->duration();
+}
+
 myQTTime OffsetList::MovieTimeToAudioTime(myQTTime const& t) const
 {
     std::int64_t u = rint64(static_cast<double>(t.timeValue) * slope_);

@@ -90,6 +90,11 @@ public:
     // NoSoundTracks when there is none, TooManySoundTracks for two or more.
     // `document` may be null (nothing is told then).
     OffsetList(dm::Movie* movie, SyncDocument* document);
+    // Re-times `sound`, a sound track of `movie` chosen by the user, enabled
+    // or not (a dub beside the original language); the other sound tracks
+    // are left as they are. Raises NoSoundTracks when `sound` is not one of
+    // the movie's sound tracks.
+    OffsetList(dm::Movie* movie, SyncDocument* document, dm::TrackPtr sound);
     OffsetList(OffsetList const&) = delete;
     OffsetList& operator=(OffsetList const&) = delete;
     // Who is told of changes from now on (null: nobody).

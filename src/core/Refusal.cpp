@@ -24,12 +24,14 @@ Refusal mpegMovieRefusal()
 Refusal tooManySoundTracksRefusal()
 {
     return {"There is more than one sound track in the movie.",
-            contact("Dubmatch currently only handles one sound track.", " if support for multiple sound tracks is of interest to you.")};
+            "Choose the sound track to sync: Sync > Sound Track to Sync in Dubmatch, or --track N with dubmatch-cli "
+            "(dubmatch-cli info lists the tracks)."};
 }
 
-std::unique_ptr<OffsetList> makeOffsetList(dm::Movie* movie, SyncDocument* document)
+std::unique_ptr<OffsetList> makeOffsetList(dm::Movie* movie, SyncDocument* document, dm::TrackPtr sound)
 {
     try {
+        if (sound) return std::make_unique<OffsetList>(movie, document, std::move(sound));
         return std::make_unique<OffsetList>(movie, document);
     } catch (OffsetList::NoSoundTracks const&) {
         throw Refused(noSoundTracksRefusal());

@@ -35,6 +35,7 @@ private:
     std::string suggestion_;
 };
 
-// Builds the sync point list of a movie; throws Refused, saying why, when
-// the movie has no single enabled sound track.
-std::unique_ptr<OffsetList> makeOffsetList(dm::Movie* movie, SyncDocument* document);
+// Builds the sync point list of a movie for `sound`, or when that is null
+// for its one enabled sound track; throws Refused, saying why, when there
+// is no such track.
+std::unique_ptr<OffsetList> makeOffsetList(dm::Movie* movie, SyncDocument* document, dm::TrackPtr sound = nullptr);

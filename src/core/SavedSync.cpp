@@ -7,6 +7,10 @@
 namespace {
 constexpr char const* kMagic = "dubmatch-sync-points";
 constexpr int kVersion = 1;
+constexpr int kVersionWithTrack = 2;
+constexpr char const* kSoundKey = "sound=";
+
+bool isBackup(dm::Track const& t) { return !t.isEnabled() && t.displayName() == OffsetList::kBackupTrackName; }
 
 bool parseInt(std::string const& s, std::int64_t& v)
 {
@@ -15,10 +19,11 @@ bool parseInt(std::string const& s, std::int64_t& v)
 }
 } // namespace
 
-std::string encodeSyncPoints(std::vector<Offset> const& points, std::int32_t scale)
+std::string encodeSyncPoints(std::vector<Offset> const& points, std::int32_t scale, int soundOrdinal)
 {
     std::ostringstream o;
-    o << kMagic << " " << kVersion << " " << scale;
+    if (soundOrdinal > 0) o << kMagic << " " << kVersionWithTrack << " " << scale << " " << kSoundKey << soundOrdinal;
+    else o << kMagic << " " << kVersion << " " << scale;
     for (Offset const& p : points) {
         myQTTime m = p.movieTime, a = p.audioTime;
         if (m.timeScale != scale) m = myQTTime(static_cast<long long>(std::llrint(m.seconds() * scale)), scale);
@@ -28,21 +33,43 @@ std::string encodeSyncPoints(std::vector<Offset> const& points, std::int32_t sca
     return o.str();
 }
 
-std::string syncPointsTag(OffsetList const& list)
+int soundTrackOrdinal(dm::Movie const& movie, dm::TrackPtr const& sound)
 {
-    if (list.points().empty()) return {};
-    return encodeSyncPoints(list.points(), static_cast<std::int32_t>(list.soundTrack()->timeScale()));
+    int n = 0;
+    for (auto const& t : movie.tracksOfMediaType(dm::MediaType::Sound)) {
+        if (isBackup(*t)) continue;
+        ++n;
+        if (t == sound) return n;
+    }
+    return 0;
 }
 
-std::optional<std::vector<Offset>> decodeSyncPoints(std::string const& text)
+std::string syncPointsTag(OffsetList const& list, dm::Movie const& movie)
+{
+    if (list.points().empty()) return {};
+    int sounds = 0;
+    for (auto const& t : movie.tracksOfMediaType(dm::MediaType::Sound)) sounds += isBackup(*t) ? 0 : 1;
+    int ordinal = sounds > 1 ? soundTrackOrdinal(movie, list.soundTrack()) : 0;
+    return encodeSyncPoints(list.points(), static_cast<std::int32_t>(list.soundTrack()->timeScale()), ordinal);
+}
+
+std::optional<StoredPoints> decodeStoredPoints(std::string const& text)
 {
     std::istringstream in(text);
     std::string magic, word;
     std::int64_t version = 0, scale = 0;
     if (!(in >> magic) || magic != kMagic) return std::nullopt;
-    if (!(in >> word) || !parseInt(word, version) || version != kVersion) return std::nullopt;
+    if (!(in >> word) || !parseInt(word, version) || (version != kVersion && version != kVersionWithTrack)) return std::nullopt;
     if (!(in >> word) || !parseInt(word, scale) || scale <= 0 || scale > 1'000'000) return std::nullopt;
-    std::vector<Offset> points;
+    StoredPoints stored;
+    if (version == kVersionWithTrack) {
+        std::int64_t ordinal = 0;
+        std::string key = kSoundKey;
+        if (!(in >> word) || word.rfind(key, 0) != 0 || !parseInt(word.substr(key.size()), ordinal) || ordinal < 1 || ordinal > 10'000)
+            return std::nullopt;
+        stored.soundOrdinal = static_cast<int>(ordinal);
+    }
+    std::vector<Offset>& points = stored.points;
     while (in >> word) {
         auto slash = word.find('/');
         std::int64_t m = 0, a = 0;
@@ -51,39 +78,48 @@ std::optional<std::vector<Offset>> decodeSyncPoints(std::string const& text)
         points.emplace_back(myQTTime(static_cast<long long>(m), static_cast<long>(scale)),
                             myQTTime(static_cast<long long>(a), static_cast<long>(scale)));
     }
-    return points;
+    return stored;
 }
 
 SavedSync adoptSavedSync(dm::Movie& movie, std::string const& tag)
 {
     SavedSync result;
-    dm::TrackPtr sound, backup;
-    int enabled = 0, backups = 0;
+    std::vector<dm::TrackPtr> sounds, enabled, backups;
     for (auto const& t : movie.tracksOfMediaType(dm::MediaType::Sound)) {
-        if (t->isEnabled()) {
-            ++enabled;
-            sound = t;
-        } else if (t->displayName() == OffsetList::kBackupTrackName) {
-            ++backups;
-            backup = t;
+        if (isBackup(*t)) {
+            backups.push_back(t);
+            continue;
         }
+        sounds.push_back(t);
+        if (t->isEnabled()) enabled.push_back(t);
     }
-    std::optional<std::vector<Offset>> points;
-    if (!tag.empty()) points = decodeSyncPoints(tag);
-    if (backups == 0) {
+    std::optional<StoredPoints> stored;
+    if (!tag.empty()) stored = decodeStoredPoints(tag);
+    if (backups.empty()) {
         if (!tag.empty()) result.note = "The movie names sync points but has no backup of its sound, so they are not used.";
         return result;
     }
-    if (enabled != 1 || backups != 1 || sound->timeScale() != backup->timeScale()) {
-        result.note = "The movie has " + std::to_string(backups) + " backup sound track(s) that cannot be matched with its sound; "
+    // The track the backup belongs to: the one the points name, or the one
+    // that plays.
+    dm::TrackPtr sound;
+    if (stored && stored->soundOrdinal > 0) {
+        if (stored->soundOrdinal <= static_cast<int>(sounds.size())) sound = sounds[static_cast<std::size_t>(stored->soundOrdinal - 1)];
+    } else if (enabled.size() == 1) {
+        sound = enabled.front();
+    }
+    dm::TrackPtr backup = backups.front();
+    if (!sound || backups.size() != 1 || sound->timeScale() != backup->timeScale()) {
+        result.note = "The movie has " + std::to_string(backups.size()) + " backup sound track(s) that cannot be matched with its sound; "
                       "new points re-time the sound as it plays now.";
         return result;
     }
-    backup->setEnabled(true);
+    backup->setEnabled(sound->isEnabled());
     backup->setDisplayName(sound->displayName());
     dm::ReplaceMovieTrack(movie, sound, backup);
     result.backupAdopted = true;
-    if (points) result.points = std::move(points);
+    result.sound = backup;
+    result.replaced = sound;
+    if (stored) result.points = std::move(stored->points);
     else
         result.note = tag.empty() ? "The movie was synced before, but it does not carry its sync points: it plays its unedited sound "
                                     "again, and new points start from that."

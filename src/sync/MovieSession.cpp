@@ -26,27 +26,65 @@ std::string withoutFullStop(std::string s)
 
 } // namespace
 
-std::unique_ptr<MovieSession> MovieSession::open(std::string const& path)
+std::unique_ptr<MovieSession> MovieSession::open(std::string const& path, int soundTrack)
 {
     std::unique_ptr<MovieSession> s(new MovieSession);
     s->path_ = path;
     s->opened_ = media::openMovie(path);
     s->notes_ = s->opened_.notes;
+    dm::Movie& movie = *s->opened_.movie;
+    // The chosen track, by its number in the file, before a backup moves in.
+    dm::TrackPtr chosen;
+    if (soundTrack != 0) {
+        chosen = movie.trackWithID(soundTrack);
+        if (!chosen || chosen->mediaType() != dm::MediaType::Sound) {
+            std::string list;
+            for (auto const& t : movie.tracksOfMediaType(dm::MediaType::Sound))
+                if (!(t->displayName() == OffsetList::kBackupTrackName && !t->isEnabled()))
+                    list += (list.empty() ? "" : ", ") + std::to_string(t->id());
+            throw Refused("Track " + std::to_string(soundTrack) + " of \"" + path + "\" is not a sound track.",
+                          list.empty() ? "The movie has no sound track to sync." : "Its sound tracks are " + list + " (info lists them).");
+        }
+        if (chosen->displayName() == OffsetList::kBackupTrackName && !chosen->isEnabled())
+            throw Refused("Track " + std::to_string(soundTrack) + " is the backup of an earlier sync, not a sound track to sync.",
+                          "Choose the track that was synced: opening the movie brings its unedited sound back.");
+    }
     // A movie saved after a sync plays its unedited sound again, from its
     // backup, and gets its points back: the list then re-times from the
     // unedited sound, never from a backup of a backup.
-    SavedSync saved = adoptSavedSync(*s->opened_.movie, s->opened_.syncPointsTag);
+    SavedSync saved = adoptSavedSync(movie, s->opened_.syncPointsTag);
     s->syncedBefore_ = saved.backupAdopted;
     s->storedPoints_ = std::move(saved.points);
     s->storedNote_ = saved.note;
     if (!saved.note.empty()) s->notes_.push_back(withoutFullStop(saved.note));
+    // The track synced before is synced again unless another is chosen.
+    if (!chosen || chosen == saved.replaced) chosen = saved.sound;
     try {
-        s->list_ = makeOffsetList(s->opened_.movie.get(), nullptr);
+        if (chosen && saved.backupAdopted && chosen != saved.sound)
+            // Its backup belongs to the other track: a sync of this one
+            // would write that track's unedited sound over its sync.
+            throw Refused("The movie was synced on track " + std::to_string(saved.sound->id()) + " (\"" + saved.sound->displayName()
+                              + "\"); a sync of track " + std::to_string(soundTrack) + " would undo that sync.",
+                          "Sync track " + std::to_string(saved.sound->id())
+                              + " again, or sync another track in the movie as it was before its first sync.");
+        s->list_ = makeOffsetList(s->opened_.movie.get(), nullptr, chosen);
     } catch (Refused const& r) {
         s->refusal_ = r.refusal();
     }
     return s;
 }
+
+std::vector<dm::TrackPtr> MovieSession::soundTracks() const
+{
+    std::vector<dm::TrackPtr> out;
+    for (auto const& t : opened_.movie->tracksOfMediaType(dm::MediaType::Sound)) {
+        bool backup = list_ ? t == list_->backupTrack() : (t->displayName() == OffsetList::kBackupTrackName && !t->isEnabled());
+        if (!backup) out.push_back(t);
+    }
+    return out;
+}
+
+
 
 OffsetList& MovieSession::list() const
 {
@@ -112,7 +150,10 @@ media::SaveOptions MovieSession::withPoints(media::SaveOptions options) const
 {
     // The points travel with the movie, so that it can be opened again and
     // refined; a movie that cannot be synced keeps what its file carries.
-    if (list_) options.syncPoints = syncPointsTag(*list_);
+    if (list_) {
+        options.syncPoints = syncPointsTag(*list_, *opened_.movie);
+        options.sound = list_->soundTrack().get();
+    }
     return options;
 }
 

@@ -72,8 +72,12 @@ class MovieSession {
 public:
     // Reads the movie at `path` (throws media::MediaError and its kinds when
     // it cannot be read). A movie that reads but cannot be synced opens:
-    // canSync() is false and list() throws the refusal.
-    static std::unique_ptr<MovieSession> open(std::string const& path);
+    // canSync() is false and list() throws the refusal. `soundTrack`, when
+    // not 0, is the number of the sound track to sync as the file's tracks
+    // are numbered (what `info` lists): a dub beside the original language.
+    // Else the movie's one enabled sound track, or the one a stored sync
+    // names, is synced.
+    static std::unique_ptr<MovieSession> open(std::string const& path, int soundTrack = 0);
     MovieSession(MovieSession const&) = delete;
     MovieSession& operator=(MovieSession const&) = delete;
 
@@ -98,6 +102,9 @@ public:
     // The sync point list; throws Refused when the movie cannot be synced.
     OffsetList& list() const;
     TrackRoles roles() const;
+    // The movie's sound tracks a user can choose to sync (not the backup),
+    // in the file's order; each track's id is its number in the file.
+    std::vector<dm::TrackPtr> soundTracks() const;
 
     // The lengths and sizes a sync with `points` gives, and the problem
     // with them if a sync refuses them. Call before the points are given

@@ -62,10 +62,10 @@ TEST(SavedSync, TheTagOfAListHoldsItsPointsOrNothing)
 {
     SavedMovie saved(0);
     OffsetList list(&saved.movie, nullptr);
-    EXPECT_EQ(syncPointsTag(list), "");
+    EXPECT_EQ(syncPointsTag(list, saved.movie), "");
     std::vector<Offset> points = {{at(48000), at(50400)}, {at(384000), at(386401)}};
     list.replacePoints(points);
-    auto back = decodeSyncPoints(syncPointsTag(list));
+    auto back = decodeSyncPoints(syncPointsTag(list, saved.movie));
     ASSERT_TRUE(back);
     ASSERT_EQ(back->size(), 2u);
     for (std::size_t i = 0; i < points.size(); ++i) {

@@ -174,6 +174,7 @@ void ReplaceMovieTrack(Movie& movie, TrackPtr const& old, TrackPtr const& replac
     auto r = std::find(movie.tracks_.begin(), movie.tracks_.end(), replacement);
     if (o == movie.tracks_.end() || r == movie.tracks_.end() || o == r) return;
     *o = replacement;
+    replacement->id_ = old->id_;
     movie.tracks_.erase(r);
     ++movie.trackChanges_;
 }

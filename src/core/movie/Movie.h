@@ -89,6 +89,7 @@ public:
     std::int64_t ticks(QTTime const& t) const;
 
 private:
+    friend void ReplaceMovieTrack(Movie& movie, std::shared_ptr<Track> const& old, std::shared_ptr<Track> const& replacement);
     int id_;
     MediaType type_;
     std::shared_ptr<const Media> media_;
@@ -156,8 +157,9 @@ TrackPtr AddEmptyTrackToMovie(Track const& source, Movie& movie);
 // Removes the track from the movie.
 void DisposeMovieTrack(Movie& movie, TrackPtr const& track);
 // Puts `replacement`, a track of the movie, where `old` stands in the
-// movie's order of tracks, and removes `old`. Nothing happens unless both
-// are tracks of the movie.
+// movie's order of tracks, with `old`'s id, and removes `old`: the tracks
+// keep the numbers the file gave them. Nothing happens unless both are
+// tracks of the movie.
 void ReplaceMovieTrack(Movie& movie, TrackPtr const& old, TrackPtr const& replacement);
 
 MovieEditState NewMovieEditState(Movie const& movie);

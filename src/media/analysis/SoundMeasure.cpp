@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <optional>
 #include <numeric>
 
 namespace media {
@@ -52,7 +53,35 @@ int enabledSoundStream(AVFormatContext const* fmt)
     return first;
 }
 
-PlacedSound decodeSound(std::string const& path)
+// The earliest presentation time among the first pictures of a file, in
+// seconds, read from its packets: a stream's declared start can be off
+// (FFmpeg reports 0 for a Matroska picture track whose first block is later).
+std::optional<double> firstPictureTime(std::string const& path)
+{
+    AVFormatContext* raw = nullptr;
+    if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) return std::nullopt;
+    InputContext fmt(raw);
+    if (avformat_find_stream_info(fmt.get(), nullptr) < 0) return std::nullopt;
+    int video = av_find_best_stream(fmt.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    if (video < 0) return std::nullopt;
+    AVStream const* vs = fmt->streams[video];
+    for (unsigned i = 0; i < fmt->nb_streams; ++i) fmt->streams[i]->discard = static_cast<int>(i) == video ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+    Packet pkt = makePacket();
+    std::int64_t earliest = AV_NOPTS_VALUE;
+    for (int seen = 0; seen < 64 && av_read_frame(fmt.get(), pkt.get()) >= 0;) {
+        if (pkt->stream_index == video) {
+            ++seen;
+            std::int64_t t = pkt->pts != AV_NOPTS_VALUE ? pkt->pts : pkt->dts;
+            if (t != AV_NOPTS_VALUE && (earliest == AV_NOPTS_VALUE || t < earliest)) earliest = t;
+        }
+        av_packet_unref(pkt.get());
+    }
+    if (earliest == AV_NOPTS_VALUE) earliest = vs->start_time;
+    if (earliest == AV_NOPTS_VALUE) return std::nullopt;
+    return static_cast<double>(earliest) * av_q2d(vs->time_base);
+}
+
+PlacedSound decodeSound(std::string const& path, int stream)
 {
     AVFormatContext* raw = nullptr;
     check(avformat_open_input(&raw, path.c_str(), nullptr, nullptr), "Cannot open \"" + path + "\"");
@@ -62,12 +91,13 @@ PlacedSound decodeSound(std::string const& path)
     out.origin = fmt->start_time == AV_NOPTS_VALUE ? 0 : static_cast<double>(fmt->start_time) / AV_TIME_BASE;
     out.duration = fmt->duration == AV_NOPTS_VALUE ? 0 : static_cast<double>(fmt->duration) / AV_TIME_BASE;
     if (AVDictionaryEntry const* tag = av_dict_get(fmt->metadata, kSyncPointsTag, nullptr, 0)) out.syncPoints = tag->value;
-    int video = av_find_best_stream(fmt.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
-    if (video >= 0 && fmt->streams[video]->start_time != AV_NOPTS_VALUE) {
+    if (auto first = firstPictureTime(path)) {
         out.hasVideo = true;
-        out.videoStart = static_cast<double>(fmt->streams[video]->start_time) * av_q2d(fmt->streams[video]->time_base);
+        out.videoStart = *first;
     }
-    int index = enabledSoundStream(fmt.get());
+    int index = stream >= 0 ? stream : enabledSoundStream(fmt.get());
+    if (index >= static_cast<int>(fmt->nb_streams) || (index >= 0 && fmt->streams[index]->codecpar->codec_type != AVMEDIA_TYPE_AUDIO))
+        throw MediaError("Stream " + std::to_string(index) + " of \"" + path + "\" is not a sound.");
     if (index < 0) throw MediaError("\"" + path + "\" has no sound.");
     AVStream* st = fmt->streams[index];
     AVCodec const* codec = avcodec_find_decoder(st->codecpar->codec_id);
@@ -197,8 +227,8 @@ double SoundMeasurement::bias() const
 
 SoundMeasurement measureSoundAgainst(std::string const& originalPath, std::string const& syncedPath, SoundMeasureOptions const& options)
 {
-    PlacedSound original = decodeSound(originalPath);
-    PlacedSound synced = decodeSound(syncedPath);
+    PlacedSound original = decodeSound(originalPath, options.originalStream);
+    PlacedSound synced = decodeSound(syncedPath, options.syncedStream);
     // The picture is not moved by a sync: the synced movie's time is laid
     // on its first picture as the original's was.
     if (original.hasVideo && synced.hasVideo) synced.origin = synced.videoStart - (original.videoStart - original.origin);
@@ -208,7 +238,7 @@ SoundMeasurement measureSoundAgainst(std::string const& originalPath, std::strin
     if (options.points) {
         points = *options.points;
         m.pointsFrom = "the points given";
-    } else if (auto stored = decodeSyncPoints(synced.syncPoints)) {
+    } else if (auto stored = options.useStoredPoints ? decodeSyncPoints(synced.syncPoints) : std::nullopt) {
         points = *stored;
         m.pointsFrom = "the synced movie";
     } else {

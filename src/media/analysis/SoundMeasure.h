@@ -40,6 +40,15 @@ struct SoundMeasureOptions {
     double window = 0.5;  // seconds of sound per window
     double step = 0.5;    // seconds between window centres
     double search = 0.25; // how far from the line the sound is looked for, seconds
+    // The streams to compare (FFmpeg's stream numbers); -1: each file's
+    // enabled sound. Two tracks of one file compare a synced dub with the
+    // original language.
+    int originalStream = -1;
+    int syncedStream = -1;
+    // Whether a synced movie's stored points give the line when `points` is
+    // unset (they do not when the two sounds are different tracks: the
+    // points then say where the dub was, not where it belongs).
+    bool useStoredPoints = true;
 };
 
 // Decodes the enabled sound of `original` and of `synced` (as FFmpeg's
@@ -47,7 +56,8 @@ struct SoundMeasureOptions {
 // stamp), places both on their movie's timeline (the synced movie's picture
 // is where the original's was), and finds each window of the synced sound
 // in the original around where the line puts it, to a fraction of a sample.
-// Throws MediaError when a file cannot be read or has no sound.
+// Throws MediaError when a file cannot be read or has no sound (or the
+// stream named is not a sound).
 SoundMeasurement measureSoundAgainst(std::string const& original, std::string const& synced, SoundMeasureOptions const& options = {});
 
 } // namespace media

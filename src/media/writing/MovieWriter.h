@@ -82,6 +82,10 @@ struct SaveOptions {
     // QuickTime, MPEG-4 and Matroska files; empty removes a stored value.
     // Unset: the source's value is copied like any other tag.
     std::optional<std::string> syncPoints;
+    // The sound track a sync re-times, when the movie has several: a file
+    // that keeps only the sound that plays (an MPEG-4, AIFF or DV export)
+    // keeps this one, whatever the others' flags say.
+    dm::Track const* sound = nullptr;
 };
 
 // What a save does with one track.

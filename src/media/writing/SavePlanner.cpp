@@ -128,7 +128,9 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
         d.media = &m;
         d.in = inputs.stream(m);
         bool enabled = track.isEnabled();
-        if (plan.enabledOnly && !enabled) continue;
+        // Whether a file of what plays keeps the track.
+        bool plays = track.mediaType() == dm::MediaType::Sound && plan.options.sound ? &track == plan.options.sound : enabled;
+        if (plan.enabledOnly && !plays) continue;
         if (plan.soundOnly && track.mediaType() != dm::MediaType::Sound) continue;
         std::string what = describe(track, m, d.in);
         auto leaveOut = [&](std::string const& why) {
@@ -140,7 +142,7 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
         if (track.mediaType() == dm::MediaType::Sound) {
             AVChannelLayout layout = layoutOf(m.codecpar);
             if (plan.dv || container == Container::Kind::Aiff) {
-                if (!enabled) continue;
+                if (!plays) continue;
                 d.how = TrackPlan::How::Encoded;
                 d.sound.encoder = plan.dv ? "pcm_s16le" : "pcm_s16be";
                 d.sound.sampleFormat = AV_SAMPLE_FMT_S16;
@@ -197,7 +199,7 @@ std::vector<Decision> decide(dm::Movie const& movie, Plan const& plan, SourceInp
                 } else {
                     d.sound = chooseSoundFormat(container, m.codecpar, layout, policy, false);
                     d.how = TrackPlan::How::Encoded;
-                    d.detail = std::string(enabled ? "re-timed, " : "edited, ") + soundDetail(d.sound);
+                    d.detail = std::string(plays ? "re-timed, " : "edited, ") + soundDetail(d.sound);
                     if (!d.sound.note.empty()) notes.push_back(d.sound.note);
                 }
             }
