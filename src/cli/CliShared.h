@@ -80,7 +80,18 @@ std::string pointsSourceName(std::string const& file);
 std::string readPointsText(std::string const& file);
 std::vector<Offset> readPoints(std::string const& file, long scale);
 std::vector<Offset> parsePoints(std::string const& file, std::string const& text, long scale);
-media::SuggestedPoints findSuggestions(dm::Movie const& movie, OffsetList const& list, bool quiet);
+// What suggest found: from the picture, or with --reference from a
+// reference sound (then `match` holds the speed and where the sounds differ).
+struct Found {
+    suggest::Suggestion suggestion;
+    std::optional<media::MovieEvidence> evidence;
+    std::optional<suggest::SoundMatch> match;
+    std::string reference; // the reference's description
+};
+Found findSuggestions(dmsync::MovieSession const& session, commandline::Parsed const& args, std::string const& path, bool quiet);
+// The JSON of what was found beside the candidates: the reference, the
+// speed and where the sounds differ, or the faces.
+void foundJson(Found const& found, json& out);
 json offsetJson(suggest::LocalOffset const& o);
 int suggestCommand(commandline::Parsed const& args, json& out);
 int sync(commandline::Parsed const& args, json& out);

@@ -129,8 +129,10 @@ int sync(commandline::Parsed const& args, json& out)
         for (auto const& p : parsePoints(args.value("--points"), *pointsText, scale)) points.push_back(p);
     if (args.has("--auto")) {
         if (!points.empty() || args.has("--from-movie")) throw UsageError("--auto finds its own points: give no other points");
-        auto found = findSuggestions(session->movie(), list, quiet);
+        auto found = findSuggestions(*session, args, path, quiet);
         auto const& sg = found.suggestion;
+        if (found.match)
+            for (auto const& d : found.match->differ) note(suggest::differText(d) + ": no point is proposed there.");
         std::vector<suggest::LocalOffset> confident;
         for (auto const& c : sg.candidates)
             if (c.confidence >= minConfidence) confident.push_back(c);
@@ -138,6 +140,7 @@ int sync(commandline::Parsed const& args, json& out)
                             {"candidates", sg.candidates.size()},
                             {"used", confident.size()},
                             {"refusal", sg.refused() ? json(sg.refusal) : json(nullptr)}};
+        foundJson(found, out["suggested"]);
         if (sg.refused())
             throw Refused{"Nothing was synced: no sync points can be suggested for \"" + path + "\": " + sg.refusal + ".",
                           "Find the points by ear in Dubmatch, or give them with --point."};

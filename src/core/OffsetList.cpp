@@ -11,6 +11,10 @@ namespace {
 constexpr int kPointsForFlags = 3;
 constexpr double kDeviationFactor = 1.5;
 constexpr double kAbsoluteTolerance = 0.25; // seconds
+// A point this close to its line is on it, however tightly the others fit:
+// points found sample by sample (from a reference sound) differ by
+// microseconds, and 1.5 times a microsecond of spread is no stray.
+constexpr double kOnTheLine = 0.001; // seconds
 
 double secondsOf(myQTTime const& t) { return static_cast<double>(t.timeValue) / t.timeScale; }
 
@@ -217,7 +221,7 @@ void OffsetList::setFlags(int count)
     double rms = std::sqrt(sum / count);
     for (std::size_t i = 0; i < points_.size(); ++i) {
         double r = std::fabs(residuals[i]);
-        points_[i].flag = r > kDeviationFactor * rms || r > kAbsoluteTolerance;
+        points_[i].flag = r > kOnTheLine && (r > kDeviationFactor * rms || r > kAbsoluteTolerance);
     }
 }
 

@@ -1,5 +1,6 @@
 #include "MovieSession.h"
 
+#include "ReferenceMatch.h"
 #include "SavedSync.h"
 #include "SyncLimits.h"
 
@@ -90,6 +91,37 @@ OffsetList& MovieSession::list() const
 {
     if (!list_) throw Refused(refusal_);
     return *list_;
+}
+
+ReferenceSound MovieSession::referenceTrack(int id) const
+{
+    dm::TrackPtr t = opened_.movie->trackWithID(id);
+    TrackRoles r = roles();
+    if (!t || t->mediaType() != dm::MediaType::Sound || t == r.backup)
+        throw Refused("Track " + std::to_string(id) + " of \"" + path_ + "\" is not a sound track to compare with.",
+                      "dubmatch-cli info lists the tracks.");
+    if (t == r.sound)
+        throw Refused("Track " + std::to_string(id) + " is the sound to sync itself.",
+                      "Give another sound track of the movie (the original language), or another file.");
+    return {opened_.movie, t, "track " + std::to_string(id) + " (\"" + t->displayName() + "\")"};
+}
+
+ReferenceSound MovieSession::referenceFile(std::string const& path)
+{
+    media::OpenedMovie m = media::openMovie(path);
+    dm::TrackPtr sound;
+    for (auto const& t : m.movie->tracksOfMediaType(dm::MediaType::Sound))
+        if (!sound || (t->isEnabled() && !sound->isEnabled())) sound = t;
+    if (!sound) throw Refused("\"" + path + "\" has no sound to compare with.", "");
+    return {m.movie, sound, "\"" + path + "\""};
+}
+
+suggest::SoundMatch MovieSession::matchReference(ReferenceSound const& reference, media::Progress const& progress,
+                                                 std::atomic<bool> const* stop) const
+{
+    OffsetList const& l = list();
+    dm::Track const& unedited = l.backupTrack() ? *l.backupTrack() : *l.soundTrack();
+    return media::matchReferenceSound(unedited, *reference.track, progress, stop);
 }
 
 TrackRoles MovieSession::roles() const

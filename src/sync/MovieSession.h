@@ -12,6 +12,9 @@
 #include "MovieWriter.h"
 #include "OffsetList.h"
 #include "Refusal.h"
+#include "SoundMatch.h"
+
+#include <atomic>
 
 #include <cstdint>
 #include <memory>
@@ -68,6 +71,14 @@ private:
     media::SaveOptions options_;
 };
 
+// A sound to compare the sound to sync with: a track of the movie or of
+// another file (another release), whose timeline is the movie's.
+struct ReferenceSound {
+    std::shared_ptr<dm::Movie> movie; // keeps the track's file open
+    dm::TrackPtr track;
+    std::string description; // "track 2 (\"English\")", "\"other.mkv\""
+};
+
 class MovieSession {
 public:
     // Reads the movie at `path` (throws media::MediaError and its kinds when
@@ -105,6 +116,16 @@ public:
     // The movie's sound tracks a user can choose to sync (not the backup),
     // in the file's order; each track's id is its number in the file.
     std::vector<dm::TrackPtr> soundTracks() const;
+
+    // A reference sound: track `id` of this movie (not the sound to sync),
+    // or the sound another file plays. Throws Refused (and for a file
+    // media::MediaError).
+    ReferenceSound referenceTrack(int id) const;
+    static ReferenceSound referenceFile(std::string const& path);
+    // The sync points a comparison of the unedited sound to sync with the
+    // reference suggests. Runs on the session's thread.
+    suggest::SoundMatch matchReference(ReferenceSound const& reference, media::Progress const& progress = {},
+                                       std::atomic<bool> const* stop = nullptr) const;
 
     // The lengths and sizes a sync with `points` gives, and the problem
     // with them if a sync refuses them. Call before the points are given

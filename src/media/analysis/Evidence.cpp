@@ -35,38 +35,69 @@ std::optional<double> timelineSeconds(dm::Track const& track, std::int64_t media
     return std::nullopt;
 }
 
-// The unedited sound as mono samples from audio time 0, read through the
-// track's edits in short pieces (empty time reads as silence).
-std::vector<float> monoSound(dm::Track const& sound, FileMedia const& media, AudioDecoder& decoder, ProgressReporter& progress,
-                             double share)
+} // namespace
+
+std::vector<float> monoTimeline(dm::Track const& sound, ProgressReporter& progress, double from, double to, int rate, int* usedRate)
 {
-    int rate = decoder.sampleRate();
+    auto media = fileMediaOf(sound, "sound track");
+    AudioDecoder decoder(media);
+    int inRate = decoder.sampleRate();
+    if (rate <= 0) rate = inRate;
+    if (usedRate) *usedRate = rate;
     double seconds = static_cast<double>(sound.editList()->duration()) / sound.timeScale();
-    auto total = static_cast<std::size_t>(std::max(0.0, seconds * rate));
-    std::vector<float> mono(total, 0.f);
+    auto total = static_cast<std::size_t>(std::max(0.0, seconds * inRate));
+    // A different rate goes through the resampler piece by piece, so only
+    // the result is held whole.
+    Swr swr;
+    if (rate != inRate) {
+        AVChannelLayout mono = AV_CHANNEL_LAYOUT_MONO;
+        SwrContext* raw = nullptr;
+        check(swr_alloc_set_opts2(&raw, &mono, AV_SAMPLE_FMT_FLT, rate, &mono, AV_SAMPLE_FMT_FLT, inRate, 0, nullptr), "Setting up the resampler");
+        swr.reset(raw);
+        check(swr_init(swr.get()), "Setting up the resampler");
+    }
+    std::vector<float> out;
+    out.reserve(static_cast<std::size_t>(seconds * rate) + 64);
     constexpr int kPiece = 4800;
     int channels = decoder.channels();
     PcmBuffer buf(channels, kPiece);
     std::vector<float*> ptrs;
     for (auto& c : buf.channels) ptrs.push_back(c.data());
-    double mediaPerSample = static_cast<double>(media.timeScale) / rate;
-    for (std::size_t first = 0; first < total; first += kPiece) {
-        progress.update(share * static_cast<double>(first) / static_cast<double>(total));
-        auto at = sound.lookup(myQTTime(static_cast<long long>(first), rate));
-        if (!at || at->segment.isEmpty()) continue;
-        auto start = static_cast<std::int64_t>(std::llround(at->mediaTime / mediaPerSample));
-        int count = static_cast<int>(std::min<std::size_t>(kPiece, total - first));
-        decoder.read(start, count, ptrs.data());
-        for (int i = 0; i < count; ++i) {
-            float sum = 0;
-            for (int c = 0; c < channels; ++c) sum += buf.channels[static_cast<std::size_t>(c)][static_cast<std::size_t>(i)];
-            mono[first + static_cast<std::size_t>(i)] = sum / static_cast<float>(std::max(1, channels));
+    std::vector<float> piece(kPiece), converted;
+    double mediaPerSample = static_cast<double>(media->timeScale) / inRate;
+    auto emit = [&](float const* data, int count) {
+        if (!swr) {
+            out.insert(out.end(), data, data + count);
+            return;
         }
+        int room = swr_get_out_samples(swr.get(), count);
+        converted.resize(static_cast<std::size_t>(std::max(room, 0)));
+        auto* dst = reinterpret_cast<std::uint8_t*>(converted.data());
+        auto const* src = reinterpret_cast<std::uint8_t const*>(data);
+        int n = swr_convert(swr.get(), &dst, room, data ? &src : nullptr, count);
+        if (n > 0) out.insert(out.end(), converted.begin(), converted.begin() + n);
+    };
+    for (std::size_t first = 0; first < total; first += kPiece) {
+        progress.update(from + (to - from) * static_cast<double>(first) / static_cast<double>(total));
+        int count = static_cast<int>(std::min<std::size_t>(kPiece, total - first));
+        std::fill(piece.begin(), piece.end(), 0.f);
+        auto at = sound.lookup(myQTTime(static_cast<long long>(first), inRate));
+        if (at && !at->segment.isEmpty()) {
+            auto start = static_cast<std::int64_t>(std::llround(at->mediaTime / mediaPerSample));
+            decoder.read(start, count, ptrs.data());
+            for (int i = 0; i < count; ++i) {
+                float sum = 0;
+                for (int c = 0; c < channels; ++c) sum += buf.channels[static_cast<std::size_t>(c)][static_cast<std::size_t>(i)];
+                piece[static_cast<std::size_t>(i)] = sum / static_cast<float>(std::max(1, channels));
+            }
+        }
+        emit(piece.data(), count);
     }
-    return mono;
+    if (swr) emit(nullptr, 0);
+    // As long as the timeline at the new rate.
+    out.resize(static_cast<std::size_t>(std::llround(static_cast<double>(total) * rate / inRate)), 0.f);
+    return out;
 }
-
-} // namespace
 
 dm::TrackPtr enabledVideoTrack(dm::Movie const& movie)
 {
@@ -86,9 +117,9 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
     // Sound first: it is the cheaper half.
     auto smedia = fileMediaOf(unedited, "sound track");
     {
-        AudioDecoder decoder(smedia);
-        std::vector<float> mono = monoSound(unedited, *smedia, decoder, report, kSoundShare);
-        auto envs = suggest::soundEnvelopes(mono.data(), mono.size(), decoder.sampleRate());
+        int rate = 0;
+        std::vector<float> mono = monoTimeline(unedited, report, 0, kSoundShare, 0, &rate);
+        auto envs = suggest::soundEnvelopes(mono.data(), mono.size(), rate);
         out.evidence.onset = std::move(envs.onset);
         out.evidence.speech = std::move(envs.speech);
         out.evidence.soundChange = std::move(envs.change);

@@ -7,6 +7,7 @@
 #include "MovieFile.h"
 #include "MovieWriter.h"
 #include "Suggest.h"
+#include "WriteProgress.h"
 
 #include <atomic>
 #include <string>
@@ -33,6 +34,13 @@ struct MovieEvidence {
 // MediaError, Cancelled.
 MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, double duration, Progress const& progress = {},
                              std::atomic<bool> const* stop = nullptr, EvidenceOptions const& options = {});
+
+// The timeline of a sound track (its edits applied, empty time silent) as
+// mono samples from time 0, at `rate` (0: the decoder's own; the rate used
+// goes to `usedRate`), reporting progress from `from` to `to`. Throws
+// MediaError, Cancelled.
+std::vector<float> monoTimeline(dm::Track const& sound, ProgressReporter& progress, double from, double to, int rate = 0,
+                                int* usedRate = nullptr);
 
 // The movie's enabled video track, or null.
 dm::TrackPtr enabledVideoTrack(dm::Movie const& movie);
