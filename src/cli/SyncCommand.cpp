@@ -140,7 +140,7 @@ int sync(commandline::Parsed const& args, json& out)
                             {"candidates", sg.candidates.size()},
                             {"used", confident.size()},
                             {"refusal", sg.refused() ? json(sg.refusal) : json(nullptr)}};
-        foundJson(found, out["suggested"]);
+        if (found.match) foundJson(found, out["suggested"]);
         if (sg.refused())
             throw Refused{"Nothing was synced: no sync points can be suggested for \"" + path + "\": " + sg.refusal + ".",
                           "Find the points by ear in Dubmatch, or give them with --point."};

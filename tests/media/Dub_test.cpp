@@ -71,13 +71,17 @@ TEST(Dub, ChosenTrackSyncedToTheOriginalLanguage)
     EXPECT_NE(notSound.output.find("is not a sound track"), std::string::npos) << notSound.output;
 
     // Points against the English track: on the line within a millisecond.
+    // The ffmpeg program starts both AAC tracks with the encoder's priming
+    // (1024 samples) in the file, the picture moved by as much: on the
+    // file's timelines the dub's line is a = r (m - p) + c + p.
+    constexpr double kPriming = 1024.0 / 48000;
     CliRun suggested = cliStdout("suggest '" + movie + "' --track 3 --reference 2 --json --quiet");
     ASSERT_EQ(suggested.status, 0) << suggested.output;
     auto s = json::parse(suggested.output);
     ASSERT_TRUE(s["line"].is_object());
     EXPECT_EQ(s["speed_name"], "24/25");
     for (double t : {0.0, 60.0})
-        EXPECT_NEAR(s["line"]["slope"].get<double>() * t + s["line"]["intercept"].get<double>(), kSpeed * t + kOffset, 0.001) << t;
+        EXPECT_NEAR(s["line"]["slope"].get<double>() * t + s["line"]["intercept"].get<double>(), kSpeed * (t - kPriming) + kOffset + kPriming, 0.001) << t;
     EXPECT_GE(s["candidates"].size(), 2u);
     EXPECT_TRUE(s["differ"].empty());
 
