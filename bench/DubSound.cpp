@@ -268,7 +268,11 @@ Score scoreSuggestion(int status, nlohmann::json const& answer, Truth const& tru
         } else {
             s.verdict = Verdict::Inexact;
             if (s.candidates == 0) s.note = "no candidates";
+            else if (s.note.empty()) s.note = "only candidates of confidence < 0.5, or the line's ends, more than 1 ms off";
         }
+        // A reference match says where the sounds differ, if only with an
+        // empty list: an answer without one did not compare the sounds.
+        if (!answer.contains("differ") || !answer["differ"].is_array()) s.note += s.note.empty() ? "no \"differ\" list" : "; no \"differ\" list";
     } catch (nlohmann::json::exception const& e) {
         s = Score{};
         s.note = std::string("the answer breaks the contract: ") + e.what();

@@ -159,6 +159,14 @@ TEST(DubScore, Verdicts)
     s = scoreSuggestion(0, answer({}, 0, 0), truth, 240, 0, 0);
     EXPECT_EQ(s.verdict, Verdict::Inexact);
 
+    // An answer that does not say where the sounds differ is flagged.
+    json noDiffer = answer({candidate(10, 0, 1)}, 0, 0);
+    noDiffer.erase("differ");
+    s = scoreSuggestion(0, noDiffer, truth, 240, 0, 0);
+    EXPECT_EQ(s.verdict, Verdict::Found);
+    EXPECT_NE(s.note.find("differ"), std::string::npos);
+    EXPECT_EQ(scoreSuggestion(0, answer({candidate(10, 0, 1)}, 0, 0), truth, 240, 0, 0).note, "");
+
     // The cut is reported when a differing stretch overlaps it.
     EXPECT_TRUE(scoreSuggestion(0, answer({candidate(10, 0, 1)}, 0, 0), truth, 240, 120, 150).cutReported);
     EXPECT_FALSE(scoreSuggestion(0, answer({candidate(10, 0, 1)}, 0, 0), truth, 240, 130, 160).cutReported);

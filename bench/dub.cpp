@@ -25,6 +25,12 @@
 // line moved by 2 ms (which the measurement must see).
 //
 // Usage: dub [--quick | --cases N] [--seed S] [--keep DIR] [--verify] [--cli PATH]
+//   --cases N  the first N cases: a cut, the unrelated reference, then the
+//              other speeds; the 10th is the 10-minute one
+//   --quick    the first 4, 3 minutes each
+//   --keep DIR write the cases into DIR/caseK (movie.mkv, english.wav,
+//              dub.wav, truth.json) and keep them
+//   --cli PATH another dubmatch-cli than the one of this build
 #include "DubSound.h"
 
 #include <nlohmann/json.hpp>
@@ -397,7 +403,7 @@ bool verify(Case const& k, std::string const& cli, std::string const& movie)
     if (k.unrelated) truthHolds = share < 0.02; // another film's sound agrees almost nowhere
     else truthHolds = share > 0.4 && std::fabs(at.median) < 0.02 && std::fabs(seenShift - wantShift) < 0.02 && at.agreeInCut <= 1;
     ok = ok && truthHolds;
-    std::printf("  verify: streams %s (%s), info %s; measure under the truth: %zu windows, %zu (%.0f%%) within 0.05 ms (worst %.4f), "
+    std::printf("  verify: streams %s (%s), info %s; measure under the truth: %zu windows, %zu (%.0f%%) within 0.05 ms (largest of those %.4f), "
                 "median %+.4f ms, %zu agree in the cut; line 2 ms later: median moves %+.4f ms (expected %+.4f) -> %s\n",
                 order ? "ok" : "WRONG", streams.c_str(), third ? "lists the dub as track 3" : "WRONG", at.errors.size() + at.agreeInCut,
                 agree, 100 * share, worstAgreeing, at.median, at.agreeInCut, seenShift, wantShift, ok ? "truth holds" : "TRUTH NOT PROVEN");
