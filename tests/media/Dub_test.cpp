@@ -104,6 +104,15 @@ TEST(Dub, ChosenTrackSyncedToTheOriginalLanguage)
     auto measured = json::parse(cliStdout("measure '" + out + "' --track 3 --reference 2 --json").output);
     ASSERT_GE(measured["windows"].size(), 20u) << measured.dump();
     EXPECT_LT(measured["worst_ms"].get<double>(), 1.0);
+    // Measured against the movie it came from: the English track did not
+    // move (the stored points are the dub's), the dub moved as they say.
+    auto english = json::parse(cliStdout("measure '" + movie + "' '" + out + "' --track 2 --json").output);
+    EXPECT_EQ(english["points_from"], "none (the sound should not have moved)");
+    EXPECT_LT(english["worst_ms"].get<double>(), 0.1) << english.dump();
+    auto dubbed = json::parse(cliStdout("measure '" + movie + "' '" + out + "' --track 3 --json").output);
+    EXPECT_EQ(dubbed["points_from"], "the synced movie");
+    EXPECT_EQ(dubbed["unmatched"], 0);
+    EXPECT_LT(dubbed["worst_ms"].get<double>(), 0.1) << dubbed.dump();
 
     // Opened again, the dub is the sound to sync, its backup the unedited
     // sound; a sync of the English track would undo it and is refused.
