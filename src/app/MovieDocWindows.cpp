@@ -111,18 +111,8 @@ void MovieDoc::makeWindowControllers()
     wc->setShouldCloseDocument(true);
     addWindowController(wc);
 
-    QSize natural;
-    double seconds = 0;
-    if (opened_) {
-        for (auto const& t : opened_->movie().tracksOfMediaType(dm::MediaType::Video))
-            if (t->isEnabled()) {
-                auto const& m = media::OpenedMovie::mediaOf(*t);
-                natural = QSize(m.width, m.height);
-                break;
-            }
-        seconds = opened_->movie().duration().seconds();
-    }
-    mMovieView->setPlayer(player_.get(), natural, seconds);
+    attachPlayerToView();
+    QSize natural = mMovieView->naturalSize();
     connect(mMovieView, &MovieView::playToggled, this, &MovieDoc::togglePlay);
     window->installEventFilter(this);
     if (auto* app = DMApplication::instance()) {
@@ -144,6 +134,22 @@ void MovieDoc::makeWindowControllers()
     window->setMinimumSize(window->minimumSizeHint().expandedTo(QSize(kSoundOnlyWidth * 2 / 3, 0)));
     if (player_) onIdle(player_->currentTime());
     if (kit::UserDefaults<bool>("openInspector")) createInfoWindow(false);
+}
+
+void MovieDoc::attachPlayerToView()
+{
+    QSize natural;
+    double seconds = 0;
+    if (opened_) {
+        for (auto const& t : opened_->movie().tracksOfMediaType(dm::MediaType::Video))
+            if (t->isEnabled()) {
+                auto const& m = media::OpenedMovie::mediaOf(*t);
+                natural = QSize(m.width, m.height);
+                break;
+            }
+        seconds = opened_->movie().duration().seconds();
+    }
+    mMovieView->setPlayer(player_.get(), natural, seconds);
 }
 
 void MovieDoc::fitHintHeight(int width)
