@@ -21,6 +21,7 @@
 #include <QClipboard>
 #include <QDir>
 #include <QFileInfo>
+#include <QActionGroup>
 #include <QKeyEvent>
 #include <QPointer>
 #include <QLineEdit>
@@ -244,13 +245,17 @@ void DMApplication::addSoundTrackMenu()
     // track, the synced one checked; greyed when no other can be chosen.
     connect(menu, &QMenu::aboutToShow, this, [menu] {
         menu->clear();
+        for (auto* g : menu->findChildren<QActionGroup*>(Qt::FindDirectChildrenOnly)) delete g;
         auto* dc = kit::DocumentController::shared();
         auto* doc = qobject_cast<MovieDoc*>(dc ? dc->currentDocument() : nullptr);
         if (!doc) return;
         bool enabled = doc->validateAction("chooseSoundTrack");
         int current = doc->soundTrackId();
+        // One of them is synced: shown as a choice of one.
+        auto* group = new QActionGroup(menu);
         for (dm::TrackPtr const& t : doc->soundTracks()) {
             QAction* a = menu->addAction(MovieDoc::soundTrackTitle(*t));
+            group->addAction(a);
             a->setCheckable(true);
             a->setChecked(t->id() == current);
             a->setEnabled(enabled);

@@ -75,6 +75,8 @@ public:
     OffsetListWindowController* findInfoWindowController() const;
     DMTableView* getTableView() const;
     QWidget* getInfoWindow() const;
+    // "<name> Sync Points", with the synced track named when the movie has several.
+    QString infoWindowTitle() const;
     void createInfoWindow(bool show);
     void showInfo() { createInfoWindow(true); }
     void reloadTable();

@@ -264,7 +264,7 @@ void MovieDoc::createInfoWindow(bool show)
         addWindowController(wc);
         wc->window()->installEventFilter(this);
         connect(this, &kit::Document::fileNameChanged, wc->window(), [this, w = wc->window()] {
-            w->setWindowTitle(OffsetListWindowController::windowTitleForDocumentDisplayName(displayName()));
+            w->setWindowTitle(infoWindowTitle());
         });
         setDurationDisplay();
         previousPlayTime_ = myQTTime(-1LL, 1); // the read-out fills at the next idle tick
@@ -431,8 +431,17 @@ void MovieDoc::reloadTable()
         setSelectedRows(keep);
         rememberSelection();
     }
-    wc->window()->setWindowTitle(OffsetListWindowController::windowTitleForDocumentDisplayName(displayName()));
+    wc->window()->setWindowTitle(infoWindowTitle());
     updateResidualPlot();
+}
+
+QString MovieDoc::infoWindowTitle() const
+{
+    QString title = OffsetListWindowController::windowTitleForDocumentDisplayName(displayName());
+    // With a choice of sound tracks, the one synced is named.
+    if (!session_ || soundTracks().size() < 2) return title;
+    dm::TrackPtr const& sound = session_->offsets()->soundTrack();
+    return title + QString(" \u2014 Track %1 \"%2\"").arg(sound->id()).arg(QString::fromStdString(sound->displayName()));
 }
 
 void MovieDoc::updateResidualPlot()

@@ -75,6 +75,8 @@ TEST_F(SoundTrackChoice, TheMenuListsTheTracksAndSwitchesTheSession)
     EXPECT_TRUE(items[0]->isEnabled() && items[1]->isEnabled());
 
     // Choosing the dub: a new session and player for it, in the same window.
+    doc->createInfoWindow(false);
+    EXPECT_EQ(doc->getInfoWindow()->windowTitle(), QString("app-dubbed.mov Sync Points \u2014 Track %1 \"Sound\"").arg(ids[0]));
     QMainWindow* window = doc->movieWindow();
     bool const hadDevice = doc->player()->hasAudioDevice();
     doc->player()->setCurrentTime(at(5));
@@ -87,6 +89,7 @@ TEST_F(SoundTrackChoice, TheMenuListsTheTracksAndSwitchesTheSession)
     EXPECT_EQ(doc->player()->currentTime().timeValue, at(5).timeValue);
     // The old player let go of the sound device before the new one opened it.
     EXPECT_EQ(doc->player()->hasAudioDevice(), hadDevice) << doc->player()->audioStatus();
+    EXPECT_EQ(doc->getInfoWindow()->windowTitle(), QString("app-dubbed.mov Sync Points \u2014 Track %1 \"Sound 2\"").arg(ids[1]));
     items = trackItems();
     ASSERT_EQ(items.size(), 2);
     EXPECT_FALSE(items[0]->isChecked());
@@ -135,6 +138,8 @@ TEST_F(SoundTrackChoice, OneSoundTrackIsShownGreyed)
     EXPECT_TRUE(items[0]->isChecked());
     EXPECT_FALSE(items[0]->isEnabled());
     EXPECT_FALSE(doc->validateAction("chooseSoundTrack"));
+    doc->createInfoWindow(false);
+    EXPECT_EQ(doc->getInfoWindow()->windowTitle(), "app-12s.mov Sync Points"); // no track named without a choice
 }
 
 // The dub chosen and synced, saved, then read back: the saved sync names the
