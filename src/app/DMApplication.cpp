@@ -21,7 +21,9 @@
 #include <QClipboard>
 #include <QDir>
 #include <QFileInfo>
+#include <QActionGroup>
 #include <QKeyEvent>
+#include <QPointer>
 #include <QLineEdit>
 #include <QPlainTextEdit>
 #include <QSocketNotifier>
@@ -173,6 +175,8 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
     addSyncItem("Abandon Sync Point", "abandonSync", 2, QString(QChar(0x1b)));
     addSyncItem("Delete Sync Points", "deleteSync", 4, QString(QChar(0x7f)));
     syncMenu_->addSeparator();
+    addSoundTrackMenu();
+    syncMenu_->addSeparator();
     addSyncItem("Suggest Points\u2026", "suggestPoints", 12, "");
     addSyncItem("Accept All Confident", "acceptConfident", 13, "");
     syncMenu_->addSeparator();
@@ -227,6 +231,41 @@ QAction* DMApplication::addSyncItem(QString const& title, QString const& name, i
     a->setProperty("keyEquivalent", key);
     connect(a, &QAction::triggered, this, [this, name] { sendAction(name); });
     return a;
+}
+
+void DMApplication::addSoundTrackMenu()
+{
+    QMenu* menu = syncMenu_->addMenu("Sound &Track to Sync");
+    menu->setObjectName("soundTrackMenu");
+    QAction* item = menu->menuAction();
+    item->setObjectName("soundTrackMenu");
+    item->setData(0); // no key of its own
+    item->setProperty("title", item->text());
+    // Filled each time it opens, from the current document: every sound
+    // track, the synced one checked; greyed when no other can be chosen.
+    connect(menu, &QMenu::aboutToShow, this, [menu] {
+        menu->clear();
+        for (auto* g : menu->findChildren<QActionGroup*>(Qt::FindDirectChildrenOnly)) delete g;
+        auto* dc = kit::DocumentController::shared();
+        auto* doc = qobject_cast<MovieDoc*>(dc ? dc->currentDocument() : nullptr);
+        if (!doc) return;
+        bool enabled = doc->validateAction("chooseSoundTrack");
+        int current = doc->soundTrackId();
+        // One of them is synced: shown as a choice of one.
+        auto* group = new QActionGroup(menu);
+        for (dm::TrackPtr const& t : doc->soundTracks()) {
+            QAction* a = menu->addAction(MovieDoc::soundTrackTitle(*t));
+            group->addAction(a);
+            a->setCheckable(true);
+            a->setChecked(t->id() == current);
+            a->setEnabled(enabled);
+            a->setData(t->id());
+            connect(a, &QAction::triggered, menu, [doc = QPointer<MovieDoc>(doc), id = t->id()] {
+                if (doc && doc->validateAction("chooseSoundTrack")) doc->chooseSoundTrack(id);
+            });
+        }
+        if (menu->isEmpty()) menu->addAction("No Sound Tracks")->setEnabled(false);
+    });
 }
 
 void DMApplication::populateMenuBar(QMenuBar* bar)

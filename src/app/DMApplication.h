@@ -76,6 +76,8 @@ signals:
 
 private:
     QAction* addSyncItem(QString const& title, QString const& name, int tag, QString const& key);
+    // Sync > Sound Track to Sync.
+    void addSoundTrackMenu();
     void lastDocumentMayHaveClosed();
     bool terminating_ = false;
     std::unique_ptr<KeyTable> selectorMapPtr_;

@@ -290,6 +290,10 @@ bool MovieDoc::validateAction(QString const& action) const
     if (busy_) return false; // a save or export is running
     if (action == "doExport" || action == "showInfo" || action == "print") return opened_ != nullptr;
     if (!session_) return false;
+    // The submenu opens whenever there is a session, to show the tracks;
+    // its items are enabled only when a choice can be made.
+    if (action == "soundTrackMenu") return true;
+    if (action == "chooseSoundTrack") return canChooseSoundTrack();
     bool editing = tableViewIsEditing();
     int rows = static_cast<int>(selectedRows().size());
     bool inProgress = syncInProgress();
@@ -340,6 +344,27 @@ bool MovieDoc::performAction(QString const& action)
         kit::runAlert(spec);
     }
     return true;
+}
+
+std::vector<dm::TrackPtr> MovieDoc::soundTracks() const { return opened_ ? opened_->soundTracks() : std::vector<dm::TrackPtr>{}; }
+
+int MovieDoc::soundTrackId() const { return session_ ? session_->offsets()->soundTrack()->id() : 0; }
+
+QString MovieDoc::soundTrackTitle(dm::Track const& track)
+{
+    auto const& m = media::OpenedMovie::mediaOf(track);
+    QStringList parts{QString::fromUtf8(m.codecName())};
+    if (m.channels > 0) parts << (m.channels == 1 ? QString("1 channel") : QString("%1 channels").arg(m.channels));
+    if (!m.language.empty()) parts << QString::fromStdString(m.language);
+    parts << "\"" + QString::fromStdString(track.displayName()) + "\"";
+    return QString("Track %1: %2").arg(track.id()).arg(parts.join(", "));
+}
+
+bool MovieDoc::canChooseSoundTrack() const
+{
+    // With a point (or one in progress) the track is settled: the points
+    // were made by listening to it.
+    return !busy_ && session_ && !syncInProgress() && session_->offsets()->points().empty() && soundTracks().size() > 1;
 }
 
 bool MovieDoc::enabledVideo() const { return movie() && media::enabledVideoTrack(*movie()) != nullptr; }

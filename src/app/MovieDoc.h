@@ -75,6 +75,8 @@ public:
     OffsetListWindowController* findInfoWindowController() const;
     DMTableView* getTableView() const;
     QWidget* getInfoWindow() const;
+    // "<name> Sync Points", with the synced track named when the movie has several.
+    QString infoWindowTitle() const;
     void createInfoWindow(bool show);
     void showInfo() { createInfoWindow(true); }
     void reloadTable();
@@ -133,6 +135,23 @@ public:
     // the "suggestConfidence" preference becomes a point, as one undo step.
     void acceptConfidentPoints();
     bool isCandidateRow(int row) const { return session_ && session_->candidateOfRow(row) >= 0; }
+
+    // Sync > Sound Track to Sync: the movie's sound tracks a user can
+    // choose (not the backup of an earlier sync), in the file's order, and
+    // the one synced now.
+    std::vector<dm::TrackPtr> soundTracks() const;
+    int soundTrackId() const;
+    // The menu title of a sound track: "Track 3: aac, 2 channels, ger, "German"".
+    static QString soundTrackTitle(dm::Track const& track);
+    // Syncs the sound track numbered `id` instead (allowed while the movie
+    // has more than one sound track and no sync point): the movie is read
+    // again for it, with a new player and sync session, in the same
+    // windows. A refusal is told in an alert and keeps the track synced now.
+    // True when `id` is the track synced afterwards.
+    bool chooseSoundTrack(int id);
+    // Whether another sound track can be chosen now: the movie has more
+    // than one, no sync point exists and no save or export runs.
+    bool canChooseSoundTrack() const;
 
     // Whether an action (by name, e.g. "startSync") is enabled now.
     bool validateAction(QString const& action) const;
@@ -237,6 +256,30 @@ private:
     // A save or export whose Cancel came after the new file was complete says so.
     void tellLateStop(QString const& what);
     bool eventFilter(QObject* watched, QEvent* event) override;
+
+    // A movie read for syncing with its player and sync session: built
+    // whole before the document takes it, so that a refusal leaves the
+    // document as it was.
+    struct Parts {
+        std::unique_ptr<dmsync::MovieSession> opened;
+        std::unique_ptr<media::Player> player;
+        std::unique_ptr<SyncSession> session;
+    };
+    // Reads `path` syncing sound track `soundTrack` (0: the movie's own
+    // choice; a movie with several enabled sound tracks and none stored
+    // syncs the first of them). Throws what the reading throws, and
+    // Refused when the movie cannot be synced.
+    static std::unique_ptr<dmsync::MovieSession> openSession(QString const& path, int soundTrack);
+    // The player and the sync session of `opened`, with the points stored
+    // in the file when `storedPoints`. Throws when the sound cannot be played.
+    Parts completeParts(std::unique_ptr<dmsync::MovieSession> opened, bool storedPoints);
+    // Drops the player and the session (the view lets go first): the sound
+    // device is free for the next player.
+    void dropPlayer();
+    // The document takes `parts`, dropping the player and session it had.
+    void adoptParts(Parts parts);
+    // Gives the movie view the player, with the picture's natural size.
+    void attachPlayerToView();
 
     std::unique_ptr<dmsync::MovieSession> opened_;
     std::unique_ptr<media::Player> player_;

@@ -153,23 +153,11 @@ bool MovieDoc::readFromFile(QString const& path, QString const& type, Refusal* e
         spec.informative = QString::fromStdString(r.suggestion);
         kit::runAlert(spec);
     };
-    // Everything that can fail is built into locals first: a refused movie
-    // leaves the document as it was.
-    std::unique_ptr<dmsync::MovieSession> opened;
-    std::unique_ptr<media::Player> player;
-    std::unique_ptr<SyncSession> session;
+    // Everything that can fail is built first: a refused movie leaves the
+    // document as it was.
+    Parts parts;
     try {
-        // A movie saved after a sync plays its unedited sound again, from
-        // its backup, and gets its points back below.
-        opened = dmsync::MovieSession::open(path.toStdString());
-        // The player opens the sound decoder: a sound that can be read but
-        // not decoded is refused here, with the movie.
-        media::PlayerOptions options;
-        options.outputDelayMs = kit::UserDefaults<float>("soundOutputDelay");
-        options.sound = opened->roles().sound;
-        player = std::make_unique<media::Player>(opened->sharedMovie(), std::move(options));
-        session = SyncSession::make(*opened, player.get(), currentSettings, sessionHooks());
-        if (opened->storedPoints()) session->replacePoints(*opened->storedPoints(), false);
+        parts = completeParts(openSession(path, 0), true);
     } catch (Refused const& r) {
         report(r.refusal());
         return false;
@@ -180,13 +168,7 @@ bool MovieDoc::readFromFile(QString const& path, QString const& type, Refusal* e
         report({"The file could not be opened as a movie.", e.what()});
         return false;
     }
-    if (mMovieView) mMovieView->setPlayer(nullptr, {}, 0);
-    session_.reset();
-    player_.reset();
-    opened_ = std::move(opened);
-    player_ = std::move(player);
-    session_ = std::move(session);
-    committed_ = session_->offsets()->points();
+    adoptParts(std::move(parts));
     undo_->clear();
     faultShown_ = false;
     setFileName(path);
@@ -194,11 +176,6 @@ bool MovieDoc::readFromFile(QString const& path, QString const& type, Refusal* e
     // is an imported document, saved as a new file.
     (void)type;
     setFileType(typeForContainer(opened_->file().container));
-    player_->setSelectionFilter([this](QTTimeRange const&) { return allowSelectionChange(); });
-    player_->setIdleCallback([this](myQTTime now) { onIdle(now); },
-                             [this](std::function<void()> task) { QMetaObject::invokeMethod(this, std::move(task), Qt::QueuedConnection); });
-    // Called at most once, on a playback thread.
-    player_->setFaultCallback([this](std::string const& message) { emit playbackFault(QString::fromStdString(message)); });
     updateMenu();
     if (opened_->file().truncated) {
         // Told once, at opening: the movie plays and saves as far as it can be read.
@@ -219,6 +196,118 @@ bool MovieDoc::readFromFile(QString const& path, QString const& type, Refusal* e
         kit::runAlert(spec);
     }
     return true;
+}
+
+std::unique_ptr<dmsync::MovieSession> MovieDoc::openSession(QString const& path, int soundTrack)
+{
+    // A movie saved after a sync plays its unedited sound again, from its
+    // backup, and gets its points back.
+    auto opened = dmsync::MovieSession::open(path.toStdString(), soundTrack);
+    if (soundTrack == 0 && !opened->canSync()) {
+        // Several enabled sound tracks (a dub beside the original) and no
+        // stored choice: the first is synced until the user chooses another
+        // in Sync > Sound Track to Sync.
+        std::vector<dm::TrackPtr> enabled;
+        for (auto const& t : opened->soundTracks())
+            if (t->isEnabled()) enabled.push_back(t);
+        if (enabled.size() > 1) opened = dmsync::MovieSession::open(path.toStdString(), enabled.front()->id());
+    }
+    if (!opened->canSync()) throw Refused(opened->refusal());
+    return opened;
+}
+
+MovieDoc::Parts MovieDoc::completeParts(std::unique_ptr<dmsync::MovieSession> opened, bool storedPoints)
+{
+    Parts p;
+    p.opened = std::move(opened);
+    // The player opens the sound decoder: a sound that can be read but not
+    // decoded is refused here, with the movie.
+    media::PlayerOptions options;
+    options.outputDelayMs = kit::UserDefaults<float>("soundOutputDelay");
+    options.sound = p.opened->roles().sound;
+    p.player = std::make_unique<media::Player>(p.opened->sharedMovie(), std::move(options));
+    p.session = SyncSession::make(*p.opened, p.player.get(), currentSettings, sessionHooks());
+    if (storedPoints && p.opened->storedPoints()) p.session->replacePoints(*p.opened->storedPoints(), false);
+    return p;
+}
+
+void MovieDoc::dropPlayer()
+{
+    if (mMovieView) mMovieView->setPlayer(nullptr, {}, 0);
+    session_.reset();
+    player_.reset(); // its threads end and the sound device closes
+}
+
+void MovieDoc::adoptParts(Parts parts)
+{
+    dropPlayer();
+    opened_ = std::move(parts.opened);
+    player_ = std::move(parts.player);
+    session_ = std::move(parts.session);
+    committed_ = session_->offsets()->points();
+    player_->setSelectionFilter([this](QTTimeRange const&) { return allowSelectionChange(); });
+    player_->setIdleCallback([this](myQTTime now) { onIdle(now); },
+                             [this](std::function<void()> task) { QMetaObject::invokeMethod(this, std::move(task), Qt::QueuedConnection); });
+    // Called at most once, on a playback thread.
+    player_->setFaultCallback([this](std::string const& message) { emit playbackFault(QString::fromStdString(message)); });
+    if (mMovieView) attachPlayerToView();
+}
+
+bool MovieDoc::chooseSoundTrack(int id)
+{
+    if (!canChooseSoundTrack()) return false;
+    if (id == soundTrackId()) return true;
+    auto tell = [this](QString const& message, std::string const& informative) {
+        kit::AlertSpec spec;
+        spec.message = message;
+        spec.informative = QString::fromStdString(informative);
+        spec.sheetParent = mMovieWindow;
+        kit::runAlert(spec);
+    };
+    // The file is read for the new track first: a refusal (the movie was
+    // synced before on another track) keeps everything as it is.
+    std::unique_ptr<dmsync::MovieSession> opened;
+    try {
+        opened = openSession(fileName(), id);
+    } catch (Refused const& r) {
+        tell(QString::fromStdString(r.refusal().message), r.refusal().suggestion);
+        return false;
+    } catch (std::exception const& e) {
+        tell(QString("Track %1 could not be opened for syncing.").arg(id), e.what());
+        return false;
+    }
+    myQTTime now = player_->currentTime();
+    normalSpeed();
+    player_->pause();
+    // The old player gives up the sound device before the new one opens it;
+    // the movie it played is kept to fall back on.
+    std::unique_ptr<dmsync::MovieSession> previous = std::move(opened_);
+    dropPlayer();
+    bool chosen = true;
+    try {
+        adoptParts(completeParts(std::move(opened), true));
+    } catch (std::exception const& e) {
+        chosen = false;
+        tell(QString("Track %1 cannot be played.").arg(id), e.what());
+        try {
+            adoptParts(completeParts(std::move(previous), false));
+        } catch (std::exception const& again) {
+            // The track that played a moment ago no longer does: nothing
+            // is left to show, and nothing is lost (there are no points).
+            tell("The movie cannot be played any more.", again.what());
+            QMetaObject::invokeMethod(this, [this] { close(); }, Qt::QueuedConnection);
+            return false;
+        }
+    }
+    // No point exists, so nothing is lost: the undo steps stay, and undoing
+    // one puts its points on the track synced now.
+    faultShown_ = false;
+    player_->setCurrentTime(now);
+    updateWaveform();
+    didUpdateMode();
+    emit pointsChanged();
+    updateMenu();
+    return chosen;
 }
 
 bool MovieDoc::writeToFile(QString const& path, QString const& type, kit::SaveOperation op)

@@ -111,18 +111,8 @@ void MovieDoc::makeWindowControllers()
     wc->setShouldCloseDocument(true);
     addWindowController(wc);
 
-    QSize natural;
-    double seconds = 0;
-    if (opened_) {
-        for (auto const& t : opened_->movie().tracksOfMediaType(dm::MediaType::Video))
-            if (t->isEnabled()) {
-                auto const& m = media::OpenedMovie::mediaOf(*t);
-                natural = QSize(m.width, m.height);
-                break;
-            }
-        seconds = opened_->movie().duration().seconds();
-    }
-    mMovieView->setPlayer(player_.get(), natural, seconds);
+    attachPlayerToView();
+    QSize natural = mMovieView->naturalSize();
     connect(mMovieView, &MovieView::playToggled, this, &MovieDoc::togglePlay);
     window->installEventFilter(this);
     if (auto* app = DMApplication::instance()) {
@@ -144,6 +134,22 @@ void MovieDoc::makeWindowControllers()
     window->setMinimumSize(window->minimumSizeHint().expandedTo(QSize(kSoundOnlyWidth * 2 / 3, 0)));
     if (player_) onIdle(player_->currentTime());
     if (kit::UserDefaults<bool>("openInspector")) createInfoWindow(false);
+}
+
+void MovieDoc::attachPlayerToView()
+{
+    QSize natural;
+    double seconds = 0;
+    if (opened_) {
+        for (auto const& t : opened_->movie().tracksOfMediaType(dm::MediaType::Video))
+            if (t->isEnabled()) {
+                auto const& m = media::OpenedMovie::mediaOf(*t);
+                natural = QSize(m.width, m.height);
+                break;
+            }
+        seconds = opened_->movie().duration().seconds();
+    }
+    mMovieView->setPlayer(player_.get(), natural, seconds);
 }
 
 void MovieDoc::fitHintHeight(int width)
@@ -258,7 +264,7 @@ void MovieDoc::createInfoWindow(bool show)
         addWindowController(wc);
         wc->window()->installEventFilter(this);
         connect(this, &kit::Document::fileNameChanged, wc->window(), [this, w = wc->window()] {
-            w->setWindowTitle(OffsetListWindowController::windowTitleForDocumentDisplayName(displayName()));
+            w->setWindowTitle(infoWindowTitle());
         });
         setDurationDisplay();
         previousPlayTime_ = myQTTime(-1LL, 1); // the read-out fills at the next idle tick
@@ -425,8 +431,17 @@ void MovieDoc::reloadTable()
         setSelectedRows(keep);
         rememberSelection();
     }
-    wc->window()->setWindowTitle(OffsetListWindowController::windowTitleForDocumentDisplayName(displayName()));
+    wc->window()->setWindowTitle(infoWindowTitle());
     updateResidualPlot();
+}
+
+QString MovieDoc::infoWindowTitle() const
+{
+    QString title = OffsetListWindowController::windowTitleForDocumentDisplayName(displayName());
+    // With a choice of sound tracks, the one synced is named.
+    if (!session_ || soundTracks().size() < 2) return title;
+    dm::TrackPtr const& sound = session_->offsets()->soundTrack();
+    return title + QString(" \u2014 Track %1 \"%2\"").arg(sound->id()).arg(QString::fromStdString(sound->displayName()));
 }
 
 void MovieDoc::updateResidualPlot()

@@ -224,7 +224,7 @@ OffsetListWindowController::OffsetListWindowController(MovieDoc* doc) : kit::Win
 {
     QWidget* w = window();
     w->setProperty("dubmatchDocument", QVariant::fromValue(static_cast<QObject*>(doc)));
-    w->setWindowTitle(windowTitleForDocumentDisplayName(doc->displayName()));
+    w->setWindowTitle(doc->infoWindowTitle());
     auto* layout = new QVBoxLayout(w);
     table_ = new DMTableView(w);
     model_ = new OffsetTableModel(doc, w);

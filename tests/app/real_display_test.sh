@@ -6,16 +6,17 @@
 # MPEG-4 (once cancelled on the progress sheet, once to the end), edit the
 # table, Quit and answer the save question. Then checks that the process
 # exited with status 0, that the saved movie measures in sync and that the
-# export plays. A screenshot of every step goes to OUTDIR.
+# export plays; last, a movie with two sound tracks syncs the second once
+# it is chosen in Sync > Sound Track to Sync. A screenshot of every step goes to OUTDIR.
 #
 # Usage: real_display_test.sh DUBMATCH DUBMATCH_CLI OUTDIR
-# Exits 77 (skipped) when Xvfb, openbox, xdotool or import is missing.
+# Exits 77 (skipped) when Xvfb, openbox, xdotool, import or FFmpeg's tools are missing.
 set -uo pipefail
 
 app=$1
 cli=$2
 out=$3
-for tool in Xvfb openbox xdotool import ffprobe; do
+for tool in Xvfb openbox xdotool import ffprobe ffmpeg; do
   if ! command -v "$tool" >/dev/null; then
     echo "SKIP: $tool is not installed"
     exit 77
@@ -262,4 +263,28 @@ awk -v w="$worst" 'BEGIN { exit !(w <= 0.05) }' || fail "the saved movie is $wor
 streams=$(ffprobe -v error -show_entries stream=codec_type -of csv=p=0 "$exported" | sort | tr '\n' ' ')
 [[ $streams == *audio*video* ]] || fail "the export has streams: $streams"
 ffmpeg -v error -i "$exported" -f null - || fail "the export does not decode"
+
+# A movie with a dub: it opens on the first sound track; Sync > Sound Track
+# to Sync, driven from the keyboard, moves the sync to the second, and the
+# sync point window's title names it.
+dubbed=$work/dubbed.mkv
+ffmpeg -v error -i "$movie" -i "$movie" -map 0:v -map 0:a -map 1:a -c copy \
+  -metadata:s:a:0 language=eng -metadata:s:a:0 title=English -metadata:s:a:1 language=ger -metadata:s:a:1 title=German \
+  -disposition:a:0 default -disposition:a:1 default "$dubbed" || fail "the dubbed movie"
+"$app" "$dubbed" >"$work/app.log" 2>&1 &
+apppid=$!
+pids+=($apppid)
+wait_for 30 "the dubbed movie's windows" has_window '^dubbed\.mkv Sync Points .* Track 2 "English"$'
+activate '^dubbed\.mkv\*?$'
+key alt+s
+key t
+sleep 0.4
+shot "sound-track-menu"
+key Down Return
+wait_for 20 "the dub chosen" has_window '^dubbed\.mkv Sync Points .* Track 3 "German"$'
+shot "dub-chosen"
+log "the dub chosen from the Sound Track to Sync menu"
+activate '^dubbed\.mkv\*?$'
+key ctrl+q
+wait_for 20 "the application to quit" bash -c "! kill -0 $apppid 2>/dev/null"
 log "PASS: worst $worst ms, export streams: $streams"

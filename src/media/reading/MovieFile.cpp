@@ -361,6 +361,8 @@ OpenedMovie openMovie(std::string const& path)
             if (!isDefaultHandlerName(handler)) title = handler;
         }
         media->title = title;
+        media->language = metadata(st->metadata, "language");
+        if (media->language == "und") media->language.clear();
 
         std::vector<dm::Segment> segs;
         if (lead > 0) segs.push_back(dm::Segment::empty(lead));

@@ -85,6 +85,7 @@ struct FileMedia : dm::Media {
     std::int64_t origin = 0;
     AVCodecParameters* codecpar = nullptr; // owned copy
     std::string title;             // the stream's own name, if any
+    std::string language;          // the stream's language code ("ger"), empty when none or undetermined
     // Sound
     int sampleRate = 0;
     int channels = 0;
