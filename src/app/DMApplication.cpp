@@ -178,6 +178,7 @@ DMApplication::DMApplication(int& argc, char** argv) : QApplication(argc, argv),
     addSoundTrackMenu();
     syncMenu_->addSeparator();
     addSyncItem("Suggest Points\u2026", "suggestPoints", 12, "");
+    addReferenceMenu();
     addSyncItem("Accept All Confident", "acceptConfident", 13, "");
     syncMenu_->addSeparator();
     addSyncItem("Advance Audio", "advanceAudio", 5, "");
@@ -265,6 +266,40 @@ void DMApplication::addSoundTrackMenu()
             });
         }
         if (menu->isEmpty()) menu->addAction("No Sound Tracks")->setEnabled(false);
+    });
+}
+
+void DMApplication::addReferenceMenu()
+{
+    QMenu* menu = syncMenu_->addMenu("Suggest Points from a Sound &Track");
+    menu->setObjectName("referenceMenu");
+    QAction* item = menu->menuAction();
+    item->setObjectName("referenceMenu");
+    item->setData(0);
+    item->setProperty("title", item->text());
+    // The movie's other sound tracks (the original language beside a dub),
+    // then any other file; filled each time it opens.
+    connect(menu, &QMenu::aboutToShow, this, [menu] {
+        menu->clear();
+        auto* dc = kit::DocumentController::shared();
+        auto* doc = qobject_cast<MovieDoc*>(dc ? dc->currentDocument() : nullptr);
+        if (!doc) return;
+        bool enabled = doc->validateAction("suggestFromSound");
+        for (dm::TrackPtr const& t : doc->soundTracks()) {
+            if (t->id() == doc->soundTrackId()) continue;
+            QAction* a = menu->addAction(MovieDoc::soundTrackTitle(*t));
+            a->setEnabled(enabled);
+            a->setData(t->id());
+            connect(a, &QAction::triggered, menu, [doc = QPointer<MovieDoc>(doc), id = t->id()] {
+                if (doc && doc->validateAction("suggestFromSound")) doc->suggestPointsFromTrack(id);
+            });
+        }
+        if (!menu->isEmpty()) menu->addSeparator();
+        QAction* file = menu->addAction("Another Movie or Sound File\u2026");
+        file->setEnabled(enabled);
+        connect(file, &QAction::triggered, menu, [doc = QPointer<MovieDoc>(doc)] {
+            if (doc && doc->validateAction("suggestFromSound")) doc->suggestPointsFromFile();
+        });
     });
 }
 

@@ -77,6 +77,8 @@ signals:
 private:
     QAction* addSyncItem(QString const& title, QString const& name, int tag, QString const& key);
     // Sync > Sound Track to Sync.
+    // Sync > Suggest Points from a Sound Track: the other tracks and a file.
+    void addReferenceMenu();
     void addSoundTrackMenu();
     void lastDocumentMayHaveClosed();
     bool terminating_ = false;

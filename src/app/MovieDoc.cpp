@@ -2,6 +2,8 @@
 // and the middle button, and the sync point table's data.
 #include "MovieDoc.h"
 
+#include "ReferenceMatch.h"
+
 #include <QUndoCommand>
 
 #include "DMApplication.h"
@@ -301,6 +303,7 @@ bool MovieDoc::validateAction(QString const& action) const
     if (action == "editSync") return !inProgress && !editing && infoWindowIsKeyWindow() && rows == 1;
     if (action == "deleteSync") return !inProgress && !editing && infoWindowIsKeyWindow() && rows >= 1;
     if (action == "suggestPoints") return !inProgress && enabledVideo();
+    if (action == "suggestFromSound" || action == "referenceMenu") return !inProgress;
     if (action == "acceptConfident") {
         double threshold = kit::UserDefaults<double>("suggestConfidence");
         auto const& cs = session_->candidates();
@@ -389,20 +392,102 @@ void MovieDoc::suggestPoints()
         kit::runAlert(spec);
         return;
     }
-    auto const& sg = found->suggestion;
+    offerCandidates(found->suggestion, "The picture and the sound do not agree clearly enough anywhere; make the points by ear.");
+}
+
+bool MovieDoc::offerCandidates(suggest::Suggestion const& sg, QString const& whenRefused)
+{
     if (sg.refused()) {
+        kit::AlertSpec spec;
+        spec.sheetParent = mMovieWindow;
         spec.message = "Dubmatch has no sync points to suggest.";
-        spec.informative = QString::fromStdString(sg.refusal)
-                         + ".\n\nThe picture and the sound do not agree clearly enough anywhere; make the points by ear.";
+        spec.informative = QString::fromStdString(sg.refusal) + ".\n\n" + whenRefused;
         kit::runAlert(spec);
-        return;
+        return false;
     }
-    long scale = list->soundTrack()->timeScale();
+    long scale = session_->offsets()->soundTrack()->timeScale();
     std::vector<SyncSession::Candidate> candidates;
     for (auto const& c : sg.candidates) candidates.push_back({myQTTime(c.movieTime, scale), myQTTime(c.audioTime, scale), c.confidence});
     session_->setCandidates(std::move(candidates));
     createInfoWindow(true);
     updateMenu();
+    return true;
+}
+
+void MovieDoc::suggestPointsFromTrack(int id)
+{
+    if (!session_ || busy_ || syncInProgress()) return;
+    try {
+        suggestPointsFrom(opened_->referenceTrack(id));
+    } catch (Refused const& r) {
+        kit::AlertSpec spec;
+        spec.sheetParent = mMovieWindow;
+        spec.message = QString::fromStdString(r.what());
+        spec.informative = QString::fromStdString(r.suggestion());
+        kit::runAlert(spec);
+    }
+}
+
+void MovieDoc::suggestPointsFromFile()
+{
+    if (!session_ || busy_ || syncInProgress()) return;
+    kit::OpenPanelSpec panel;
+    panel.title = "Suggest Points from a Sound Track";
+    panel.directory = QFileInfo(fileName()).absolutePath();
+    QString path = panel.directory.isEmpty() ? QString() : kit::runOpenPanel(panel);
+    if (path.isEmpty()) return;
+    kit::AlertSpec spec;
+    spec.sheetParent = mMovieWindow;
+    try {
+        suggestPointsFrom(dmsync::MovieSession::referenceFile(path.toStdString()));
+    } catch (Refused const& r) {
+        spec.message = QString::fromStdString(r.what());
+        spec.informative = QString::fromStdString(r.suggestion());
+        kit::runAlert(spec);
+    } catch (std::exception const& e) {
+        spec.message = QString("\"%1\" cannot be read as a sound.").arg(QFileInfo(path).fileName());
+        spec.informative = QString::fromStdString(e.what());
+        kit::runAlert(spec);
+    }
+}
+
+void MovieDoc::suggestPointsFrom(dmsync::ReferenceSound const& reference)
+{
+    if (!session_ || busy_ || syncInProgress()) return;
+    // The sound as it was before any sync: the backup once there is one.
+    OffsetList* list = session_->offsets();
+    dm::TrackPtr unedited = list->backupTrack() ? list->backupTrack() : list->soundTrack();
+    player_->pause();
+    std::optional<suggest::SoundMatch> found;
+    auto outcome = runWithProgress("Suggest Sync Points", [&](media::Progress const& progress) {
+        found = media::matchReferenceSound(*unedited, *reference.track, progress);
+    });
+    if (!outcome) return; // cancelled: the table stays as it was
+    if (!outcome->empty() || !found) {
+        kit::AlertSpec spec;
+        spec.sheetParent = mMovieWindow;
+        spec.message = "Dubmatch could not compare the sounds.";
+        spec.informative = QString::fromStdString(outcome->empty() ? std::string("The search ended early.") : *outcome);
+        kit::runAlert(spec);
+        return;
+    }
+    if (!offerCandidates(found->suggestion, "Check that " + QString::fromStdString(reference.description)
+                                                 + " is the same film; else make the points by ear."))
+        return;
+    if (!found->differ.empty()) {
+        QStringList lines;
+        for (auto const& d : found->differ) {
+            std::string text = suggest::differText(d);
+            text[0] = static_cast<char>(std::toupper(static_cast<unsigned char>(text[0])));
+            lines << QString::fromStdString(text) + ".";
+        }
+        kit::AlertSpec spec;
+        spec.sheetParent = mMovieWindow;
+        spec.icon = QMessageBox::Information;
+        spec.message = "The sound to sync and " + QString::fromStdString(reference.description) + " differ in places.";
+        spec.informative = lines.join("\n") + "\n\nNo point is suggested there: a scene may be cut in one of them.";
+        kit::runAlert(spec);
+    }
 }
 
 void MovieDoc::acceptConfidentPoints()

@@ -136,6 +136,15 @@ public:
     void acceptConfidentPoints();
     bool isCandidateRow(int row) const { return session_ && session_->candidateOfRow(row) >= 0; }
 
+    // Sync > Suggest Points from a Sound Track: the unedited sound to sync
+    // is compared with track `id` of the movie (the original language), or
+    // with the sound of a file chosen in an open panel (another release).
+    // The candidates appear as the picture's do; stretches where the two
+    // sounds differ are told in an alert.
+    void suggestPointsFromTrack(int id);
+    void suggestPointsFromFile();
+    void suggestPointsFrom(dmsync::ReferenceSound const& reference);
+
     // Sync > Sound Track to Sync: the movie's sound tracks a user can
     // choose (not the backup of an earlier sync), in the file's order, and
     // the one synced now.
@@ -280,6 +289,9 @@ private:
     void adoptParts(Parts parts);
     // Gives the movie view the player, with the picture's natural size.
     void attachPlayerToView();
+    // Shows suggested points as candidates in the sync point window, or
+    // when there are none, an alert with the reason and `whenRefused`.
+    bool offerCandidates(suggest::Suggestion const& suggestion, QString const& whenRefused);
 
     std::unique_ptr<dmsync::MovieSession> opened_;
     std::unique_ptr<media::Player> player_;

@@ -196,3 +196,68 @@ TEST_F(SoundTrackChoice, ASaveReTimesTheChosenTrack)
 }
 
 } // namespace
+
+// Sync > Suggest Points from a Sound Track: the sound to sync compared with
+// another track of the movie (here a copy of it, so the points lie on the
+// line of no change) or with a file; a file that shares nothing is refused.
+class ReferenceSuggestions : public SoundTrackChoice {
+protected:
+    static QList<QAction*> referenceItems()
+    {
+        auto* app = DMApplication::instance();
+        app->updateMenu();
+        QMenu* menu = app->getSyncMenu()->findChild<QMenu*>("referenceMenu");
+        EXPECT_NE(menu, nullptr);
+        if (!menu) return {};
+        EXPECT_TRUE(menu->menuAction()->isEnabled());
+        emit menu->aboutToShow();
+        QList<QAction*> items;
+        for (QAction* a : menu->actions())
+            if (!a->isSeparator()) items << a;
+        return items;
+    }
+};
+
+TEST_F(ReferenceSuggestions, AnotherTrackGivesCandidatesAndAnUnrelatedFileIsRefused)
+{
+    auto spec = dubbedSpec();
+    spec.seconds = 40;
+    spec.music = true;
+    std::string path = cachedMovie("app-dub-music.mov", spec);
+    std::string unrelated = cachedMovie("app-reference-clicks.mov", smallSpec(20, 0.0, 1.0));
+
+    AlertRecorder alerts;
+    MovieDoc* doc = open(path);
+    ASSERT_TRUE(doc);
+    std::vector<int> ids = soundIds(doc);
+    ASSERT_EQ(ids.size(), 2u);
+    QList<QAction*> items = referenceItems();
+    // The other track, then a file.
+    ASSERT_EQ(items.size(), 2);
+    EXPECT_EQ(items[0]->data().toInt(), ids[1]);
+    EXPECT_TRUE(items[1]->text().startsWith("Another Movie or Sound File"));
+
+    items[0]->trigger();
+    auto const& candidates = doc->session()->candidates();
+    ASSERT_GE(candidates.size(), 2u) << (alerts.shown.empty() ? "" : alerts.shown.back().informative.toStdString());
+    for (auto const& c : candidates) {
+        EXPECT_NEAR(c.audioTime.seconds() - c.movieTime.seconds(), 0.0, 0.001);
+        EXPECT_GT(c.confidence, 0.5);
+    }
+    EXPECT_TRUE(alerts.shown.empty()) << alerts.shown.front().message.toStdString();
+
+    // Another film's sound (clicks over a quiet tone): refused, nothing offered.
+    doc->session()->setCandidates({});
+    // A candidate shown with its loop is a point in progress: let it go.
+    if (doc->syncInProgress()) doc->performAction("abandonSync");
+    QApplication::setActiveWindow(doc->movieWindow());
+    kit::setOpenPanelResponder([&](kit::OpenPanelSpec const&) { return QString::fromStdString(unrelated); });
+    items = referenceItems();
+    ASSERT_EQ(items.size(), 2);
+    items[1]->trigger();
+    kit::setOpenPanelResponder(nullptr);
+    EXPECT_TRUE(doc->session()->candidates().empty());
+    ASSERT_EQ(alerts.shown.size(), 1u);
+    EXPECT_EQ(alerts.shown[0].message.toStdString(), "Dubmatch has no sync points to suggest.");
+    EXPECT_TRUE(alerts.shown[0].informative.contains("is the same film")) << alerts.shown[0].informative.toStdString();
+}
