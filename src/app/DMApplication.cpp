@@ -271,7 +271,7 @@ void DMApplication::addSoundTrackMenu()
 
 void DMApplication::addReferenceMenu()
 {
-    QMenu* menu = syncMenu_->addMenu("Suggest Points from a Sound &Track");
+    QMenu* menu = syncMenu_->addMenu("Suggest Points &from a Sound Track");
     menu->setObjectName("referenceMenu");
     QAction* item = menu->menuAction();
     item->setObjectName("referenceMenu");

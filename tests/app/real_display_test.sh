@@ -284,6 +284,18 @@ key Down Return
 wait_for 20 "the dub chosen" has_window '^dubbed\.mkv Sync Points .* Track 3 "German"$'
 shot "dub-chosen"
 log "the dub chosen from the Sound Track to Sync menu"
+# Sync > Suggest Points from a Sound Track > the English track: the dub is a
+# copy here, so the candidates come without an alert of differing stretches.
+activate '^dubbed\.mkv\*?$'
+key alt+s
+key f
+sleep 0.4
+shot "reference-menu"
+key Return
+sleep 6
+shot "reference-suggested"
+has_window '^Dubmatch$' && fail "an alert after suggesting points from the English track"
+log "points suggested from the English track"
 activate '^dubbed\.mkv\*?$'
 key ctrl+q
 wait_for 20 "the application to quit" bash -c "! kill -0 $apppid 2>/dev/null"
