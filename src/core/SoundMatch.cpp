@@ -122,7 +122,10 @@ CoarseResult coarseSearch(std::vector<std::vector<float>> const& ref, std::vecto
     best.windows = count;
     Spectrum cross(n);
     std::vector<float> segment(win + 2 * maxLag);
-    for (double speed : speeds) {
+    for (std::size_t si = 0; si < speeds.size(); ++si) {
+        double speed = speeds[si];
+        // The coarse search is most of the work.
+        if (s.progress) s.progress(0.8 * static_cast<double>(si) / static_cast<double>(speeds.size()));
         std::vector<LocalOffset> offsets;
         for (std::size_t k = 0; k < starts.size(); ++k) {
             // The sound read at this speed, around where the window lies.
@@ -376,6 +379,7 @@ SoundMatch matchSounds(std::vector<float> const& reference, std::vector<float> c
     std::vector<LocalOffset> found;
     std::optional<Line> fitted;
     for (int pass = 0; pass < 2; ++pass) {
+        if (settings.progress) settings.progress(0.8 + 0.1 * pass);
         auto passWindows = fineSearch(reference, sound, rate, line, search, settings);
         std::vector<LocalOffset> passFound;
         for (auto const& w : passWindows)

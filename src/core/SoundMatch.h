@@ -10,6 +10,7 @@
 
 #include "Suggest.h"
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -22,7 +23,9 @@ struct MatchSettings {
     double maxOffset = 30;
     // The continuous search of the speed: within 1 +- maxSpeedChange.
     double maxSpeedChange = 0.05;
-    double speedStep = 0.001;
+    // A coarse window of 20 s read 0.1 % off the speed spreads its events by
+    // 20 ms, two hops of the envelopes: still one peak.
+    double speedStep = 0.002;
     // Coarse windows: their length and how many over the movie.
     double coarseWindow = 20;
     int coarseWindows = 12;
@@ -39,6 +42,9 @@ struct MatchSettings {
     double candidateSpacing = 30;
     // The confidence a window needs to count at all.
     double minConfidence = 0.15;
+    // Told how far the comparison is, 0 ... 1, now and then; it may throw
+    // to stop the work (the exception leaves matchSounds).
+    std::function<void(double)> progress;
 };
 
 // A stretch of movie time, in seconds.

@@ -15,8 +15,10 @@ suggest::SoundMatch matchReferenceSound(dm::Track const& unedited, dm::Track con
     ProgressReporter report(progress, "Comparing the sound with the reference", stop);
     std::vector<float> sound = monoTimeline(unedited, report, 0, 0.4, kRate);
     std::vector<float> ref = monoTimeline(reference, report, 0.4, 0.8, kRate);
-    report.update(0.8);
-    suggest::SoundMatch match = suggest::matchSounds(ref, sound, kRate, settings);
+    suggest::MatchSettings withProgress = settings;
+    // The report throws Cancelled when the user stops.
+    withProgress.progress = [&](double f) { report.update(0.8 + 0.2 * f); };
+    suggest::SoundMatch match = suggest::matchSounds(ref, sound, kRate, withProgress);
     report.end();
     return match;
 }
