@@ -41,26 +41,29 @@
 
 namespace cli {
 
-int trackNumber(commandline::Parsed const& args, std::string const& option)
+namespace {
+// A track number as info lists it: a whole number from 1.
+int parseTrackNumber(std::string const& v, std::string const& option)
 {
-    if (!args.has(option)) return 0;
-    std::string v = args.value(option);
     int n = 0;
     auto [end, ec] = std::from_chars(v.data(), v.data() + v.size(), n);
     if (ec != std::errc() || end != v.data() + v.size() || n < 1)
         throw UsageError(option + " takes a track number as info lists it (1, 2, ...), not \"" + v + "\"");
     return n;
 }
+} // namespace
+
+int trackNumber(commandline::Parsed const& args, std::string const& option)
+{
+    return args.has(option) ? parseTrackNumber(args.value(option), option) : 0;
+}
 
 ReferenceSound referenceSound(commandline::Parsed const& args, std::string const& movie)
 {
     std::string v = args.value("--reference");
-    if (!v.empty() && std::all_of(v.begin(), v.end(), [](char c) { return c >= '0' && c <= '9'; })) {
-        commandline::Parsed one;
-        one.values["--reference"] = {v};
-        return {movie, trackNumber(one, "--reference")};
-    }
     if (v.empty()) throw UsageError("--reference takes a track number of the movie or another movie or sound file");
+    // All digits: a track of the movie; anything else names a file.
+    if (std::all_of(v.begin(), v.end(), [](char c) { return c >= '0' && c <= '9'; })) return {movie, parseTrackNumber(v, "--reference")};
     return {v, 0};
 }
 

@@ -10,7 +10,7 @@ constexpr int kVersion = 1;
 constexpr int kVersionWithTrack = 2;
 constexpr char const* kSoundKey = "sound=";
 
-bool isBackup(dm::Track const& t) { return !t.isEnabled() && t.displayName() == OffsetList::kBackupTrackName; }
+
 
 bool parseInt(std::string const& s, std::int64_t& v)
 {
@@ -18,6 +18,8 @@ bool parseInt(std::string const& s, std::int64_t& v)
     return ec == std::errc() && end == s.data() + s.size();
 }
 } // namespace
+
+bool isBackupTrack(dm::Track const& t) { return !t.isEnabled() && t.displayName() == OffsetList::kBackupTrackName; }
 
 std::string encodeSyncPoints(std::vector<Offset> const& points, std::int32_t scale, int soundOrdinal)
 {
@@ -37,7 +39,7 @@ int soundTrackOrdinal(dm::Movie const& movie, dm::TrackPtr const& sound)
 {
     int n = 0;
     for (auto const& t : movie.tracksOfMediaType(dm::MediaType::Sound)) {
-        if (isBackup(*t)) continue;
+        if (isBackupTrack(*t)) continue;
         ++n;
         if (t == sound) return n;
     }
@@ -48,7 +50,7 @@ std::string syncPointsTag(OffsetList const& list, dm::Movie const& movie)
 {
     if (list.points().empty()) return {};
     int sounds = 0;
-    for (auto const& t : movie.tracksOfMediaType(dm::MediaType::Sound)) sounds += isBackup(*t) ? 0 : 1;
+    for (auto const& t : movie.tracksOfMediaType(dm::MediaType::Sound)) sounds += isBackupTrack(*t) ? 0 : 1;
     int ordinal = sounds > 1 ? soundTrackOrdinal(movie, list.soundTrack()) : 0;
     return encodeSyncPoints(list.points(), static_cast<std::int32_t>(list.soundTrack()->timeScale()), ordinal);
 }
@@ -86,7 +88,7 @@ SavedSync adoptSavedSync(dm::Movie& movie, std::string const& tag)
     SavedSync result;
     std::vector<dm::TrackPtr> sounds, enabled, backups;
     for (auto const& t : movie.tracksOfMediaType(dm::MediaType::Sound)) {
-        if (isBackup(*t)) {
+        if (isBackupTrack(*t)) {
             backups.push_back(t);
             continue;
         }

@@ -24,6 +24,9 @@ inline constexpr char const* kSyncPointsTag = "dubmatch_sync_points";
 // "dubmatch-sync-points 2 48000 sound=2 M/A ...". `soundOrdinal` 0 names
 // none.
 std::string encodeSyncPoints(std::vector<Offset> const& points, std::int32_t scale, int soundOrdinal = 0);
+// Whether `track` is the backup of an earlier sync as a saved movie holds
+// it: disabled and named "Backup Sound Track".
+bool isBackupTrack(dm::Track const& track);
 // The place of `sound` among the movie's sound tracks that are not the
 // backup, from 1; 0 when it is not one of them.
 int soundTrackOrdinal(dm::Movie const& movie, dm::TrackPtr const& sound);

@@ -41,12 +41,12 @@ std::unique_ptr<MovieSession> MovieSession::open(std::string const& path, int so
         if (!chosen || chosen->mediaType() != dm::MediaType::Sound) {
             std::string list;
             for (auto const& t : movie.tracksOfMediaType(dm::MediaType::Sound))
-                if (!(t->displayName() == OffsetList::kBackupTrackName && !t->isEnabled()))
+                if (!isBackupTrack(*t))
                     list += (list.empty() ? "" : ", ") + std::to_string(t->id());
             throw Refused("Track " + std::to_string(soundTrack) + " of \"" + path + "\" is not a sound track.",
                           list.empty() ? "The movie has no sound track to sync." : "Its sound tracks are " + list + " (info lists them).");
         }
-        if (chosen->displayName() == OffsetList::kBackupTrackName && !chosen->isEnabled())
+        if (isBackupTrack(*chosen))
             throw Refused("Track " + std::to_string(soundTrack) + " is the backup of an earlier sync, not a sound track to sync.",
                           "Choose the track that was synced: opening the movie brings its unedited sound back.");
     }
@@ -79,7 +79,7 @@ std::vector<dm::TrackPtr> MovieSession::soundTracks() const
 {
     std::vector<dm::TrackPtr> out;
     for (auto const& t : opened_.movie->tracksOfMediaType(dm::MediaType::Sound)) {
-        bool backup = list_ ? t == list_->backupTrack() : (t->displayName() == OffsetList::kBackupTrackName && !t->isEnabled());
+        bool backup = list_ ? t == list_->backupTrack() : isBackupTrack(*t);
         if (!backup) out.push_back(t);
     }
     return out;
