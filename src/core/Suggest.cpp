@@ -374,6 +374,50 @@ std::vector<double> windowStarts(double duration, Settings const& s)
 
 namespace {
 
+// The running mean of an envelope over a window of 2 x half + 1 values.
+std::vector<double> runningMean(Envelope const& e, std::ptrdiff_t half)
+{
+    auto n = static_cast<std::ptrdiff_t>(e.values.size());
+    std::vector<double> prefix(e.values.size() + 1, 0.0), out(e.values.size());
+    for (std::ptrdiff_t i = 0; i < n; ++i) prefix[static_cast<std::size_t>(i + 1)] = prefix[static_cast<std::size_t>(i)] + e.values[static_cast<std::size_t>(i)];
+    for (std::ptrdiff_t i = 0; i < n; ++i) {
+        std::ptrdiff_t lo = std::max<std::ptrdiff_t>(0, i - half), hi = std::min(n, i + half + 1);
+        out[static_cast<std::size_t>(i)] = (prefix[static_cast<std::size_t>(hi)] - prefix[static_cast<std::size_t>(lo)]) / static_cast<double>(hi - lo);
+    }
+    return out;
+}
+
+} // namespace
+
+Envelope highPass(Envelope const& e, double seconds)
+{
+    Envelope out = e;
+    auto mean = runningMean(e, static_cast<std::ptrdiff_t>(std::max(1.0, seconds * e.rate / 2)));
+    for (std::size_t i = 0; i < e.values.size(); ++i) out.values[i] = static_cast<float>(e.values[i] - mean[i]);
+    return out;
+}
+
+Envelope smoothed(Envelope const& e, double seconds)
+{
+    Envelope out = e;
+    auto mean = runningMean(e, static_cast<std::ptrdiff_t>(std::max(0.0, std::round(seconds * e.rate / 2))));
+    for (std::size_t i = 0; i < e.values.size(); ++i) out.values[i] = static_cast<float>(mean[i]);
+    return out;
+}
+
+Envelope rateOfChange(Envelope const& e)
+{
+    Envelope out = e;
+    std::size_t n = e.values.size();
+    for (std::size_t i = 0; i < n; ++i) {
+        std::size_t lo = i == 0 ? 0 : i - 1, hi = std::min(i + 1, n - 1);
+        out.values[i] = hi > lo ? static_cast<float>((e.values[hi] - e.values[lo]) * e.rate / static_cast<double>(hi - lo)) : 0.f;
+    }
+    return out;
+}
+
+namespace {
+
 // Changes of speech energy, either way: what a moving mouth goes with.
 Envelope speechChanges(Envelope const& speech)
 {
@@ -393,28 +437,94 @@ bool anyInWindow(Envelope const& e, double start, double seconds)
     return false;
 }
 
-std::vector<LocalOffset> measureWindows(Evidence const& ev, Envelope const& changes, Envelope const& onsets, Envelope const& soundChanges,
-                                        Envelope const& mouth,
-                                        Envelope const& speech, Settings const& s, std::vector<double> const& slopes)
+// The envelopes that a window compares, prepared once for the movie.
+struct Prepared {
+    Envelope changes, onsets, soundChanges, mouth, speech;
+    // The mouth's opening and the speech level, their slow parts removed,
+    // and the rates of change of both.
+    Envelope opening, openingRate, speechLevel, speechRate;
+};
+
+Prepared prepare(Evidence const& ev)
+{
+    Prepared p;
+    p.changes = peaks(ev.frameChange);
+    p.onsets = peaks(ev.onset);
+    if (!ev.soundChange.values.empty()) p.soundChanges = peaks(ev.soundChange);
+    if (!ev.mouth.values.empty()) p.mouth = events(ev.mouth);
+    if (!ev.speech.values.empty()) p.speech = events(speechChanges(ev.speech));
+    if (!ev.mouthOpening.values.empty() && !ev.speech.values.empty()) {
+        // The speech level over about a syllable's attack, so that it moves
+        // no faster than a mouth seen 25 times a second can.
+        Envelope level = smoothed(ev.speech, 0.05);
+        Envelope opening = smoothed(ev.mouthOpening, 0.05);
+        p.opening = highPass(opening, 1.0);
+        p.speechLevel = highPass(level, 1.0);
+        p.openingRate = rateOfChange(opening);
+        p.speechRate = rateOfChange(level);
+    }
+    return p;
+}
+
+std::vector<LocalOffset> measureWindows(Prepared const& p, Settings const& s, std::vector<double> const& slopes,
+                                        std::vector<double> const& starts, double length, double maxLag)
 {
     std::vector<LocalOffset> out;
-    double length = std::min(s.windowSeconds, ev.duration);
-    for (double start : windowStarts(ev.duration, s)) {
+    for (double start : starts) {
         std::optional<LocalOffset> best;
         auto measure = [&](Envelope const& picture, Envelope const& sound, char const* what) {
             for (double slope : slopes) {
-                auto peak = findPeak(correlateAlong(picture, sound, start, length, s.maxLag, slope), 2 * s.frameSeconds);
+                auto peak = findPeak(correlateAlong(picture, sound, start, length, maxLag, slope), 2 * s.frameSeconds);
                 if (!peak) continue;
                 double centre = start + length / 2;
                 LocalOffset o{centre, centre + peak->lag, peak->confidence(), peak->strength, peak->distinctness(), what};
                 if (!best || o.confidence > best->confidence) best = o;
             }
         };
-        measure(changes, onsets, "picture changes and sound onsets");
-        if (!soundChanges.values.empty()) measure(changes, soundChanges, "picture changes and changes of sound");
-        if (!mouth.values.empty() && anyInWindow(mouth, start, length)) measure(mouth, speech, "mouth motion and speech");
+        measure(p.changes, p.onsets, "picture changes and sound onsets");
+        if (!p.soundChanges.values.empty()) measure(p.changes, p.soundChanges, "picture changes and changes of sound");
+        if (!p.mouth.values.empty() && anyInWindow(p.mouth, start, length)) measure(p.mouth, p.speech, "mouth motion and speech");
+        if (!p.opening.values.empty()) {
+            measure(p.opening, p.speechLevel, "mouth opening and speech");
+            measure(p.openingRate, p.speechRate, "mouth opening and speech changes");
+        }
         if (best) out.push_back(*best);
     }
+    return out;
+}
+
+// A clip no longer than one window: one window over all of it measures one
+// offset, proposed as two points near its ends. Two points at one offset
+// are a plain shift of the sound, which is all one measure can support.
+Suggestion suggestForClip(Evidence const& ev, Prepared const& p, Settings const& s)
+{
+    Suggestion out;
+    if (ev.duration + 1e-6 < s.minClipSeconds) {
+        out.refusal = "the movie is too short to compare its picture with its sound";
+        return out;
+    }
+    double maxLag = std::min(s.shortMaxLag, ev.duration / 3);
+    out.windows = measureWindows(p, s, {1.0}, {0.0}, ev.duration, maxLag);
+    if (out.windows.empty() || out.windows.front().confidence < s.minConfidence) {
+        out.refusal = "the one window over the clip shows no clear offset between picture and sound";
+        return out;
+    }
+    LocalOffset const& w = out.windows.front();
+    double lag = w.audioTime - w.movieTime;
+    // Both points lie half a second inside the clip, in movie and in audio time.
+    double margin = std::min(0.5, ev.duration / 4);
+    double first = margin + std::max(0.0, -lag), last = ev.duration - margin - std::max(0.0, lag);
+    if (last - first < ev.duration / 4) {
+        first = ev.duration / 4;
+        last = 3 * ev.duration / 4;
+    }
+    for (double t : {first, last}) {
+        LocalOffset c = w;
+        c.movieTime = t;
+        c.audioTime = t + lag;
+        out.candidates.push_back(c);
+    }
+    out.line = Line{1.0, lag, {0}};
     return out;
 }
 
@@ -423,11 +533,11 @@ std::vector<LocalOffset> measureWindows(Evidence const& ev, Envelope const& chan
 Suggestion suggestPoints(Evidence const& ev, Settings const& s)
 {
     Suggestion out;
-    Envelope changes = peaks(ev.frameChange), onsets = peaks(ev.onset);
-    Envelope soundChanges = ev.soundChange.values.empty() ? Envelope{} : peaks(ev.soundChange);
-    Envelope mouth = ev.mouth.values.empty() ? Envelope{} : events(ev.mouth);
-    Envelope speech = ev.speech.values.empty() ? Envelope{} : events(speechChanges(ev.speech));
-    if (windowStarts(ev.duration, s).empty()) {
+    Prepared p = prepare(ev);
+    if (ev.duration <= s.windowSeconds) return suggestForClip(ev, p, s);
+    auto starts = windowStarts(ev.duration, s);
+    double length = std::min(s.windowSeconds, ev.duration);
+    if (starts.empty()) {
         out.refusal = "the movie is too short to compare its picture with its sound";
         return out;
     }
@@ -441,7 +551,7 @@ Suggestion suggestPoints(Evidence const& ev, Settings const& s)
     Suggestion firstPass;
     for (int pass = 0; pass < 2; ++pass) {
         if (pass == 1) firstPass = out;
-        out.windows = measureWindows(ev, changes, onsets, soundChanges, mouth, speech, s, slopes);
+        out.windows = measureWindows(p, s, slopes, starts, length, s.maxLag);
         std::vector<LocalOffset> confident;
         for (auto const& w : out.windows)
             if (w.confidence >= s.minConfidence) confident.push_back(w);

@@ -148,6 +148,11 @@ struct Settings {
     double frameSeconds = 0.04;  // one frame of the movie
     double minConfidence = 0.15; // a window weaker than this is not used
     double tolerance = 0.04;     // offsets within this of the line agree
+    // Clips no longer than one window, from minClipSeconds on, are measured
+    // by one window over the whole clip, at lags up to shortMaxLag either
+    // way: one offset, proposed as a point near each end.
+    double minClipSeconds = 3;
+    double shortMaxLag = 1;
 };
 
 // What the evidence says: the candidates (offsets that agree with one line,
@@ -169,14 +174,29 @@ struct Evidence {
     Envelope soundChange; // sound, audio time; may be empty
     Envelope frameChange; // picture, movie time
     Envelope mouth;       // picture, movie time; zero where no face
+    // The mouth's opening by facial landmarks (picture, movie time), or
+    // empty when the mouth was watched by its motion alone.
+    Envelope mouthOpening;
     double duration = 0;  // movie seconds
 };
 
 // Windows over the movie, the offset each one measures, and the candidates.
 // A window correlates picture changes with sound onsets and with changes of
-// sound, and mouth motion with changes of speech energy where a mouth was
-// seen; the clearest is its measurement.
+// sound, mouth motion with changes of speech energy where a mouth was seen,
+// and the mouth's opening with the speech energy and the opening's rate of
+// change with the speech energy's; the clearest is its measurement. A clip
+// no longer than one window is one window (see Settings::minClipSeconds).
 Suggestion suggestPoints(Evidence const& evidence, Settings const& settings);
+
+// An envelope less its running mean over `seconds` (its slow part), signed:
+// what goes up and down around its own level.
+Envelope highPass(Envelope const& e, double seconds);
+
+// The rate of change of an envelope (central difference, per second).
+Envelope rateOfChange(Envelope const& e);
+
+// An envelope averaged over `seconds` around each value.
+Envelope smoothed(Envelope const& e, double seconds);
 
 // The start times of the windows over a movie of `duration` seconds.
 std::vector<double> windowStarts(double duration, Settings const& settings);
