@@ -72,7 +72,7 @@ void foundJson(Found const& found, json& out)
         out["coarse"] = {{"agreeing", found.match->coarseAgreeing}, {"windows", found.match->coarseWindows}};
     } else if (found.evidence) {
         auto const& ev = *found.evidence;
-        out["faces"] = {{"frames", ev.frames}, {"frames_with_face", ev.framesWithFace}, {"note", ev.faceNote}};
+        out["faces"] = {{"frames", ev.frames}, {"frames_with_face", ev.framesWithFace}, {"mouth", ev.mouthMethod}, {"note", ev.faceNote}};
     }
 }
 
@@ -107,7 +107,8 @@ int suggestCommand(commandline::Parsed const& args, json& out)
     out["line"] = sg.line ? json{{"slope", sg.line->slope}, {"intercept", sg.line->intercept}} : json(nullptr);
     foundJson(found, out);
     out["timings"] = {{"total_seconds", secondsSince(t0)}};
-    if (found.evidence && !found.evidence->faceNote.empty()) note(found.evidence->faceNote + "; mouths were not watched.");
+    if (found.evidence && !found.evidence->faceNote.empty())
+        note(found.evidence->faceNote + (found.evidence->mouthMethod == "none" ? "; mouths were not watched." : "."));
     if (found.match)
         for (auto const& d : found.match->differ) note(suggest::differText(d) + ": no point is proposed there.");
     if (sg.refused()) {
@@ -135,7 +136,8 @@ int suggestCommand(commandline::Parsed const& args, json& out)
             std::printf("%-14s %-14s %10.1f %10.2f  %s\n", clock(myQTTime(c.movieTime, scale), fields).c_str(),
                         clock(myQTTime(c.audioTime, scale), fields).c_str(), (c.audioTime - c.movieTime) * 1000, c.confidence,
                         c.evidence.c_str());
-        if (found.evidence) std::printf("faces seen in %ld of %ld pictures\n", found.evidence->framesWithFace, found.evidence->frames);
+        if (found.evidence) std::printf("faces seen in %ld of %ld pictures (mouth by %s)\n", found.evidence->framesWithFace, found.evidence->frames,
+                        found.evidence->mouthMethod.c_str());
     }
     return kOk;
 }

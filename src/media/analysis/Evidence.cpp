@@ -3,8 +3,10 @@
 #include "AudioRenderer.h"
 #include "Codec.h"
 #include "FaceFinder.h"
+#include "MouthLandmarks.h"
 #include "WriteProgress.h"
 
+#include <algorithm>
 #include <cmath>
 #include <optional>
 
@@ -33,6 +35,64 @@ std::optional<double> timelineSeconds(dm::Track const& track, std::int64_t media
         return (static_cast<double>(starts[i]) + inSegment) / track.timeScale();
     }
     return std::nullopt;
+}
+
+// A face followed by its landmarks from one picture to the next: the box it
+// was found in and the landmarks found there (the anchor that places the box
+// on later landmarks), its latest landmarks, and its mouth's opening at
+// every picture it was followed in.
+struct FollowedFace {
+    FaceBox anchorBox;
+    FaceLandmarks anchor{};
+    FaceLandmarks latest{};
+    bool anchored = false;
+    double confirmed = 0; // when the face finder last saw it
+    std::vector<std::pair<double, double>> openings;
+    FaceBox box() const { return anchored ? followedBox(anchorBox, anchor, latest) : anchorBox; }
+};
+
+double overlap(FaceBox const& a, FaceBox const& b)
+{
+    int x0 = std::max(a.x, b.x), x1 = std::min(a.x + a.width, b.x + b.width);
+    int y0 = std::max(a.y, b.y), y1 = std::min(a.y + a.height, b.y + b.height);
+    double both = std::max(0, x1 - x0) * static_cast<double>(std::max(0, y1 - y0));
+    double either = a.area() + static_cast<double>(b.area()) - both;
+    return either > 0 ? both / either : 0;
+}
+
+// How much a followed mouth moves: the summed change of its opening from
+// picture to picture. The speaker's mouth moves most.
+double mouthMotion(FollowedFace const& f)
+{
+    double sum = 0;
+    for (std::size_t i = 1; i < f.openings.size(); ++i) sum += std::fabs(f.openings[i].second - f.openings[i - 1].second);
+    return sum;
+}
+
+// Openings at picture times as an envelope at `rate` over `duration`: linear
+// between pictures, the nearest value before the first and after the last.
+suggest::Envelope openingEnvelope(std::vector<std::pair<double, double>> const& openings, double duration, double rate)
+{
+    suggest::Envelope e;
+    e.rate = rate;
+    auto n = static_cast<std::size_t>(std::max(0.0, std::ceil(duration * rate)));
+    e.values.assign(n, 0.f);
+    if (openings.empty()) return e;
+    std::size_t k = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        double t = static_cast<double>(i) / rate;
+        while (k + 1 < openings.size() && openings[k + 1].first <= t) ++k;
+        double v = openings[k].second;
+        if (t > openings[k].first && k + 1 < openings.size()) {
+            auto [t0, v0] = openings[k];
+            auto [t1, v1] = openings[k + 1];
+            v = v0 + (v1 - v0) * (t - t0) / (t1 - t0);
+        } else if (t < openings.front().first) {
+            v = openings.front().second;
+        }
+        e.values[i] = static_cast<float>(v);
+    }
+    return e;
 }
 
 } // namespace
@@ -141,7 +201,15 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
     auto [fw, fh] = evenSize(options.faceWidth);
 
     std::unique_ptr<FaceFinder> faces;
+    std::unique_ptr<LandmarkPredictor> landmarks;
     if (options.findFaces) faces = makeFaceFinder(&out.faceNote);
+    if (faces) {
+        std::string why;
+        landmarks = makeLandmarkPredictor(&why);
+        out.mouthMethod = landmarks ? "landmarks" : "region motion";
+        if (!landmarks) out.faceNote = why + "; the mouth is watched by the motion of its region";
+    }
+    std::vector<FollowedFace> followed, lost;
     suggest::FrameChangeBuilder changes, mouth;
     std::vector<std::uint8_t> small(static_cast<std::size_t>(pw * ph)), face(static_cast<std::size_t>(fw * fh)),
         previousFace(face.size());
@@ -162,7 +230,54 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
         report.update(kSoundShare + (1 - kSoundShare) * std::clamp(t / std::max(duration, 1e-9), 0.0, 1.0));
         toSmall.convertInto(f.get(), pw, ph, AV_PIX_FMT_GRAY8, small.data(), pw, small.size(), SWS_AREA);
         changes.add(t, small.data(), pw, ph, pw);
-        if (faces) {
+        if (faces && landmarks) {
+            toFace.convertInto(f.get(), fw, fh, AV_PIX_FMT_GRAY8, face.data(), fw, face.size(), SWS_AREA);
+            if (t >= nextSearch) {
+                // Faces the finder sees again are confirmed; new ones are
+                // followed from here; faces unseen for a few searches (a
+                // blink or an open mouth can hide one once) are let go.
+                for (auto const& b : faces->find(face.data(), fw, fh, fw)) {
+                    auto same = std::find_if(followed.begin(), followed.end(), [&](FollowedFace const& ff) { return overlap(ff.box(), b) > 0.3; });
+                    if (same != followed.end()) {
+                        same->confirmed = t;
+                    } else if (static_cast<int>(followed.size()) < options.maxFaces) {
+                        FollowedFace ff;
+                        ff.anchorBox = b;
+                        ff.confirmed = t;
+                        followed.push_back(ff);
+                    }
+                }
+                for (auto it = followed.begin(); it != followed.end();) {
+                    if (t - it->confirmed > 3 * options.faceInterval) {
+                        lost.push_back(std::move(*it));
+                        it = followed.erase(it);
+                    } else {
+                        ++it;
+                    }
+                }
+                nextSearch = t + options.faceInterval;
+            }
+            for (auto it = followed.begin(); it != followed.end();) {
+                FaceBox b = it->box();
+                FaceLandmarks found = landmarks->predict(face.data(), fw, fh, fw, b);
+                auto opening = mouthOpening(found);
+                // A box that has wandered off the picture or shrunk to
+                // nothing is no longer a face.
+                bool inside = b.width >= 24 && b.x + b.width / 2 > 0 && b.x + b.width / 2 < fw && b.y + b.height / 2 > 0 && b.y + b.height / 2 < fh;
+                if (!opening || !inside) {
+                    lost.push_back(std::move(*it));
+                    it = followed.erase(it);
+                    continue;
+                }
+                if (!it->anchored) {
+                    it->anchor = found;
+                    it->anchored = true;
+                }
+                it->latest = found;
+                it->openings.emplace_back(t, *opening);
+                ++it;
+            }
+        } else if (faces) {
             toFace.convertInto(f.get(), fw, fh, AV_PIX_FMT_GRAY8, face.data(), fw, face.size(), SWS_AREA);
             if (t >= nextSearch) {
                 // A face missed once (a blink, an open mouth) is kept for a
@@ -193,6 +308,13 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
     if (out.framesWithFace > 0) {
         mouth.finish(duration);
         out.evidence.mouth = mouth.envelope();
+    }
+    // With landmarks, the face whose mouth moves most is the speaker's.
+    for (auto& ff : followed) lost.push_back(std::move(ff));
+    auto speaker = std::max_element(lost.begin(), lost.end(), [](FollowedFace const& a, FollowedFace const& b) { return mouthMotion(a) < mouthMotion(b); });
+    if (speaker != lost.end() && speaker->openings.size() >= 2) {
+        out.framesWithFace = static_cast<long>(speaker->openings.size());
+        out.evidence.mouthOpening = openingEnvelope(speaker->openings, duration, 1.0 / suggest::kHopSeconds);
     }
     report.end();
     return out;

@@ -19,6 +19,7 @@ struct EvidenceOptions {
     int faceWidth = 320;       // faces are searched for and mouths watched at this width
     double faceInterval = 0.5; // seconds between face searches
     bool findFaces = true;
+    int maxFaces = 3;          // faces followed at once by their landmarks
 };
 
 struct MovieEvidence {
@@ -27,6 +28,10 @@ struct MovieEvidence {
     long frames = 0;            // pictures read
     long framesWithFace = 0;    // pictures where a mouth was watched
     std::string faceNote;       // why no faces were searched for, if so
+    // How the mouth was watched: "landmarks" (its opening, by facial
+    // landmarks), "region motion" (the motion of the lower face, when the
+    // landmark model is missing) or "none" (no faces searched for).
+    std::string mouthMethod = "none";
 };
 
 // The evidence of `video` (movie time) and `unedited` (the sound as it was
