@@ -389,18 +389,12 @@ std::vector<double> runningMean(Envelope const& e, std::ptrdiff_t half)
 
 } // namespace
 
-Envelope highPass(Envelope const& e, double seconds)
-{
-    Envelope out = e;
-    auto mean = runningMean(e, static_cast<std::ptrdiff_t>(std::max(1.0, seconds * e.rate / 2)));
-    for (std::size_t i = 0; i < e.values.size(); ++i) out.values[i] = static_cast<float>(e.values[i] - mean[i]);
-    return out;
-}
-
 Envelope smoothed(Envelope const& e, double seconds)
 {
     Envelope out = e;
-    auto mean = runningMean(e, static_cast<std::ptrdiff_t>(std::max(0.0, std::round(seconds * e.rate / 2))));
+    // An odd number of values, centred on each one.
+    auto span = std::max(1L, std::lround(seconds * e.rate));
+    auto mean = runningMean(e, static_cast<std::ptrdiff_t>((span - 1) / 2));
     for (std::size_t i = 0; i < e.values.size(); ++i) out.values[i] = static_cast<float>(mean[i]);
     return out;
 }
@@ -440,9 +434,8 @@ bool anyInWindow(Envelope const& e, double start, double seconds)
 // The envelopes that a window compares, prepared once for the movie.
 struct Prepared {
     Envelope changes, onsets, soundChanges, mouth, speech;
-    // The mouth's opening and the speech level, their slow parts removed,
-    // and the rates of change of both.
-    Envelope opening, openingRate, speechLevel, speechRate;
+    // The rates of change of the mouth's opening and of the speech level.
+    Envelope openingRate, speechRate;
 };
 
 Prepared prepare(Evidence const& ev)
@@ -454,14 +447,14 @@ Prepared prepare(Evidence const& ev)
     if (!ev.mouth.values.empty()) p.mouth = events(ev.mouth);
     if (!ev.speech.values.empty()) p.speech = events(speechChanges(ev.speech));
     if (!ev.mouthOpening.values.empty() && !ev.speech.values.empty()) {
-        // The speech level over about a syllable's attack, so that it moves
-        // no faster than a mouth seen 25 times a second can.
-        Envelope level = smoothed(ev.speech, 0.05);
-        Envelope opening = smoothed(ev.mouthOpening, 0.05);
-        p.opening = highPass(opening, 1.0);
-        p.speechLevel = highPass(level, 1.0);
-        p.openingRate = rateOfChange(opening);
-        p.speechRate = rateOfChange(level);
+        // Both over about a syllable's attack, so that the speech moves no
+        // faster than a mouth seen 25 times a second can. The rates of
+        // change are compared, not the levels: a mouth opens as the sound
+        // of a syllable rises, but how wide it stays open says little
+        // about how loud the syllable is (on talking faces, the levels'
+        // correlation peaked at the wrong lag far more often).
+        p.openingRate = rateOfChange(smoothed(ev.mouthOpening, 0.05));
+        p.speechRate = rateOfChange(smoothed(ev.speech, 0.05));
     }
     return p;
 }
@@ -484,10 +477,7 @@ std::vector<LocalOffset> measureWindows(Prepared const& p, Settings const& s, st
         measure(p.changes, p.onsets, "picture changes and sound onsets");
         if (!p.soundChanges.values.empty()) measure(p.changes, p.soundChanges, "picture changes and changes of sound");
         if (!p.mouth.values.empty() && anyInWindow(p.mouth, start, length)) measure(p.mouth, p.speech, "mouth motion and speech");
-        if (!p.opening.values.empty()) {
-            measure(p.opening, p.speechLevel, "mouth opening and speech");
-            measure(p.openingRate, p.speechRate, "mouth opening and speech changes");
-        }
+        if (!p.openingRate.values.empty()) measure(p.openingRate, p.speechRate, "mouth opening and speech");
         if (best) out.push_back(*best);
     }
     return out;
@@ -505,7 +495,7 @@ Suggestion suggestForClip(Evidence const& ev, Prepared const& p, Settings const&
     }
     double maxLag = std::min(s.shortMaxLag, ev.duration / 3);
     out.windows = measureWindows(p, s, {1.0}, {0.0}, ev.duration, maxLag);
-    if (out.windows.empty() || out.windows.front().confidence < s.minConfidence) {
+    if (out.windows.empty() || out.windows.front().confidence < s.minClipConfidence) {
         out.refusal = "the one window over the clip shows no clear offset between picture and sound";
         return out;
     }

@@ -153,6 +153,12 @@ struct Settings {
     // way: one offset, proposed as a point near each end.
     double minClipSeconds = 3;
     double shortMaxLag = 1;
+    // A clip's lone window has no other windows to agree with, so chance
+    // must be ruled out by its confidence alone. Mouths and voices that have
+    // nothing to do with each other (syllables at random) reach 0.2-0.3 in
+    // one clip of ten; 0.35 in about one 6 s clip of a hundred, more often
+    // in 3 s ones.
+    double minClipConfidence = 0.35;
 };
 
 // What the evidence says: the candidates (offsets that agree with one line,
@@ -183,14 +189,10 @@ struct Evidence {
 // Windows over the movie, the offset each one measures, and the candidates.
 // A window correlates picture changes with sound onsets and with changes of
 // sound, mouth motion with changes of speech energy where a mouth was seen,
-// and the mouth's opening with the speech energy and the opening's rate of
-// change with the speech energy's; the clearest is its measurement. A clip
+// and the rate of change of the mouth's opening (by landmarks) with that of
+// the speech energy; the clearest is its measurement. A clip
 // no longer than one window is one window (see Settings::minClipSeconds).
 Suggestion suggestPoints(Evidence const& evidence, Settings const& settings);
-
-// An envelope less its running mean over `seconds` (its slow part), signed:
-// what goes up and down around its own level.
-Envelope highPass(Envelope const& e, double seconds);
 
 // The rate of change of an envelope (central difference, per second).
 Envelope rateOfChange(Envelope const& e);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <tuple>
 
 using namespace suggest;
 
@@ -68,6 +69,46 @@ SyntheticMovie synthetic(double seconds, double delay, double rate, unsigned see
         m.evidence.onset.values[i + 1] += static_cast<float>((pos - static_cast<double>(i)) * h);
     }
     return m;
+}
+
+// A talking face over a short clip: syllables at random times open the
+// mouth (its opening by landmarks, sampled at 25 fps as a picture is) and
+// raise the speech level `lag` seconds later in audio time. With
+// `related` false the speech has syllables of its own.
+Evidence talkingClip(double seconds, double lag, unsigned seed, bool related = true)
+{
+    std::mt19937 rng(seed);
+    std::uniform_real_distribution<double> length(0.12, 0.35), pause(0.05, 0.4), level(0.3, 1.0);
+    auto n = static_cast<std::size_t>(seconds * 100);
+    auto syllables = [&] {
+        std::vector<std::tuple<double, double, double>> out; // start, length, level
+        for (double t = 0.2 + pause(rng); t < seconds - 0.3; t += length(rng) + pause(rng)) out.emplace_back(t, length(rng), level(rng));
+        return out;
+    };
+    auto at = [](auto const& list, double t) {
+        double v = 0;
+        for (auto [start, len, l] : list)
+            if (t >= start && t < start + len) v += l * std::sin(kPi * (t - start) / len);
+        return v;
+    };
+    auto mouth = syllables();
+    auto voice = related ? mouth : syllables();
+    Evidence ev;
+    ev.duration = seconds;
+    ev.frameChange.values.assign(n, 0.f);
+    ev.onset.values.assign(n, 0.f);
+    ev.speech.values.assign(n, 0.f);
+    ev.mouthOpening.values.assign(n, 0.f);
+    std::normal_distribution<double> noise(0, 0.02);
+    for (std::size_t i = 0; i < n; ++i) {
+        double t = static_cast<double>(i) / 100;
+        // Seen at 25 fps and drawn straight from one picture to the next.
+        double before = std::floor(t * 25) / 25, after = before + 0.04, f = (t - before) / 0.04;
+        double seen = (1 - f) * at(mouth, before) + f * at(mouth, after);
+        ev.mouthOpening.values[i] = static_cast<float>(0.05 + 0.3 * seen + noise(rng));
+        ev.speech.values[i] = static_cast<float>(std::max(0.0, at(voice, t - lag) + noise(rng)));
+    }
+    return ev;
 }
 
 } // namespace
@@ -264,7 +305,7 @@ TEST(SuggestPoints, RefusesWhenTheEvidenceDisagreesOrIsMissing)
 
     // Too short to compare, and no picture at all.
     Evidence tiny = first.evidence;
-    tiny.duration = 4;
+    tiny.duration = 2.5;
     EXPECT_TRUE(suggestPoints(tiny, Settings{}).refused());
     EXPECT_NE(suggestPoints(tiny, Settings{}).refusal.find("too short"), std::string::npos);
     Evidence blind = first.evidence;
@@ -285,4 +326,64 @@ TEST(SuggestPoints, WindowsCoverShortAndLongMovies)
     ASSERT_EQ(shortOnes.size(), 4u);
     EXPECT_NEAR(shortOnes.back() + s.windowSeconds, 60, 1e-9);
     EXPECT_TRUE(windowStarts(5, s).empty());
+}
+
+// A clip no longer than one window: one window over all of it, the offset of
+// the mouth's opening against the speech, proposed as two points inside the
+// clip at that one offset. Shorter than the shortest clip, or with speech
+// that has nothing to do with the mouth, it is refused.
+TEST(SuggestPoints, AShortClipIsOneWindowProposedAsTwoPoints)
+{
+    Settings s;
+    for (auto [seconds, lag, seed] : {std::tuple{5.0, 0.23, 1u}, std::tuple{3.0, -0.31, 2u}, std::tuple{12.0, 0.0, 3u}, std::tuple{8.0, -0.73, 4u}}) {
+        auto got = suggestPoints(talkingClip(seconds, lag, seed), s);
+        ASSERT_FALSE(got.refused()) << seconds << " s: " << got.refusal;
+        ASSERT_EQ(got.windows.size(), 1u);
+        EXPECT_EQ(got.windows[0].evidence, "mouth opening and speech");
+        ASSERT_EQ(got.candidates.size(), 2u);
+        ASSERT_TRUE(got.line);
+        EXPECT_DOUBLE_EQ(got.line->slope, 1.0);
+        EXPECT_NEAR(got.line->intercept, lag, 0.01) << seconds << " s";
+        auto const& first = got.candidates[0];
+        auto const& last = got.candidates[1];
+        EXPECT_LT(first.movieTime + seconds / 3, last.movieTime) << "the points are near the clip's ends";
+        for (auto const& c : got.candidates) {
+            EXPECT_NEAR(c.audioTime - c.movieTime, lag, 0.01);
+            EXPECT_GE(std::min(c.movieTime, c.audioTime), 0) << seconds << " s";
+            EXPECT_LE(std::max(c.movieTime, c.audioTime), seconds) << seconds << " s";
+        }
+    }
+
+    auto tooShort = suggestPoints(talkingClip(2.5, 0.1, 5), s);
+    EXPECT_TRUE(tooShort.refused());
+    EXPECT_NE(tooShort.refusal.find("too short"), std::string::npos) << tooShort.refusal;
+
+    for (unsigned seed : {6u, 7u, 8u}) {
+        auto unrelated = suggestPoints(talkingClip(6, 0.2, seed, false), s);
+        EXPECT_TRUE(unrelated.refused()) << "seed " << seed << ": " << unrelated.windows.at(0).confidence;
+        EXPECT_TRUE(unrelated.candidates.empty());
+        EXPECT_NE(unrelated.refusal.find("no clear offset"), std::string::npos) << unrelated.refusal;
+    }
+}
+
+// The helpers of the mouth's evidence: an average over a span and a rate of
+// change per second.
+TEST(SuggestEnvelopes, SmoothingAndRateOfChange)
+{
+    Envelope ramp;
+    ramp.rate = 100;
+    for (int i = 0; i < 50; ++i) ramp.values.push_back(static_cast<float>(i < 25 ? 0.02 * i : 0.5));
+    Envelope rate = rateOfChange(ramp);
+    EXPECT_NEAR(rate.values[10], 2.0, 1e-4); // 0.02 a hundredth of a second
+    EXPECT_NEAR(rate.values[40], 0.0, 1e-6);
+    EXPECT_NEAR(rate.values[0], 2.0, 1e-4); // one-sided at the ends
+    Envelope step;
+    step.rate = 100;
+    step.values.assign(20, 0.f);
+    std::fill(step.values.begin() + 10, step.values.end(), 1.f);
+    Envelope even = smoothed(step, 0.05); // five values
+    EXPECT_FLOAT_EQ(even.values[10], 0.6f);
+    EXPECT_FLOAT_EQ(even.values[9], 0.4f);
+    EXPECT_FLOAT_EQ(even.values[3], 0.f);
+    EXPECT_FLOAT_EQ(even.values[19], 1.f);
 }

@@ -237,6 +237,18 @@ TEST(CliJson, SuggestAndAutoSync)
     EXPECT_EQ(text.status, 0);
     EXPECT_NE(text.output.find("windows agree"), std::string::npos) << text.output;
 
+    // Without the landmark model the mouth is watched by its region's
+    // motion, and the JSON says so.
+    setenv("DUBMATCH_LANDMARK_MODEL", dir.file("no-such-model.dat").c_str(), 1);
+    CliRun regionRun = cliStdout("suggest '" + movie + "' --json");
+    unsetenv("DUBMATCH_LANDMARK_MODEL");
+    ASSERT_EQ(regionRun.status, 0) << regionRun.output;
+    json region = parsed(regionRun);
+    EXPECT_EQ(region["faces"]["mouth"], "region motion");
+    EXPECT_NE(region["faces"]["note"].get<std::string>().find("landmark model"), std::string::npos) << region.dump();
+    EXPECT_NE(sg["faces"]["mouth"], "none");
+    docs.push_back({"suggest by region motion", region});
+
     CliRun ambiguous = cliStdout("suggest '" + regular + "' --json");
     EXPECT_EQ(ambiguous.status, 1);
     json am = parsed(ambiguous);

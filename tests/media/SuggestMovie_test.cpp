@@ -1,11 +1,15 @@
 #include "Evidence.h"
 #include "FaceFinder.h"
+#include "MouthLandmarks.h"
 #include "MediaTestSupport.h"
 #include "OffsetList.h"
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdlib>
+#include <optional>
+#include <string>
 #include <cstring>
 #include <random>
 
@@ -68,6 +72,27 @@ TalkingHead talkingHead(double seconds, double offset, unsigned seed)
     return th;
 }
 
+// An environment variable set for a scope, then restored.
+class ScopedEnv {
+public:
+    ScopedEnv(char const* name, char const* value) : name_(name)
+    {
+        if (char const* old = std::getenv(name)) old_ = old;
+        setenv(name, value, 1);
+    }
+    ~ScopedEnv()
+    {
+        if (old_) setenv(name_, old_->c_str(), 1);
+        else unsetenv(name_);
+    }
+    ScopedEnv(ScopedEnv const&) = delete;
+    ScopedEnv& operator=(ScopedEnv const&) = delete;
+
+private:
+    char const* name_;
+    std::optional<std::string> old_;
+};
+
 struct Opened {
     OpenedMovie om;
     std::unique_ptr<OffsetList> list;
@@ -106,16 +131,40 @@ TEST(SuggestMovie, FlashesAndClicksGiveTheTrueLine)
 }
 
 // A drawn face whose mouth follows a voice: the face is found, its mouth
-// watched, and the offset found from it.
-TEST(SuggestMovie, MouthMotionFollowsSpeech)
+// watched, and the offset found from it. The mouth is watched by its
+// landmarks when their model is installed, else by the motion of its
+// region; a model path that does not exist falls back to the region.
+TEST(SuggestMovie, MouthFollowsSpeechByLandmarksOrRegionMotion)
 {
     auto th = talkingHead(80, -0.6, 5);
     Opened m(cachedMovie("suggest-talking.mov", th.spec));
+    bool haveModel = makeLandmarkPredictor() != nullptr;
     auto got = suggestSyncPoints(*m.om.movie, *m.list->soundTrack());
+    EXPECT_EQ(got.evidence.mouthMethod, haveModel ? "landmarks" : "region motion");
     EXPECT_GT(got.evidence.framesWithFace, got.evidence.frames * 9 / 10);
-    ASSERT_FALSE(got.evidence.evidence.mouth.values.empty());
+    EXPECT_NE((haveModel ? got.evidence.evidence.mouthOpening : got.evidence.evidence.mouth).values.size(), 0u);
     ASSERT_FALSE(got.suggestion.refused()) << got.suggestion.refusal;
-    for (auto const& c : got.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, -0.6, 0.04) << "at " << c.movieTime;
+    // Each window measured by the mouth, whichever way it was watched, lies
+    // within a frame of the truth; most windows are measured by it.
+    std::size_t byMouth = 0;
+    for (auto const& w : got.suggestion.windows)
+        if (w.evidence.rfind("mouth", 0) == 0) {
+            ++byMouth;
+            EXPECT_NEAR(w.audioTime - w.movieTime, -0.6, 0.04) << "at " << w.movieTime << " by " << w.evidence;
+        }
+    EXPECT_GE(byMouth, 3u);
+
+    {
+        ScopedEnv missing("DUBMATCH_LANDMARK_MODEL", "/nonexistent/landmarks.dat");
+        EXPECT_EQ(makeLandmarkPredictor(), nullptr);
+        auto region = suggestSyncPoints(*m.om.movie, *m.list->soundTrack());
+        EXPECT_EQ(region.evidence.mouthMethod, "region motion");
+        EXPECT_NE(region.evidence.faceNote.find("landmark model"), std::string::npos) << region.evidence.faceNote;
+        EXPECT_TRUE(region.evidence.evidence.mouthOpening.values.empty());
+        ASSERT_FALSE(region.evidence.evidence.mouth.values.empty());
+        ASSERT_FALSE(region.suggestion.refused()) << region.suggestion.refusal;
+        for (auto const& c : region.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, -0.6, 0.04) << "at " << c.movieTime;
+    }
 
     // Without faces the picture still changes where the mouth moves, but
     // the face detector is what saw the mouth.
@@ -125,7 +174,9 @@ TEST(SuggestMovie, MouthMotionFollowsSpeech)
     ASSERT_TRUE(video);
     auto without = gatherEvidence(*video, *m.list->soundTrack(), 80, {}, nullptr, blind);
     EXPECT_EQ(without.framesWithFace, 0);
+    EXPECT_EQ(without.mouthMethod, "none");
     EXPECT_TRUE(without.evidence.mouth.values.empty());
+    EXPECT_TRUE(without.evidence.mouthOpening.values.empty());
 
     // The mouth is the lower third of the face, inside the picture.
     FaceBox mouth = mouthRegion({100, 50, 90, 90}, 320, 240);
@@ -134,6 +185,38 @@ TEST(SuggestMovie, MouthMotionFollowsSpeech)
     EXPECT_EQ(mouth.x, 118);
     EXPECT_EQ(mouth.width, 54);
     EXPECT_EQ(mouthRegion({300, 200, 90, 90}, 320, 240).height, 0);
+}
+
+// The opening of a mouth from its landmarks, in units of the eyes' span,
+// and a face box carried along as the landmarks move and grow.
+TEST(SuggestMovie, MouthOpeningAndFollowedBoxFromLandmarks)
+{
+    FaceLandmarks face{};
+    for (std::size_t i = 0; i < face.size(); ++i) face[i] = {100.0 + static_cast<double>(i), 100.0};
+    face[36] = {50, 80};
+    face[45] = {150, 80}; // the outer eye corners, 100 apart
+    face[61] = {90, 150};
+    face[67] = {90, 160}; // 10
+    face[62] = {100, 148};
+    face[66] = {100, 168}; // 20
+    face[63] = {110, 150};
+    face[65] = {110, 180}; // 30
+    auto opening = mouthOpening(face);
+    ASSERT_TRUE(opening);
+    EXPECT_NEAR(*opening, 0.2, 1e-12);
+    // The same face twice as near: the same opening.
+    FaceLandmarks nearer = face;
+    for (auto& p : nearer) p = {2 * p.x + 30, 2 * p.y - 10};
+    EXPECT_NEAR(*mouthOpening(nearer), 0.2, 1e-12);
+    // The box scales about the landmarks' centre and moves with it.
+    FaceBox box{40, 60, 120, 130};
+    FaceBox followed = followedBox(box, face, nearer);
+    EXPECT_EQ(followed.width, 240);
+    EXPECT_EQ(followed.height, 260);
+    EXPECT_EQ(followed.x, 2 * 40 + 30);
+    EXPECT_EQ(followed.y, 2 * 60 - 10);
+    FaceLandmarks collapsed{};
+    EXPECT_FALSE(mouthOpening(collapsed));
 }
 
 // Stopping ends the search with Cancelled; a periodic movie and a silent one

@@ -38,9 +38,9 @@ std::optional<double> timelineSeconds(dm::Track const& track, std::int64_t media
 }
 
 // A face followed by its landmarks from one picture to the next: the box it
-// was found in and the landmarks found there (the anchor that places the box
-// on later landmarks), its latest landmarks, and its mouth's opening at
-// every picture it was followed in.
+// was last found in and the landmarks found there (the anchor that places
+// the box on later landmarks), its latest landmarks, and its mouth's opening
+// at every picture it was followed in.
 struct FollowedFace {
     FaceBox anchorBox;
     FaceLandmarks anchor{};
@@ -234,12 +234,18 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
             toFace.convertInto(f.get(), fw, fh, AV_PIX_FMT_GRAY8, face.data(), fw, face.size(), SWS_AREA);
             if (t >= nextSearch) {
                 // Faces the finder sees again are confirmed; new ones are
-                // followed from here; faces unseen for a few searches (a
-                // blink or an open mouth can hide one once) are let go.
+                // followed from here. The finder misses a face now and then
+                // (a turn of the head, an open mouth), while its landmarks
+                // still hold: a face is let go only after ten searches
+                // without it.
                 for (auto const& b : faces->find(face.data(), fw, fh, fw)) {
                     auto same = std::find_if(followed.begin(), followed.end(), [&](FollowedFace const& ff) { return overlap(ff.box(), b) > 0.3; });
                     if (same != followed.end()) {
+                        // Placed again in the finder's box: a box carried
+                        // along by landmarks alone slowly drifts off the face.
                         same->confirmed = t;
+                        same->anchorBox = b;
+                        same->anchored = false;
                     } else if (static_cast<int>(followed.size()) < options.maxFaces) {
                         FollowedFace ff;
                         ff.anchorBox = b;
@@ -248,7 +254,7 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
                     }
                 }
                 for (auto it = followed.begin(); it != followed.end();) {
-                    if (t - it->confirmed > 3 * options.faceInterval) {
+                    if (t - it->confirmed > 10 * options.faceInterval) {
                         lost.push_back(std::move(*it));
                         it = followed.erase(it);
                     } else {
