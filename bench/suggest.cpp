@@ -16,6 +16,14 @@
 // --timing writes a 10-minute 720p movie and times the suggestion against
 // the floor of the same work: FFmpeg decoding that movie's pictures and
 // sound with two threads (ffmpeg -threads 2 -f null).
+//
+// --real DIR measures on real movies instead: every movie in DIR (taken to
+// be in sync) is copied with its sound moved by known shifts (ffmpeg: the
+// picture copied, the sound re-encoded later with silence before it, or
+// earlier with its start cut), and each copy's suggestion is scored against
+// the shift, corrected by how the copy's tracks start against the
+// original's. Verdicts: within one frame (40 ms), refused, wrong (a point
+// of confidence >= 0.5 farther than 40 ms), or off (farther, less confident).
 #include "Evidence.h"
 #include "MovieFile.h"
 #include "OffsetList.h"
@@ -27,6 +35,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -303,6 +312,77 @@ double wallSeconds(std::string const& cmd)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
 }
 
+// Where a movie's video and sound tracks start in its timeline, seconds.
+std::pair<double, double> trackStarts(std::string const& path)
+{
+    media::OpenedMovie om = media::openMovie(path);
+    OffsetList list(om.movie.get(), nullptr);
+    auto video = media::enabledVideoTrack(*om.movie);
+    double v = video ? myQTTime(video->range().time).seconds() : 0;
+    return {v, myQTTime(list.soundTrack()->range().time).seconds()};
+}
+
+int realClips(std::string const& dir)
+{
+    std::vector<std::string> clips;
+    for (auto const& e : std::filesystem::directory_iterator(dir)) {
+        auto ext = e.path().extension().string();
+        if (ext == ".mp4" || ext == ".mpg" || ext == ".mov" || ext == ".mkv") clips.push_back(e.path().string());
+    }
+    std::sort(clips.begin(), clips.end());
+    std::printf("%-16s %7s %9s %-8s %9s %6s %10s %8s  %s\n", "clip", "shift s", "truth ms", "verdict", "error ms", "conf", "faces", "time s",
+                "mouth");
+    std::map<std::string, int> totals;
+    for (auto const& clip : clips) {
+        auto [v0, a0] = trackStarts(clip);
+        std::string name = std::filesystem::path(clip).stem().string(), ext = std::filesystem::path(clip).extension().string();
+        std::string codec = ext == ".mpg" ? "-c:a mp2 -b:a 192k" : "-c:a aac -b:a 128k";
+        for (double shift : {-0.4, -0.2, -0.12, 0.0, 0.12, 0.2, 0.4}) {
+            char filter[96];
+            if (shift < 0) std::snprintf(filter, sizeof filter, "atrim=start=%.3f,asetpts=PTS-STARTPTS", -shift);
+            else if (shift > 0) std::snprintf(filter, sizeof filter, "adelay=%ld:all=1", std::lround(shift * 1000));
+            else std::snprintf(filter, sizeof filter, "anull");
+            std::string copy = scratch + "/" + name + "-shifted" + ext;
+            std::string cmd = "ffmpeg -v error -y -i '" + clip + "' -map 0:v:0 -map 0:a:0 -c:v copy -af '" + filter + "' " + codec + " '" + copy + "'";
+            if (std::system(cmd.c_str()) != 0) {
+                std::printf("%-16s %+7.2f  (ffmpeg could not make the copy)\n", name.c_str(), shift);
+                continue;
+            }
+            auto [v1, a1] = trackStarts(copy);
+            double truth = shift + (a1 - a0) - (v1 - v0);
+            media::OpenedMovie om = media::openMovie(copy);
+            OffsetList list(om.movie.get(), nullptr);
+            auto t0 = std::chrono::steady_clock::now();
+            auto got = media::suggestSyncPoints(*om.movie, *list.soundTrack());
+            double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+            std::remove(copy.c_str());
+            auto const& sg = got.suggestion;
+            std::string verdict = "refused";
+            double error = 0, confidence = 0;
+            if (!sg.refused()) {
+                auto best = std::max_element(sg.candidates.begin(), sg.candidates.end(),
+                                             [](auto const& a, auto const& b) { return a.confidence < b.confidence; });
+                error = best->audioTime - best->movieTime - truth;
+                confidence = best->confidence;
+                verdict = std::fabs(error) <= 0.040 ? "ok" : confidence >= 0.5 ? "WRONG" : "off";
+            } else if (!sg.windows.empty()) {
+                confidence = sg.windows.front().confidence;
+            }
+            ++totals[verdict];
+            char faces[32];
+            std::snprintf(faces, sizeof faces, "%ld/%ld", got.evidence.framesWithFace, got.evidence.frames);
+            std::printf("%-16s %+7.2f %9.1f %-8s %9s %6.2f %10s %8.2f  %s\n", name.c_str(), shift, truth * 1000, verdict.c_str(),
+                        sg.refused() ? "-" : std::to_string(std::lround(error * 1000)).c_str(), confidence, faces, took,
+                        got.evidence.mouthMethod.c_str());
+            std::fflush(stdout);
+        }
+    }
+    std::printf("totals:");
+    for (auto const& [verdict, n] : totals) std::printf(" %s %d", verdict.c_str(), n);
+    std::printf("\n");
+    return 0;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -311,6 +391,7 @@ int main(int argc, char** argv)
     int perCell = 4;
     double seconds = 120;
     std::vector<std::string> classes = {"flash", "cuts", "talk"};
+    std::string realDir;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         if (a == "--held-out") heldOut = true;
@@ -319,8 +400,9 @@ int main(int argc, char** argv)
         else if (a == "--movies" && i + 1 < argc) perCell = std::atoi(argv[++i]);
         else if (a == "--seconds" && i + 1 < argc) seconds = std::atof(argv[++i]);
         else if (a == "--class" && i + 1 < argc) classes = {argv[++i]};
+        else if (a == "--real" && i + 1 < argc) realDir = argv[++i];
         else {
-            std::fprintf(stderr, "usage: suggest [--held-out] [--movies N] [--seconds S] [--class flash|cuts|talk] [--verbose] [--timing]\n");
+            std::fprintf(stderr, "usage: suggest [--held-out] [--movies N] [--seconds S] [--class flash|cuts|talk] [--verbose] [--timing] [--real DIR]\n");
             return 2;
         }
     }
@@ -334,6 +416,12 @@ int main(int argc, char** argv)
     }
     scratch = buf.data();
     media::setupMediaLogging();
+
+    if (!realDir.empty()) {
+        int status = realClips(realDir);
+        rmdir(scratch.c_str());
+        return status;
+    }
 
     if (timing) {
         Truth truth{};
