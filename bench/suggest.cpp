@@ -24,6 +24,8 @@
 // the shift, corrected by how the copy's tracks start against the
 // original's. Verdicts: within one frame (40 ms), refused, wrong (a point
 // of confidence >= 0.5 farther than 40 ms), or off (farther, less confident).
+// A refused copy shows in parentheses the error of what its one window
+// measured.
 #include "Evidence.h"
 #include "MovieFile.h"
 #include "OffsetList.h"
@@ -366,13 +368,18 @@ int realClips(std::string const& dir)
                 confidence = best->confidence;
                 verdict = std::fabs(error) <= 0.040 ? "ok" : confidence >= 0.5 ? "WRONG" : "off";
             } else if (!sg.windows.empty()) {
+                // What the refused window measured, in parentheses.
+                error = sg.windows.front().audioTime - sg.windows.front().movieTime - truth;
                 confidence = sg.windows.front().confidence;
             }
             ++totals[verdict];
             char faces[32];
             std::snprintf(faces, sizeof faces, "%ld/%ld", got.evidence.framesWithFace, got.evidence.frames);
             std::printf("%-16s %+7.2f %9.1f %-8s %9s %6.2f %10s %8.2f  %s\n", name.c_str(), shift, truth * 1000, verdict.c_str(),
-                        sg.refused() ? "-" : std::to_string(std::lround(error * 1000)).c_str(), confidence, faces, took,
+                        (sg.refused() ? sg.windows.empty() ? std::string("-") : "(" + std::to_string(std::lround(error * 1000)) + ")"
+                                          : std::to_string(std::lround(error * 1000)))
+                            .c_str(),
+                        confidence, faces, took,
                         got.evidence.mouthMethod.c_str());
             std::fflush(stdout);
         }
