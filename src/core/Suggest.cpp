@@ -493,7 +493,11 @@ Suggestion suggestForClip(Evidence const& ev, Prepared const& p, Settings const&
         out.refusal = "the movie is too short to compare its picture with its sound";
         return out;
     }
-    double maxLag = std::min(s.shortMaxLag, ev.duration / 3);
+    // Lags of a third of the clip either way (from shortMaxLag up to
+    // maxLag): a clip of a beat that repeats every 2 s must show its other
+    // fits, not hide them beyond the range.
+    double maxLag = std::min(s.maxLag, std::max(s.shortMaxLag, ev.duration / 3));
+    maxLag = std::min(maxLag, ev.duration / 3);
     out.windows = measureWindows(p, s, {1.0}, {0.0}, ev.duration, maxLag);
     if (out.windows.empty() || out.windows.front().confidence < s.minClipConfidence) {
         out.refusal = "the one window over the clip shows no clear offset between picture and sound";

@@ -149,8 +149,9 @@ struct Settings {
     double minConfidence = 0.15; // a window weaker than this is not used
     double tolerance = 0.04;     // offsets within this of the line agree
     // Clips no longer than one window, from minClipSeconds on, are measured
-    // by one window over the whole clip, at lags up to shortMaxLag either
-    // way: one offset, proposed as a point near each end.
+    // by one window over the whole clip, at lags up to a third of the clip
+    // either way, no less than shortMaxLag (when the clip allows) and no
+    // more than maxLag: one offset, proposed as a point near each end.
     double minClipSeconds = 3;
     double shortMaxLag = 1;
     // A clip's lone window has no other windows to agree with, so chance
