@@ -324,7 +324,130 @@ std::pair<double, double> trackStarts(std::string const& path)
     return {v, myQTTime(list.soundTrack()->range().time).seconds()};
 }
 
-int realClips(std::string const& dir)
+// One suggestion on a real movie: what the one window (or the line) said
+// against the truth.
+struct RealOutcome {
+    std::string name;
+    bool related = true;   // false: one clip's picture with another's sound
+    bool measured = false; // the window found a peak at all
+    bool proposed = false; // a line was proposed
+    double error = 0;      // of the measurement (the most confident window, or the line's worst point)
+    double confidence = 0;
+    double frame = 0.04;
+};
+
+RealOutcome suggestOn(std::string const& path, std::string const& name, double truth, bool related, double* seconds = nullptr,
+                      std::string* mouth = nullptr)
+{
+    media::OpenedMovie om = media::openMovie(path);
+    OffsetList list(om.movie.get(), nullptr);
+    auto t0 = std::chrono::steady_clock::now();
+    auto got = media::suggestSyncPoints(*om.movie, *list.soundTrack());
+    if (seconds) *seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    if (mouth) *mouth = got.evidence.mouthMethod + " " + std::to_string(got.evidence.framesWithFace) + "/" + std::to_string(got.evidence.frames);
+    RealOutcome o{name, related, false, false, 0, 0, got.evidence.frameSeconds};
+    auto const& sg = got.suggestion;
+    // The clearest window's own (uncalibrated) confidence and its error: what
+    // a floor of the lone window decides on.
+    if (!sg.windows.empty()) {
+        auto best = std::max_element(sg.windows.begin(), sg.windows.end(), [](auto const& a, auto const& b) { return a.confidence < b.confidence; });
+        o.measured = true;
+        o.error = best->audioTime - best->movieTime - truth;
+        o.confidence = best->confidence;
+    }
+    // A proposed line is as good as its worst point.
+    if (!sg.refused()) {
+        o.proposed = true;
+        o.error = 0;
+        for (auto const& c : sg.candidates) {
+            double e = c.audioTime - c.movieTime - truth;
+            if (std::fabs(e) > std::fabs(o.error)) o.error = e;
+        }
+    }
+    return o;
+}
+
+bool run(std::string const& cmd)
+{
+    return std::system(cmd.c_str()) == 0;
+}
+
+// The reel: every clip scaled into one 640x480 picture at 25 frames a
+// second and cut together, its sound made 0.1 % slower and 0.2 s later. The
+// line is audio = movie / 1.001 + 0.2 (the clips as published at 0).
+void reel(std::vector<std::string> const& clips)
+{
+    std::string inputs, filter, parts;
+    for (std::size_t i = 0; i < clips.size(); ++i) {
+        inputs += " -i '" + clips[i] + "'";
+        filter += "[" + std::to_string(i) + ":v:0]scale=640:480:force_original_aspect_ratio=decrease,pad=640:480:-1:-1,setsar=1,fps=25[v" +
+                  std::to_string(i) + "];[" + std::to_string(i) + ":a:0]aresample=44100,aformat=channel_layouts=mono[a" + std::to_string(i) + "];";
+        parts += "[v" + std::to_string(i) + "][a" + std::to_string(i) + "]";
+    }
+    filter += parts + "concat=n=" + std::to_string(clips.size()) + ":v=1:a=1[v][a]";
+    std::string inSync = scratch + "/reel-in-sync.mp4", drifted = scratch + "/reel.mp4";
+    if (!run("ffmpeg -v error -y" + inputs + " -filter_complex '" + filter + "' -map '[v]' -map '[a]' -c:v libx264 -c:a aac -b:a 128k '" + inSync + "'") ||
+        !run("ffmpeg -v error -y -i '" + inSync + "' -map 0:v -map 0:a -c:v copy -af 'asetrate=44100*1.001,aresample=44100,adelay=200:all=1' -c:a aac -b:a 128k '" +
+             drifted + "'")) {
+        std::printf("reel: ffmpeg could not make it\n");
+        return;
+    }
+    auto [v0, a0] = trackStarts(inSync);
+    auto [v1, a1] = trackStarts(drifted);
+    media::OpenedMovie om = media::openMovie(drifted);
+    OffsetList list(om.movie.get(), nullptr);
+    auto t0 = std::chrono::steady_clock::now();
+    auto got = media::suggestSyncPoints(*om.movie, *list.soundTrack());
+    double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+    double duration = got.suggestion.windows.empty() ? 0 : om.movie->duration().seconds();
+    // Content at movie time m of the reel in sync lies at audio time m + a0 - v0 there; here at (m + a0 - v0) / 1.001 + 0.2, shifted by the copy's starts.
+    auto truthAt = [&](double m) { return (m + a0 - v0) / 1.001 + 0.2 + (a1 - a0) - (v1 - v0); };
+    if (got.suggestion.refused()) {
+        std::printf("reel (%.0f s, 1/1.001 and 0.2 s late): refused: %s (%.1f s)\n", duration, got.suggestion.refusal.c_str(), took);
+    } else {
+        auto const& line = *got.suggestion.line;
+        std::printf("reel (%.0f s, 1/1.001 and 0.2 s late): line off by %+.1f ms at the start, %+.1f ms at the end; %zu candidates, %zu of %zu "
+                    "windows on the line; %.1f s\n",
+                    duration, (line.at(0) - truthAt(0)) * 1000, (line.at(duration) - truthAt(duration)) * 1000, got.suggestion.candidates.size(),
+                    line.inliers.size(), got.suggestion.windows.size(), took);
+    }
+    std::remove(inSync.c_str());
+    std::remove(drifted.c_str());
+}
+
+// The time of a suggestion on ten minutes of talking head at 1280x720: the
+// longest clip looped, against the floor of FFmpeg decoding the same movie.
+void tenMinutes(std::vector<std::string> const& clips)
+{
+    std::string longest;
+    double most = 0;
+    for (auto const& c : clips) {
+        media::OpenedMovie om = media::openMovie(c);
+        if (om.movie->duration().seconds() > most) {
+            most = om.movie->duration().seconds();
+            longest = c;
+        }
+    }
+    std::string path = scratch + "/ten-minutes.mp4";
+    if (!run("ffmpeg -v error -y -stream_loop -1 -i '" + longest +
+             "' -t 600 -vf 'scale=1280:720:force_original_aspect_ratio=decrease,pad=1280:720:-1:-1,setsar=1' -c:v libx264 -preset veryfast -c:a aac "
+             "-b:a 128k '" + path + "'")) {
+        std::printf("10 minutes: ffmpeg could not make the movie\n");
+        return;
+    }
+    double floor = wallSeconds("ffmpeg -v error -threads 2 -i '" + path + "' -f null - ");
+    double took = 0;
+    std::string mouth;
+    RealOutcome o = suggestOn(path, "ten", 0, true, &took, &mouth);
+    std::printf("10 minutes of %s at 1280x720: suggestion %.1f s (%.1f s per movie-minute), ffmpeg decoding (the floor) %.1f s, ratio %.2f; mouth by "
+                "%s; %s\n",
+                std::filesystem::path(longest).filename().c_str(), took, took / 10, floor, floor > 0 ? took / floor : 0.0, mouth.c_str(),
+                o.proposed ? ("proposed, worst point " + std::to_string(std::lround(o.error * 1000)) + " ms from the clip as published").c_str()
+                           : "refused");
+    std::remove(path.c_str());
+}
+
+int realClips(std::string const& dir, bool timing)
 {
     std::vector<std::string> clips;
     for (auto const& e : std::filesystem::directory_iterator(dir)) {
@@ -332,61 +455,88 @@ int realClips(std::string const& dir)
         if (ext == ".mp4" || ext == ".mpg" || ext == ".mov" || ext == ".mkv") clips.push_back(e.path().string());
     }
     std::sort(clips.begin(), clips.end());
-    std::printf("%-16s %7s %9s %-8s %9s %6s %10s %8s  %s\n", "clip", "shift s", "truth ms", "verdict", "error ms", "conf", "faces", "time s",
-                "mouth");
-    std::map<std::string, int> totals;
+    auto codecFor = [](std::string const& ext) { return ext == ".mpg" ? std::string("-c:a mp2 -b:a 192k") : std::string("-c:a aac -b:a 128k"); };
+    std::printf("%-16s %7s %9s %-8s %9s %6s %8s  %s\n", "clip", "shift s", "truth ms", "verdict", "error ms", "conf", "time s", "mouth");
+    std::vector<RealOutcome> all;
+    double movieSeconds = 0, suggestSeconds = 0;
     for (auto const& clip : clips) {
         auto [v0, a0] = trackStarts(clip);
         std::string name = std::filesystem::path(clip).stem().string(), ext = std::filesystem::path(clip).extension().string();
-        std::string codec = ext == ".mpg" ? "-c:a mp2 -b:a 192k" : "-c:a aac -b:a 128k";
-        for (double shift : {-0.4, -0.2, -0.12, 0.0, 0.12, 0.2, 0.4}) {
+        for (double shift : {-0.4, -0.2, -0.12, 0.12, 0.2, 0.4}) {
             char filter[96];
             if (shift < 0) std::snprintf(filter, sizeof filter, "atrim=start=%.3f,asetpts=PTS-STARTPTS", -shift);
-            else if (shift > 0) std::snprintf(filter, sizeof filter, "adelay=%ld:all=1", std::lround(shift * 1000));
-            else std::snprintf(filter, sizeof filter, "anull");
+            else std::snprintf(filter, sizeof filter, "adelay=%ld:all=1", std::lround(shift * 1000));
             std::string copy = scratch + "/" + name + "-shifted" + ext;
-            std::string cmd = "ffmpeg -v error -y -i '" + clip + "' -map 0:v:0 -map 0:a:0 -c:v copy -af '" + filter + "' " + codec + " '" + copy + "'";
-            if (std::system(cmd.c_str()) != 0) {
+            if (!run("ffmpeg -v error -y -i '" + clip + "' -map 0:v:0 -map 0:a:0 -c:v copy -af '" + filter + "' " + codecFor(ext) + " '" + copy + "'")) {
                 std::printf("%-16s %+7.2f  (ffmpeg could not make the copy)\n", name.c_str(), shift);
                 continue;
             }
             auto [v1, a1] = trackStarts(copy);
             double truth = shift + (a1 - a0) - (v1 - v0);
-            media::OpenedMovie om = media::openMovie(copy);
-            OffsetList list(om.movie.get(), nullptr);
-            auto t0 = std::chrono::steady_clock::now();
-            auto got = media::suggestSyncPoints(*om.movie, *list.soundTrack());
-            double took = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+            double took = 0;
+            std::string mouth;
+            RealOutcome o = suggestOn(copy, name, truth, true, &took, &mouth);
+            movieSeconds += media::openMovie(copy).movie->duration().seconds();
+            suggestSeconds += took;
             std::remove(copy.c_str());
-            auto const& sg = got.suggestion;
-            std::string verdict = "refused";
-            double error = 0, confidence = 0;
-            if (!sg.refused()) {
-                auto best = std::max_element(sg.candidates.begin(), sg.candidates.end(),
-                                             [](auto const& a, auto const& b) { return a.confidence < b.confidence; });
-                error = best->audioTime - best->movieTime - truth;
-                confidence = best->confidence;
-                verdict = std::fabs(error) <= 0.040 ? "ok" : confidence >= 0.5 ? "WRONG" : "off";
-            } else if (!sg.windows.empty()) {
-                // What the refused window measured, in parentheses.
-                error = sg.windows.front().audioTime - sg.windows.front().movieTime - truth;
-                confidence = sg.windows.front().confidence;
-            }
-            ++totals[verdict];
-            char faces[32];
-            std::snprintf(faces, sizeof faces, "%ld/%ld", got.evidence.framesWithFace, got.evidence.frames);
-            std::printf("%-16s %+7.2f %9.1f %-8s %9s %6.2f %10s %8.2f  %s\n", name.c_str(), shift, truth * 1000, verdict.c_str(),
-                        (sg.refused() ? sg.windows.empty() ? std::string("-") : "(" + std::to_string(std::lround(error * 1000)) + ")"
-                                          : std::to_string(std::lround(error * 1000)))
-                            .c_str(),
-                        confidence, faces, took,
-                        got.evidence.mouthMethod.c_str());
+            all.push_back(o);
+            std::string verdict = !o.proposed ? "refused" : std::fabs(o.error) <= o.frame + 1e-9 ? "ok" : "WRONG";
+            std::string error = !o.measured ? "-" : o.proposed ? std::to_string(std::lround(o.error * 1000)) : "(" + std::to_string(std::lround(o.error * 1000)) + ")";
+            std::printf("%-16s %+7.2f %9.1f %-8s %9s %6.2f %8.2f  %s\n", name.c_str(), shift, truth * 1000, verdict.c_str(), error.c_str(), o.confidence,
+                        took, mouth.c_str());
             std::fflush(stdout);
         }
     }
-    std::printf("totals:");
-    for (auto const& [verdict, n] : totals) std::printf(" %s %d", verdict.c_str(), n);
-    std::printf("\n");
+    // Unrelated pairs: each clip's picture with every other clip's sound.
+    // Nothing is in sync there: every proposed line is wrong.
+    std::printf("\nunrelated pairs (picture of one clip, sound of another): the one window's confidence\n");
+    for (auto const& picture : clips)
+        for (auto const& sound : clips) {
+            if (picture == sound) continue;
+            std::string ext = std::filesystem::path(picture).extension().string();
+            std::string pair = scratch + "/pair" + ext;
+            if (!run("ffmpeg -v error -y -i '" + picture + "' -i '" + sound + "' -map 0:v:0 -map 1:a:0 -c:v copy " + codecFor(ext) + " -shortest '" + pair +
+                     "'"))
+                continue;
+            std::string name = std::filesystem::path(picture).stem().string() + "+" + std::filesystem::path(sound).stem().string();
+            RealOutcome o = suggestOn(pair, name, 0, false);
+            std::remove(pair.c_str());
+            all.push_back(o);
+            std::printf("  %-28s %s %.2f\n", name.c_str(), o.proposed ? "PROPOSED" : "refused ", o.confidence);
+        }
+    // What each floor of a lone window's confidence would give.
+    std::printf("\nfloor  within-a-frame  wrong(related)  refused(related)  proposed(unrelated)  wrong-share\n");
+    for (double floor = 0.20; floor <= 0.401; floor += 0.02) {
+        int ok = 0, wrong = 0, refused = 0, related = 0, falsePairs = 0, pairs = 0;
+        for (auto const& o : all) {
+            bool proposed = o.measured && o.confidence >= floor - 1e-9;
+            if (o.related) {
+                ++related;
+                if (!proposed) ++refused;
+                else if (std::fabs(o.error) <= o.frame + 1e-9) ++ok;
+                else ++wrong;
+            } else {
+                ++pairs;
+                falsePairs += proposed;
+            }
+        }
+        int proposedAll = ok + wrong + falsePairs;
+        std::printf("%5.2f  %5d/%-3d %4.0f%%  %14d  %16d  %11d/%-3d     %s\n", floor, ok, related, 100.0 * ok / std::max(1, related), wrong, refused, falsePairs,
+                    pairs, proposedAll ? (std::to_string(wrong + falsePairs) + "/" + std::to_string(proposedAll)).c_str() : "-");
+    }
+    int ok = 0, wrong = 0, refused = 0, related = 0;
+    for (auto const& o : all) {
+        if (!o.related) continue;
+        ++related;
+        if (!o.proposed) ++refused;
+        else if (std::fabs(o.error) <= o.frame + 1e-9) ++ok;
+        else ++wrong;
+    }
+    std::printf("\nas built: %d of %d copies within one frame, %d wrong, %d refused; unrelated pairs proposed: %ld; %.1f s per movie-minute\n", ok, related,
+                wrong, refused, std::count_if(all.begin(), all.end(), [](auto const& o) { return !o.related && o.proposed; }),
+                movieSeconds > 0 ? 60 * suggestSeconds / movieSeconds : 0.0);
+    reel(clips);
+    if (timing) tenMinutes(clips);
     return 0;
 }
 
@@ -425,7 +575,7 @@ int main(int argc, char** argv)
     media::setupMediaLogging();
 
     if (!realDir.empty()) {
-        int status = realClips(realDir);
+        int status = realClips(realDir, timing);
         rmdir(scratch.c_str());
         return status;
     }

@@ -132,6 +132,15 @@ TEST(SuggestEnvelopes, OnsetsPeakAtClicksAndSpeechEnergyFollowsTheVoiceBand)
     EXPECT_GT(v.values[175], 0.05f);
     EXPECT_GT(v.values[175], 20 * v.values[75]);
     EXPECT_EQ(v.values[25], 0.f);
+    // The formant bands: 1200 Hz is heard in the lower, 2400 Hz in the upper.
+    std::vector<float> formants(kRate * 2, 0.f);
+    for (int i = 0; i < 2 * kRate; ++i)
+        formants[static_cast<std::size_t>(i)] = static_cast<float>(0.3 * std::sin(2 * kPi * (i < kRate ? 1200 : 2400) * i / kRate));
+    auto bands = soundEnvelopes(formants.data(), formants.size(), kRate);
+    EXPECT_GT(bands.voiceLow.values[50], 0.05f);
+    EXPECT_GT(bands.voiceLow.values[50], 20 * bands.voiceHigh.values[50]);
+    EXPECT_GT(bands.voiceHigh.values[150], 0.05f);
+    EXPECT_GT(bands.voiceHigh.values[150], 20 * bands.voiceLow.values[150]);
 
     // A change of sound (one tone giving way to another) peaks where it
     // happens, in the change envelope.
@@ -344,6 +353,11 @@ TEST(SuggestPoints, AShortClipIsOneWindowProposedAsTwoPoints)
         ASSERT_TRUE(got.line);
         EXPECT_DOUBLE_EQ(got.line->slope, 1.0);
         EXPECT_NEAR(got.line->intercept, lag, 0.01) << seconds << " s";
+        // The lone window's own confidence passed the floor; its candidates
+        // read 0.5 or more, what automatic syncs take by default.
+        EXPECT_GE(got.windows[0].confidence, s.minClipConfidence);
+        EXPECT_GE(got.candidates[0].confidence, 0.5);
+        EXPECT_LE(got.candidates[0].confidence, 1.0);
         auto const& first = got.candidates[0];
         auto const& last = got.candidates[1];
         EXPECT_LT(first.movieTime + seconds / 3, last.movieTime) << "the points are near the clip's ends";
@@ -363,6 +377,24 @@ TEST(SuggestPoints, AShortClipIsOneWindowProposedAsTwoPoints)
         EXPECT_TRUE(unrelated.refused()) << "seed " << seed << ": " << unrelated.windows.at(0).confidence;
         EXPECT_TRUE(unrelated.candidates.empty());
         EXPECT_NE(unrelated.refusal.find("no clear offset"), std::string::npos) << unrelated.refusal;
+        // What it measured is said, in milliseconds.
+        EXPECT_NE(unrelated.refusal.find(" ms "), std::string::npos) << unrelated.refusal;
+    }
+
+    // A sound moved later has digital silence before it, far quieter than
+    // the room between words, and the sound read at a lag can run past
+    // either end: neither may pull the peak (the levels are floored at the
+    // quiet tenth of the sound, and only the part of the window whose sound
+    // exists is compared).
+    for (auto [lag, seed] : {std::pair{0.4, 11u}, std::pair{-0.35, 12u}}) {
+        Evidence ev = talkingClip(4, lag, seed);
+        for (std::size_t i = 0; i < ev.speech.values.size(); ++i) ev.speech.values[i] += 0.02f; // the room
+        auto silent = static_cast<std::size_t>(std::max(0.0, lag) * 100);
+        std::fill(ev.speech.values.begin(), ev.speech.values.begin() + static_cast<std::ptrdiff_t>(silent), 0.f);
+        if (lag < 0) ev.speech.values.resize(ev.speech.values.size() - static_cast<std::size_t>(-lag * 100));
+        auto got = suggestPoints(ev, s);
+        ASSERT_FALSE(got.refused()) << lag << ": " << got.refusal;
+        EXPECT_NEAR(got.line->intercept, lag, 0.01);
     }
 }
 

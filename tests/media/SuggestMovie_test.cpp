@@ -219,6 +219,57 @@ TEST(SuggestMovie, MouthOpeningAndFollowedBoxFromLandmarks)
     EXPECT_FALSE(mouthOpening(collapsed));
 }
 
+// What a picture shows inside the lips: a mouth open on a dark cavity is
+// dark there (against the nose's brightness), a closed one is not; the
+// outer lips' opening is measured as the inner one is.
+TEST(SuggestMovie, MouthShapeSeesTheDarkOfAnOpenMouth)
+{
+    FaceLandmarks face{};
+    for (auto& p : face) p = {100, 100};
+    face[36] = {50, 40};
+    face[45] = {150, 40}; // the eyes, 100 apart
+    face[29] = {100, 60};
+    face[31] = {90, 70};
+    face[35] = {110, 70}; // the nose, read across x 90..110 at y 58..62
+    // The outer lip line (48-59): a diamond around (100, 100), 40 wide
+    // and 24 high; its upper and lower middle points 50-52 and 56-58.
+    double const outer[12][2] = {{80, 100}, {88, 92}, {94, 89}, {100, 88}, {106, 89}, {112, 92},
+                                 {120, 100}, {112, 108}, {106, 111}, {100, 112}, {94, 111}, {88, 108}};
+    for (int i = 0; i < 12; ++i) face[static_cast<std::size_t>(48 + i)] = {outer[i][0], outer[i][1]};
+    face[61] = {94, 96};
+    face[67] = {94, 104};
+    face[62] = {100, 95};
+    face[66] = {100, 105};
+    face[63] = {106, 96};
+    face[65] = {106, 104};
+    int const w = 200, h = 160;
+    std::vector<std::uint8_t> picture(static_cast<std::size_t>(w * h), 180);
+    auto shape = [&] { return mouthShape(face, picture.data(), w, h, w); };
+    auto closed = shape();
+    ASSERT_TRUE(closed);
+    EXPECT_NEAR(closed->opening, (8 + 10 + 8) / 3.0 / 100, 1e-9);
+    EXPECT_NEAR(closed->lipsApart, (22 + 24 + 22) / 3.0 / 100, 1e-9);
+    EXPECT_DOUBLE_EQ(closed->dark, 0);
+    EXPECT_NEAR(closed->shade, -1, 1e-9);
+    // The cavity: a dark band across the middle of the lips, darker than
+    // half the nose.
+    for (int y = 96; y <= 104; ++y)
+        for (int x = 0; x < w; ++x) picture[static_cast<std::size_t>(y * w + x)] = 30;
+    auto open = shape();
+    ASSERT_TRUE(open);
+    EXPECT_GT(open->dark, 0.3);
+    EXPECT_LT(open->dark, 0.8);
+    EXPECT_GT(open->shade, closed->shade + 0.2);
+    // Brighter light on the whole face changes neither measure.
+    for (auto& v : picture) v = static_cast<std::uint8_t>(v + v / 4);
+    auto brighter = shape();
+    EXPECT_NEAR(brighter->dark, open->dark, 1e-9);
+    EXPECT_NEAR(brighter->shade, open->shade, 0.02);
+    // A face whose eyes coincide has no shape.
+    FaceLandmarks collapsed{};
+    EXPECT_FALSE(mouthShape(collapsed, picture.data(), w, h, w));
+}
+
 // Stopping ends the search with Cancelled; a periodic movie and a silent one
 // are refused with a reason, never given points.
 TEST(SuggestMovie, StopsAndRefuses)

@@ -8,7 +8,12 @@
 
 #include <algorithm>
 #include <cmath>
+#include <condition_variable>
+#include <deque>
+#include <exception>
+#include <mutex>
 #include <optional>
+#include <thread>
 
 namespace media {
 
@@ -40,14 +45,14 @@ std::optional<double> timelineSeconds(dm::Track const& track, std::int64_t media
 // A face followed by its landmarks from one picture to the next: the box it
 // was last found in and the landmarks found there (the anchor that places
 // the box on later landmarks), its latest landmarks, and its mouth's opening
-// at every picture it was followed in.
+// and what it showed of the mouth at every picture it was followed in.
 struct FollowedFace {
     FaceBox anchorBox;
     FaceLandmarks anchor{};
     FaceLandmarks latest{};
     bool anchored = false;
     double confirmed = 0; // when the face finder last saw it
-    std::vector<std::pair<double, double>> openings;
+    std::vector<std::pair<double, MouthShape>> openings;
     FaceBox box() const { return anchored ? followedBox(anchorBox, anchor, latest) : anchorBox; }
 };
 
@@ -65,13 +70,15 @@ double overlap(FaceBox const& a, FaceBox const& b)
 double mouthMotion(FollowedFace const& f)
 {
     double sum = 0;
-    for (std::size_t i = 1; i < f.openings.size(); ++i) sum += std::fabs(f.openings[i].second - f.openings[i - 1].second);
+    for (std::size_t i = 1; i < f.openings.size(); ++i) sum += std::fabs(f.openings[i].second.opening - f.openings[i - 1].second.opening);
     return sum;
 }
 
-// Openings at picture times as an envelope at `rate` over `duration`: linear
-// between pictures, the nearest value before the first and after the last.
-suggest::Envelope openingEnvelope(std::vector<std::pair<double, double>> const& openings, double duration, double rate)
+// One measure of the mouth at picture times as an envelope at `rate` over
+// `duration`: linear between pictures, the nearest value before the first
+// and after the last.
+suggest::Envelope openingEnvelope(std::vector<std::pair<double, MouthShape>> const& openings, double MouthShape::*measure,
+                                  double duration, double rate)
 {
     suggest::Envelope e;
     e.rate = rate;
@@ -82,18 +89,184 @@ suggest::Envelope openingEnvelope(std::vector<std::pair<double, double>> const& 
     for (std::size_t i = 0; i < n; ++i) {
         double t = static_cast<double>(i) / rate;
         while (k + 1 < openings.size() && openings[k + 1].first <= t) ++k;
-        double v = openings[k].second;
+        double v = openings[k].second.*measure;
         if (t > openings[k].first && k + 1 < openings.size()) {
-            auto [t0, v0] = openings[k];
-            auto [t1, v1] = openings[k + 1];
+            double t0 = openings[k].first, v0 = openings[k].second.*measure;
+            double t1 = openings[k + 1].first, v1 = openings[k + 1].second.*measure;
             v = v0 + (v1 - v0) * (t - t0) / (t1 - t0);
         } else if (t < openings.front().first) {
-            v = openings.front().second;
+            v = openings.front().second.*measure;
         }
         e.values[i] = static_cast<float>(v);
     }
     return e;
 }
+
+// Faces followed by their landmarks through the pictures of a movie, on a
+// thread of its own: placing the landmarks takes about as long as decoding
+// and scaling a picture, and on two cores the two run side by side. The
+// pictures are handed over in order, at most a few waiting; faces are
+// searched for every `faceInterval` seconds and followed by their landmarks
+// in between.
+class FaceFollower {
+public:
+    FaceFollower(std::unique_ptr<FaceFinder> finder, std::unique_ptr<FaceFinder> cascade, std::unique_ptr<LandmarkPredictor> landmarks, int fw,
+                 int fh, int lw, int lh, EvidenceOptions const& options)
+        : finder_(std::move(finder)), cascade_(std::move(cascade)), landmarks_(std::move(landmarks)), fw_(fw), fh_(fh), lw_(lw), lh_(lh),
+          options_(options), worker_([this] { run(); })
+    {
+    }
+    FaceFollower(FaceFollower const&) = delete;
+    FaceFollower& operator=(FaceFollower const&) = delete;
+    ~FaceFollower()
+    {
+        if (!worker_.joinable()) return;
+        {
+            std::lock_guard lock(mutex_);
+            abandoned_ = true;
+        }
+        work_.notify_all();
+        worker_.join();
+    }
+
+    // The picture shown from `t` at the finder's size, and at the
+    // landmarks' size (empty when that is the same). Rethrows what the
+    // thread failed with.
+    void add(double t, std::vector<std::uint8_t> const& face, std::vector<std::uint8_t> lips)
+    {
+        std::unique_lock lock(mutex_);
+        room_.wait(lock, [&] { return queue_.size() < kWaiting || failure_; });
+        if (failure_) std::rethrow_exception(failure_);
+        queue_.push_back({t, face, std::move(lips)});
+        work_.notify_one();
+    }
+
+    // Every face followed, once all pictures are done.
+    std::vector<FollowedFace> finish()
+    {
+        {
+            std::lock_guard lock(mutex_);
+            done_ = true;
+        }
+        work_.notify_all();
+        worker_.join();
+        if (failure_) std::rethrow_exception(failure_);
+        for (auto& ff : followed_) lost_.push_back(std::move(ff));
+        followed_.clear();
+        return std::move(lost_);
+    }
+
+private:
+    static constexpr std::size_t kWaiting = 4;
+    struct Picture {
+        double t = 0;
+        std::vector<std::uint8_t> face, lips;
+    };
+
+    void run()
+    {
+        try {
+            for (;;) {
+                Picture p;
+                {
+                    std::unique_lock lock(mutex_);
+                    work_.wait(lock, [&] { return !queue_.empty() || done_ || abandoned_; });
+                    if (abandoned_ || queue_.empty()) return;
+                    p = std::move(queue_.front());
+                    queue_.pop_front();
+                }
+                room_.notify_one();
+                follow(p);
+            }
+        } catch (...) {
+            std::lock_guard lock(mutex_);
+            failure_ = std::current_exception();
+            room_.notify_all();
+        }
+    }
+
+    FaceBox onLips(FaceBox const& b) const
+    {
+        double k = static_cast<double>(lw_) / fw_;
+        return FaceBox{static_cast<int>(std::lround(b.x * k)), static_cast<int>(std::lround(b.y * k)), static_cast<int>(std::lround(b.width * k)),
+                       static_cast<int>(std::lround(b.height * k))};
+    }
+
+    void follow(Picture const& p)
+    {
+        double t = p.t;
+        std::uint8_t const* lipPicture = p.lips.empty() ? p.face.data() : p.lips.data();
+        if (t >= nextSearch_) {
+            // Faces the finder sees again are confirmed; new ones are
+            // followed from here. The finder misses a face now and then
+            // (a turn of the head, an open mouth), while its landmarks
+            // still hold: a face is let go only after ten searches
+            // without it.
+            auto seen = finder_->find(p.face.data(), fw_, fh_, fw_);
+            if (seen.empty() && cascade_) seen = cascade_->find(p.face.data(), fw_, fh_, fw_);
+            for (auto const& found : seen) {
+                FaceBox b = onLips(found);
+                auto same = std::find_if(followed_.begin(), followed_.end(), [&](FollowedFace const& ff) { return overlap(ff.box(), b) > 0.3; });
+                if (same != followed_.end()) {
+                    // Placed again in the finder's box: a box carried
+                    // along by landmarks alone slowly drifts off the face.
+                    same->confirmed = t;
+                    same->anchorBox = b;
+                    same->anchored = false;
+                } else if (static_cast<int>(followed_.size()) < options_.maxFaces) {
+                    FollowedFace ff;
+                    ff.anchorBox = b;
+                    ff.confirmed = t;
+                    followed_.push_back(ff);
+                }
+            }
+            for (auto it = followed_.begin(); it != followed_.end();) {
+                if (t - it->confirmed > 10 * options_.faceInterval) {
+                    lost_.push_back(std::move(*it));
+                    it = followed_.erase(it);
+                } else {
+                    ++it;
+                }
+            }
+            nextSearch_ = t + options_.faceInterval;
+        }
+        for (auto it = followed_.begin(); it != followed_.end();) {
+            FaceBox b = it->box();
+            FaceLandmarks found = landmarks_->predict(lipPicture, lw_, lh_, lw_, b);
+            auto shape = mouthShape(found, lipPicture, lw_, lh_, lw_);
+            // A box that has wandered off the picture or shrunk to
+            // nothing is no longer a face.
+            bool inside = b.width >= 24 * lw_ / fw_ && b.x + b.width / 2 > 0 && b.x + b.width / 2 < lw_ && b.y + b.height / 2 > 0 &&
+                          b.y + b.height / 2 < lh_;
+            if (!shape || !inside) {
+                lost_.push_back(std::move(*it));
+                it = followed_.erase(it);
+                continue;
+            }
+            if (!it->anchored) {
+                it->anchor = found;
+                it->anchored = true;
+            }
+            it->latest = found;
+            it->openings.emplace_back(t, *shape);
+            ++it;
+        }
+    }
+
+    std::unique_ptr<FaceFinder> finder_, cascade_;
+    std::unique_ptr<LandmarkPredictor> landmarks_;
+    int fw_, fh_, lw_, lh_;
+    EvidenceOptions options_;
+    // The thread's own, until finish() has joined it.
+    std::vector<FollowedFace> followed_, lost_;
+    double nextSearch_ = -1;
+    std::mutex mutex_;
+    std::condition_variable work_, room_;
+    std::deque<Picture> queue_;
+    bool done_ = false, abandoned_ = false;
+    std::exception_ptr failure_;
+    std::thread worker_; // last: started once everything above exists
+};
 
 } // namespace
 
@@ -183,6 +356,8 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
         out.evidence.onset = std::move(envs.onset);
         out.evidence.speech = std::move(envs.speech);
         out.evidence.soundChange = std::move(envs.change);
+        out.evidence.voiceLow = std::move(envs.voiceLow);
+        out.evidence.voiceHigh = std::move(envs.voiceHigh);
     }
 
     auto vmedia = fileMediaOf(video, "video track");
@@ -199,24 +374,37 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
     };
     auto [pw, ph] = evenSize(options.pictureWidth);
     auto [fw, fh] = evenSize(options.faceWidth);
-
+    // Landmarks are placed on a larger picture than faces are found in: the
+    // lips of a face found at 320 pixels are a few pixels apart.
+    auto [lw, lh] = evenSize(std::max(options.faceWidth, options.landmarkWidth));
     std::unique_ptr<FaceFinder> faces;
-    std::unique_ptr<LandmarkPredictor> landmarks;
+    std::optional<FaceFollower> follower;
     if (options.findFaces) faces = makeFaceFinder(&out.faceNote);
     if (faces) {
         std::string why;
-        landmarks = makeLandmarkPredictor(&why);
+        auto landmarks = makeLandmarkPredictor(&why);
         out.mouthMethod = landmarks ? "landmarks" : "region motion";
         if (!landmarks) out.faceNote = why + "; the mouth is watched by the motion of its region";
+        // With landmarks, faces are found by the detector the landmark model
+        // was trained on, and by the cascade where it finds none (its
+        // smallest face is 80 pixels wide; the cascade's is 40).
+        if (landmarks) follower.emplace(makeLandmarkFaceFinder(), std::move(faces), std::move(landmarks), fw, fh, lw, lh, options);
     }
-    std::vector<FollowedFace> followed, lost;
     suggest::FrameChangeBuilder changes, mouth;
     std::vector<std::uint8_t> small(static_cast<std::size_t>(pw * ph)), face(static_cast<std::size_t>(fw * fh)),
         previousFace(face.size());
     bool havePreviousFace = false;
     std::optional<FaceBox> box;
     double nextSearch = -1, boxSeen = 0;
-    Scaler toSmall, toFace;
+    Scaler toSmall, toFace, toLips, greyToSmall;
+    // In a movie longer than a minute, landmarks are placed on at most 15
+    // pictures a second (every other one at 25 or 30): they are the slowest
+    // part by far, a mouth's syllables (4 to 7 a second) still show, and
+    // the movie's many windows must agree on one line anyway. A clip, which
+    // has one window to go by, gets every picture.
+    constexpr double kSparseFits = 15;
+    bool sparse = duration > 60 && out.frameSeconds < 1 / kSparseFits * 0.9;
+    double nextFit = -1;
     Frame f = makeFrame();
     while (decoder.next(f.get())) {
         std::int64_t pts = f->best_effort_timestamp != AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts;
@@ -228,62 +416,31 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
         double t = *when;
         ++out.frames;
         report.update(kSoundShare + (1 - kSoundShare) * std::clamp(t / std::max(duration, 1e-9), 0.0, 1.0));
+        if (follower && t >= nextFit) {
+            if (sparse) nextFit = t + 1 / kSparseFits - out.frameSeconds / 4;
+            // The picture is made grey once, at the landmarks' size; the
+            // smaller ones are scaled from that grey picture, which costs a
+            // fraction of scaling the decoded one (three planes, often HD).
+            AVFrame* grey = toLips.convert(f.get(), lw, lh, AV_PIX_FMT_GRAY8, SWS_AREA);
+            greyToSmall.convertInto(grey, pw, ph, AV_PIX_FMT_GRAY8, small.data(), pw, small.size(), SWS_AREA);
+            changes.add(t, small.data(), pw, ph, pw);
+            std::vector<std::uint8_t> lips;
+            if (lw != fw) {
+                toFace.convertInto(grey, fw, fh, AV_PIX_FMT_GRAY8, face.data(), fw, face.size(), SWS_AREA);
+                lips.resize(static_cast<std::size_t>(lw) * static_cast<std::size_t>(lh));
+                for (int y = 0; y < lh; ++y)
+                    std::copy_n(grey->data[0] + static_cast<std::ptrdiff_t>(y) * grey->linesize[0], lw, lips.begin() + static_cast<std::ptrdiff_t>(y) * lw);
+            } else {
+                for (int y = 0; y < fh; ++y)
+                    std::copy_n(grey->data[0] + static_cast<std::ptrdiff_t>(y) * grey->linesize[0], fw, face.begin() + static_cast<std::ptrdiff_t>(y) * fw);
+            }
+            follower->add(t, face, std::move(lips));
+            av_frame_unref(f.get());
+            continue;
+        }
         toSmall.convertInto(f.get(), pw, ph, AV_PIX_FMT_GRAY8, small.data(), pw, small.size(), SWS_AREA);
         changes.add(t, small.data(), pw, ph, pw);
-        if (faces && landmarks) {
-            toFace.convertInto(f.get(), fw, fh, AV_PIX_FMT_GRAY8, face.data(), fw, face.size(), SWS_AREA);
-            if (t >= nextSearch) {
-                // Faces the finder sees again are confirmed; new ones are
-                // followed from here. The finder misses a face now and then
-                // (a turn of the head, an open mouth), while its landmarks
-                // still hold: a face is let go only after ten searches
-                // without it.
-                for (auto const& b : faces->find(face.data(), fw, fh, fw)) {
-                    auto same = std::find_if(followed.begin(), followed.end(), [&](FollowedFace const& ff) { return overlap(ff.box(), b) > 0.3; });
-                    if (same != followed.end()) {
-                        // Placed again in the finder's box: a box carried
-                        // along by landmarks alone slowly drifts off the face.
-                        same->confirmed = t;
-                        same->anchorBox = b;
-                        same->anchored = false;
-                    } else if (static_cast<int>(followed.size()) < options.maxFaces) {
-                        FollowedFace ff;
-                        ff.anchorBox = b;
-                        ff.confirmed = t;
-                        followed.push_back(ff);
-                    }
-                }
-                for (auto it = followed.begin(); it != followed.end();) {
-                    if (t - it->confirmed > 10 * options.faceInterval) {
-                        lost.push_back(std::move(*it));
-                        it = followed.erase(it);
-                    } else {
-                        ++it;
-                    }
-                }
-                nextSearch = t + options.faceInterval;
-            }
-            for (auto it = followed.begin(); it != followed.end();) {
-                FaceBox b = it->box();
-                FaceLandmarks found = landmarks->predict(face.data(), fw, fh, fw, b);
-                auto opening = mouthOpening(found);
-                // A box that has wandered off the picture or shrunk to
-                // nothing is no longer a face.
-                bool inside = b.width >= 24 && b.x + b.width / 2 > 0 && b.x + b.width / 2 < fw && b.y + b.height / 2 > 0 && b.y + b.height / 2 < fh;
-                if (!opening || !inside) {
-                    lost.push_back(std::move(*it));
-                    it = followed.erase(it);
-                    continue;
-                }
-                if (!it->anchored) {
-                    it->anchor = found;
-                    it->anchored = true;
-                }
-                it->latest = found;
-                it->openings.emplace_back(t, *opening);
-                ++it;
-            }
-        } else if (faces) {
+        if (faces) {
             toFace.convertInto(f.get(), fw, fh, AV_PIX_FMT_GRAY8, face.data(), fw, face.size(), SWS_AREA);
             if (t >= nextSearch) {
                 // A face missed once (a blink, an open mouth) is kept for a
@@ -316,11 +473,16 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
         out.evidence.mouth = mouth.envelope();
     }
     // With landmarks, the face whose mouth moves most is the speaker's.
-    for (auto& ff : followed) lost.push_back(std::move(ff));
+    std::vector<FollowedFace> lost;
+    if (follower) lost = follower->finish();
     auto speaker = std::max_element(lost.begin(), lost.end(), [](FollowedFace const& a, FollowedFace const& b) { return mouthMotion(a) < mouthMotion(b); });
     if (speaker != lost.end() && speaker->openings.size() >= 2) {
         out.framesWithFace = static_cast<long>(speaker->openings.size());
-        out.evidence.mouthOpening = openingEnvelope(speaker->openings, duration, 1.0 / suggest::kHopSeconds);
+        double rate = 1.0 / suggest::kHopSeconds;
+        out.evidence.mouthOpening = openingEnvelope(speaker->openings, &MouthShape::opening, duration, rate);
+        out.evidence.lipsApart = openingEnvelope(speaker->openings, &MouthShape::lipsApart, duration, rate);
+        out.evidence.mouthDark = openingEnvelope(speaker->openings, &MouthShape::dark, duration, rate);
+        out.evidence.mouthShade = openingEnvelope(speaker->openings, &MouthShape::shade, duration, rate);
     }
     report.end();
     return out;

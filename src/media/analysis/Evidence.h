@@ -17,6 +17,7 @@ namespace media {
 struct EvidenceOptions {
     int pictureWidth = 160;    // frame changes are measured at this width
     int faceWidth = 320;       // faces are searched for and mouths watched at this width
+    int landmarkWidth = 640;   // lips are placed by landmarks at this width (at least faceWidth)
     double faceInterval = 0.5; // seconds between face searches
     bool findFaces = true;
     int maxFaces = 3;          // faces followed at once by their landmarks

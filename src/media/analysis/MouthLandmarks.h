@@ -26,6 +26,22 @@ using FaceLandmarks = std::array<LandmarkPoint, 68>;
 // does not change as the face comes nearer. Nullopt for a degenerate face.
 std::optional<double> mouthOpening(FaceLandmarks const& points);
 
+// What a picture shows of a mouth, by its landmarks: the inner lips' opening
+// (mouthOpening), the outer lips' (50-58, 51-57, 52-56, over the eye
+// corners), and inside the outer lip line (48-59) the share of pixels darker
+// than half the nose's brightness (the open mouth's cavity) and the mean
+// brightness there against the nose's, negated (darker is more open). The
+// four see an opening mouth in different ways: the landmarks by the shape,
+// the brightness by the teeth and the dark behind them, where landmarks on
+// small faces often hold the lips still.
+struct MouthShape {
+    double opening = 0;
+    double lipsApart = 0;
+    double dark = 0;
+    double shade = 0;
+};
+std::optional<MouthShape> mouthShape(FaceLandmarks const& points, std::uint8_t const* grey, int width, int height, int stride);
+
 // A face box for the next picture from a face's landmarks: the box that the
 // landmarks were found in (`box`), moved and scaled as the landmarks moved
 // from `reference` (the landmarks found in `box`) to `now`.
@@ -37,6 +53,12 @@ public:
     // The landmarks of the face in `box` of a grey picture.
     virtual FaceLandmarks predict(std::uint8_t const* grey, int width, int height, int stride, FaceBox const& box) = 0;
 };
+
+// dlib's frontal face detector (histograms of oriented gradients), which the
+// 68-point model was trained on: it finds the turned, tilted and laughing
+// faces that the Haar cascade misses, and places its boxes where the
+// predictor expects them. Always available with dlib.
+std::unique_ptr<FaceFinder> makeLandmarkFaceFinder();
 
 // The 68-point predictor, or null (with `why` set) when its model is not
 // installed. DUBMATCH_LANDMARK_MODEL names another model file.
