@@ -629,6 +629,19 @@ Suggestion suggestForClip(Evidence const& ev, Prepared const& p, Settings const&
 
 } // namespace
 
+namespace {
+
+// Movie seconds as m:ss, for refusals.
+std::string clock(double seconds)
+{
+    auto whole = static_cast<long>(std::lround(std::max(0.0, seconds)));
+    char text[32];
+    std::snprintf(text, sizeof text, "%ld:%02ld", whole / 60, whole % 60);
+    return text;
+}
+
+} // namespace
+
 Suggestion suggestPoints(Evidence const& ev, Settings const& s)
 {
     Suggestion out;
@@ -669,6 +682,20 @@ Suggestion suggestPoints(Evidence const& ev, Settings const& s)
             std::size_t agree = line ? line->inliers.size() : 1;
             out.refusal = "the windows disagree: at most " + std::to_string(agree) + " of " + std::to_string(confident.size())
                           + " clear offsets lie on one line";
+            return out;
+        }
+        // A line through windows close together is steep or flat by chance:
+        // a few milliseconds at each, over their span, become tens at the
+        // far end of the movie. The agreeing windows must span a third of it.
+        double first = ev.duration, last = 0;
+        for (auto k : line->inliers) {
+            first = std::min(first, confident[k].movieTime);
+            last = std::max(last, confident[k].movieTime);
+        }
+        if (last - first < ev.duration / 3) {
+            if (pass == 1) return firstPass;
+            out.refusal = "the windows that agree lie too close together (" + clock(first) + " to " + clock(last)
+                          + ") to place the line over the whole movie";
             return out;
         }
         for (auto k : line->inliers) out.candidates.push_back(confident[k]);

@@ -312,6 +312,20 @@ TEST(SuggestPoints, RefusesWhenTheEvidenceDisagreesOrIsMissing)
     EXPECT_EQ(halves.windows.size(), 8u);
     EXPECT_NE(halves.refusal.find("disagree"), std::string::npos) << halves.refusal;
 
+    // Sound only over the first 24 s of a minute: the windows that see it
+    // agree, but they lie too close together to place the line over the
+    // whole minute (a few ms at each would be tens at its end).
+    auto early = synthetic(60, 0.5, 1, 7);
+    std::fill(early.evidence.onset.values.begin() + 2400, early.evidence.onset.values.end(), 0.f);
+    auto near = suggestPoints(early.evidence, Settings{});
+    EXPECT_TRUE(near.refused());
+    EXPECT_TRUE(near.candidates.empty());
+    EXPECT_NE(near.refusal.find("too close together (0:"), std::string::npos) << near.refusal;
+    // With the sound all along, the same movie has its line.
+    auto whole = suggestPoints(synthetic(60, 0.5, 1, 7).evidence, Settings{});
+    ASSERT_FALSE(whole.refused()) << whole.refusal;
+    EXPECT_NEAR(whole.line->at(60), 0.5 + 60, 0.01);
+
     // Too short to compare, and no picture at all.
     Evidence tiny = first.evidence;
     tiny.duration = 2.5;
