@@ -333,3 +333,37 @@ TEST(SuggestMovie, FacesFollowedOnTheirOwnThread)
     ASSERT_EQ(got.suggestion.candidates.size(), 2u);
     for (auto const& c : got.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, 0.28, 0.04);
 }
+
+// Two shots, one speaker each: the mouth compared with the speech is each
+// shot's own (not the one face that moved most over the whole movie, which
+// left the other shot without a mouth), and the one window over the clip
+// finds the offset from both.
+TEST(SuggestMovie, EachShotsSpeakerIsWatched)
+{
+    auto th = talkingHead(16, -0.35, 12);
+    TestMovieSpec spec = th.spec;
+    spec.width = 480;
+    spec.drawPicture = [loud = th.loudness](std::int64_t k, std::uint8_t* luma, int stride, int w, int h) {
+        for (int y = 0; y < h; ++y) std::memset(luma + static_cast<std::ptrdiff_t>(y) * stride, 70, static_cast<std::size_t>(w));
+        auto i = std::min(loud.size() - 1, static_cast<std::size_t>(k * 4));
+        // A cut at 8 s from a face on the left to one on the right.
+        double cx = k < 200 ? w * 0.3 : w * 0.7;
+        drawFace(luma, stride, w, h, cx, h / 2.0, h * 0.7, loud[i]);
+    };
+    Opened m(cachedMovie("suggest-two-shots.mov", spec));
+    if (!makeLandmarkPredictor()) GTEST_SKIP() << "no landmark model";
+    auto got = suggestSyncPoints(*m.om.movie, *m.list->soundTrack());
+    EXPECT_GT(got.evidence.framesWithFace, got.evidence.frames * 9 / 10);
+    auto const& opening = got.evidence.evidence.mouthOpening;
+    ASSERT_GE(opening.values.size(), 1500u);
+    // The mouth moves in both shots.
+    auto spread = [&](double from, double to) {
+        auto lo = opening.values.begin() + static_cast<std::ptrdiff_t>(from * 100), hi = opening.values.begin() + static_cast<std::ptrdiff_t>(to * 100);
+        auto [a, b] = std::minmax_element(lo, hi);
+        return *b - *a;
+    };
+    EXPECT_GT(spread(9, 15), 0.5 * spread(1, 7));
+    EXPECT_GT(spread(1, 7), 0.5 * spread(9, 15));
+    ASSERT_FALSE(got.suggestion.refused()) << got.suggestion.refusal;
+    for (auto const& c : got.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, -0.35, 0.04);
+}

@@ -66,12 +66,45 @@ double overlap(FaceBox const& a, FaceBox const& b)
 }
 
 // How much a followed mouth moves: the summed change of its opening from
-// picture to picture. The speaker's mouth moves most.
+// picture to picture, per second followed. A speaker's mouth moves most.
 double mouthMotion(FollowedFace const& f)
 {
+    if (f.openings.size() < 2) return 0;
     double sum = 0;
     for (std::size_t i = 1; i < f.openings.size(); ++i) sum += std::fabs(f.openings[i].second.opening - f.openings[i - 1].second.opening);
-    return sum;
+    return sum / std::max(1e-3, f.openings.back().first - f.openings.front().first);
+}
+
+// The mouths compared with the speech, over the whole movie: every face
+// followed, and where several were followed at once the one whose mouth
+// moves most (the speaker's, shot by shot). Each face's measures are taken
+// from its own mean, so that a cut from one face to another is no step of
+// a mouth.
+std::vector<std::pair<double, MouthShape>> speakingMouths(std::vector<FollowedFace> faces)
+{
+    std::sort(faces.begin(), faces.end(), [](FollowedFace const& a, FollowedFace const& b) { return mouthMotion(a) > mouthMotion(b); });
+    std::vector<std::pair<double, double>> claimed;
+    std::vector<std::pair<double, MouthShape>> out;
+    for (auto const& f : faces) {
+        if (f.openings.size() < 2) continue;
+        MouthShape mean;
+        for (auto const& [t, m] : f.openings) {
+            mean.opening += m.opening;
+            mean.lipsApart += m.lipsApart;
+            mean.dark += m.dark;
+            mean.shade += m.shade;
+        }
+        auto n = static_cast<double>(f.openings.size());
+        for (auto const& [t, m] : f.openings) {
+            bool taken = std::any_of(claimed.begin(), claimed.end(), [t = t](auto const& c) { return t >= c.first && t <= c.second; });
+            if (!taken)
+                out.emplace_back(t, MouthShape{m.opening - mean.opening / n, m.lipsApart - mean.lipsApart / n, m.dark - mean.dark / n,
+                                               m.shade - mean.shade / n});
+        }
+        claimed.emplace_back(f.openings.front().first, f.openings.back().first);
+    }
+    std::sort(out.begin(), out.end(), [](auto const& a, auto const& b) { return a.first < b.first; });
+    return out;
 }
 
 // One measure of the mouth at picture times as an envelope at `rate` over
@@ -222,6 +255,11 @@ private:
             }
             for (auto it = followed_.begin(); it != followed_.end();) {
                 if (t - it->confirmed > 10 * options_.faceInterval) {
+                    // What it showed since the finder last saw it was more
+                    // likely the background after a cut than a face.
+                    double until = it->confirmed + 2 * options_.faceInterval;
+                    auto& o = it->openings;
+                    o.erase(std::find_if(o.begin(), o.end(), [&](auto const& e) { return e.first > until; }), o.end());
                     lost_.push_back(std::move(*it));
                     it = followed_.erase(it);
                 } else {
@@ -472,17 +510,16 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
         mouth.finish(duration);
         out.evidence.mouth = mouth.envelope();
     }
-    // With landmarks, the face whose mouth moves most is the speaker's.
-    std::vector<FollowedFace> lost;
-    if (follower) lost = follower->finish();
-    auto speaker = std::max_element(lost.begin(), lost.end(), [](FollowedFace const& a, FollowedFace const& b) { return mouthMotion(a) < mouthMotion(b); });
-    if (speaker != lost.end() && speaker->openings.size() >= 2) {
-        out.framesWithFace = static_cast<long>(speaker->openings.size());
+    // With landmarks, the speakers' mouths, shot by shot.
+    std::vector<std::pair<double, MouthShape>> mouths;
+    if (follower) mouths = speakingMouths(follower->finish());
+    if (mouths.size() >= 2) {
+        out.framesWithFace = static_cast<long>(mouths.size());
         double rate = 1.0 / suggest::kHopSeconds;
-        out.evidence.mouthOpening = openingEnvelope(speaker->openings, &MouthShape::opening, duration, rate);
-        out.evidence.lipsApart = openingEnvelope(speaker->openings, &MouthShape::lipsApart, duration, rate);
-        out.evidence.mouthDark = openingEnvelope(speaker->openings, &MouthShape::dark, duration, rate);
-        out.evidence.mouthShade = openingEnvelope(speaker->openings, &MouthShape::shade, duration, rate);
+        out.evidence.mouthOpening = openingEnvelope(mouths, &MouthShape::opening, duration, rate);
+        out.evidence.lipsApart = openingEnvelope(mouths, &MouthShape::lipsApart, duration, rate);
+        out.evidence.mouthDark = openingEnvelope(mouths, &MouthShape::dark, duration, rate);
+        out.evidence.mouthShade = openingEnvelope(mouths, &MouthShape::shade, duration, rate);
     }
     report.end();
     return out;
