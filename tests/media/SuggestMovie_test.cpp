@@ -309,8 +309,11 @@ TEST(SuggestMovie, FacesFollowedOnTheirOwnThread)
     if (!makeLandmarkPredictor()) GTEST_SKIP() << "no landmark model";
     auto video = enabledVideoTrack(*m.om.movie);
     ASSERT_TRUE(video);
-    auto first = gatherEvidence(*video, *m.list->soundTrack(), 8);
-    auto second = gatherEvidence(*video, *m.list->soundTrack(), 8);
+    // As the suggestion gathers it (over the movie's own duration), to compare.
+    double seconds = m.om.movie->duration().seconds();
+    auto first = gatherEvidence(*video, *m.list->soundTrack(), seconds);
+    auto got = suggestSyncPoints(*m.om.movie, *m.list->soundTrack());
+    auto const& second = got.evidence;
     EXPECT_EQ(first.mouthMethod, "landmarks");
     EXPECT_GT(first.framesWithFace, first.frames * 9 / 10); // a clip: every picture
     ASSERT_FALSE(first.evidence.mouthOpening.values.empty());
@@ -325,10 +328,9 @@ TEST(SuggestMovie, FacesFollowedOnTheirOwnThread)
             if (phase == Phase::Update && ++calls == stopAt) stop = true;
             return true;
         };
-        EXPECT_THROW(gatherEvidence(*video, *m.list->soundTrack(), 8, stopper, &stop), Cancelled) << "stopped at update " << stopAt;
+        EXPECT_THROW(gatherEvidence(*video, *m.list->soundTrack(), seconds, stopper, &stop), Cancelled) << "stopped at update " << stopAt;
     }
 
-    auto got = suggestSyncPoints(*m.om.movie, *m.list->soundTrack());
     ASSERT_FALSE(got.suggestion.refused()) << got.suggestion.refusal;
     ASSERT_EQ(got.suggestion.candidates.size(), 2u);
     for (auto const& c : got.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, 0.28, 0.04);
