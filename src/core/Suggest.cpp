@@ -542,14 +542,16 @@ std::vector<LocalOffset> measureWindows(Prepared const& p, Settings const& s, st
     std::vector<LocalOffset> out;
     for (double start : starts) {
         std::optional<LocalOffset> best;
+        // The window's measurement is the clearest peak of all it correlates.
+        auto weigh = [&](Correlation const& c, char const* what) {
+            auto peak = findPeak(c, 2 * s.frameSeconds);
+            if (!peak) return;
+            double centre = start + length / 2;
+            LocalOffset o{centre, centre + peak->lag, peak->confidence(), peak->strength, peak->distinctness(), what};
+            if (!best || o.confidence > best->confidence) best = o;
+        };
         auto measure = [&](Envelope const& picture, Envelope const& sound, char const* what) {
-            for (double slope : slopes) {
-                auto peak = findPeak(correlateAlong(picture, sound, start, length, maxLag, slope), 2 * s.frameSeconds);
-                if (!peak) continue;
-                double centre = start + length / 2;
-                LocalOffset o{centre, centre + peak->lag, peak->confidence(), peak->strength, peak->distinctness(), what};
-                if (!best || o.confidence > best->confidence) best = o;
-            }
+            for (double slope : slopes) weigh(correlateAlong(picture, sound, start, length, maxLag, slope), what);
         };
         measure(p.changes, p.onsets, "picture changes and sound onsets");
         if (!p.soundChanges.values.empty()) measure(p.changes, p.soundChanges, "picture changes and changes of sound");
@@ -564,11 +566,7 @@ std::vector<LocalOffset> measureWindows(Prepared const& p, Settings const& s, st
                         for (std::size_t i = 0; i < mean.values.size() && i < c.values.size(); ++i) mean.values[i] += c.values[i];
                 }
                 for (double& v : mean.values) v /= static_cast<double>(p.mouthPairs.size());
-                auto peak = findPeak(mean, 2 * s.frameSeconds);
-                if (!peak) continue;
-                double centre = start + length / 2;
-                LocalOffset o{centre, centre + peak->lag, peak->confidence(), peak->strength, peak->distinctness(), "mouth opening and speech"};
-                if (!best || o.confidence > best->confidence) best = o;
+                weigh(mean, "mouth opening and speech");
             }
         }
         if (best) out.push_back(*best);
