@@ -456,7 +456,7 @@ TEST(Player, LoopedPicturesWrapAtTheEndOfTheMovie)
 // The real device path: SDL's dummy driver plays in real time.
 TEST(Player, PictureAndSoundStayTogetherOnARealDevice)
 {
-    double seconds = 60;
+    double seconds = 30;
     if (char const* env = std::getenv("DUBMATCH_PLAYBACK_SECONDS")) seconds = std::atof(env);
     setenv("SDL_AUDIODRIVER", "dummy", 1);
     auto spec = everySecond(seconds + 2, "aac");

@@ -95,7 +95,9 @@ VersionVerdict evaluateVersions(VersionRequirements const& r, version_t system, 
             m << " (" << r.recommendedMedia.asString() << " or later recommended)";
     }
     v.message = m.str();
-    v.title = systemOld && mediaOld ? "Software Too Old" : systemOld ? "System Software Too Old" : std::string(kMediaWord) + " Too Old";
+    if (systemOld && mediaOld) v.title = "Software Too Old";
+    else if (systemOld) v.title = "System Software Too Old";
+    else v.title = std::string(kMediaWord).append(" Too Old");
     return v;
 }
 
