@@ -3,6 +3,10 @@
 #include "Fft.h"
 
 #include <algorithm>
+#include <atomic>
+#include <exception>
+#include <mutex>
+#include <thread>
 #include <array>
 #include <cmath>
 #include <cstdio>
@@ -536,41 +540,70 @@ Prepared prepare(Evidence const& ev)
     return p;
 }
 
+// One window's measurement: the clearest peak of all it correlates.
+std::optional<LocalOffset> measureWindow(Prepared const& p, Settings const& s, std::vector<double> const& slopes, double start,
+                                         double length, double maxLag)
+{
+    std::optional<LocalOffset> best;
+    auto weigh = [&](Correlation const& c, char const* what) {
+        auto peak = findPeak(c, 2 * s.frameSeconds);
+        if (!peak) return;
+        double centre = start + length / 2;
+        LocalOffset o{centre, centre + peak->lag, peak->confidence(), peak->strength, peak->distinctness(), what};
+        if (!best || o.confidence > best->confidence) best = o;
+    };
+    auto measure = [&](Envelope const& picture, Envelope const& sound, char const* what) {
+        for (double slope : slopes) weigh(correlateAlong(picture, sound, start, length, maxLag, slope), what);
+    };
+    measure(p.changes, p.onsets, "picture changes and sound onsets");
+    if (!p.soundChanges.values.empty()) measure(p.changes, p.soundChanges, "picture changes and changes of sound");
+    if (!p.mouth.values.empty() && anyInWindow(p.mouth, start, length)) measure(p.mouth, p.speech, "mouth motion and speech");
+    if (!p.mouthPairs.empty()) {
+        for (double slope : slopes) {
+            Correlation mean;
+            for (auto const& [picture, sound] : p.mouthPairs) {
+                Correlation c = correlateAlong(picture, sound, start, length, maxLag, slope, true);
+                if (mean.values.empty()) mean = c;
+                else
+                    for (std::size_t i = 0; i < mean.values.size() && i < c.values.size(); ++i) mean.values[i] += c.values[i];
+            }
+            for (double& v : mean.values) v /= static_cast<double>(p.mouthPairs.size());
+            weigh(mean, "mouth opening and speech");
+        }
+    }
+    return best;
+}
+
+// Every window's measurement, in the order of `starts`. The windows are
+// independent and read `p` only: a long movie's hundreds of correlations
+// are shared out among threads, each taking the next window not yet taken.
 std::vector<LocalOffset> measureWindows(Prepared const& p, Settings const& s, std::vector<double> const& slopes,
                                         std::vector<double> const& starts, double length, double maxLag)
 {
-    std::vector<LocalOffset> out;
-    for (double start : starts) {
-        std::optional<LocalOffset> best;
-        // The window's measurement is the clearest peak of all it correlates.
-        auto weigh = [&](Correlation const& c, char const* what) {
-            auto peak = findPeak(c, 2 * s.frameSeconds);
-            if (!peak) return;
-            double centre = start + length / 2;
-            LocalOffset o{centre, centre + peak->lag, peak->confidence(), peak->strength, peak->distinctness(), what};
-            if (!best || o.confidence > best->confidence) best = o;
-        };
-        auto measure = [&](Envelope const& picture, Envelope const& sound, char const* what) {
-            for (double slope : slopes) weigh(correlateAlong(picture, sound, start, length, maxLag, slope), what);
-        };
-        measure(p.changes, p.onsets, "picture changes and sound onsets");
-        if (!p.soundChanges.values.empty()) measure(p.changes, p.soundChanges, "picture changes and changes of sound");
-        if (!p.mouth.values.empty() && anyInWindow(p.mouth, start, length)) measure(p.mouth, p.speech, "mouth motion and speech");
-        if (!p.mouthPairs.empty()) {
-            for (double slope : slopes) {
-                Correlation mean;
-                for (auto const& [picture, sound] : p.mouthPairs) {
-                    Correlation c = correlateAlong(picture, sound, start, length, maxLag, slope, true);
-                    if (mean.values.empty()) mean = c;
-                    else
-                        for (std::size_t i = 0; i < mean.values.size() && i < c.values.size(); ++i) mean.values[i] += c.values[i];
-                }
-                for (double& v : mean.values) v /= static_cast<double>(p.mouthPairs.size());
-                weigh(mean, "mouth opening and speech");
-            }
+    std::vector<std::optional<LocalOffset>> measured(starts.size());
+    std::atomic<std::size_t> next{0};
+    std::exception_ptr failure;
+    std::mutex failureLock;
+    auto work = [&] {
+        try {
+            for (std::size_t i; (i = next++) < starts.size();) measured[i] = measureWindow(p, s, slopes, starts[i], length, maxLag);
+        } catch (...) {
+            std::lock_guard lock(failureLock);
+            if (!failure) failure = std::current_exception();
+            next = starts.size();
         }
-        if (best) out.push_back(*best);
+    };
+    unsigned threads = s.threads > 0 ? static_cast<unsigned>(s.threads) : std::max(1u, std::thread::hardware_concurrency());
+    threads = std::min<unsigned>(threads, static_cast<unsigned>(starts.size()));
+    {
+        std::vector<std::jthread> helpers;
+        for (unsigned k = 1; k < threads; ++k) helpers.emplace_back(work);
+        work();
     }
+    if (failure) std::rethrow_exception(failure);
+    std::vector<LocalOffset> out;
+    for (auto const& m : measured)
+        if (m) out.push_back(*m);
     return out;
 }
 

@@ -165,6 +165,9 @@ struct Settings {
     // 0.30 no pair and no copy was proposed wrongly (at 0.28, two copies of
     // one clip were, 45 ms off its published sync).
     double minClipConfidence = 0.30;
+    // Threads that measure a movie's windows (each window on its own; the
+    // result is the same for any number). 0: one per processor.
+    int threads = 0;
 };
 
 // What the evidence says: the candidates (offsets that agree with one line,

@@ -290,6 +290,31 @@ TEST(SuggestPoints, CandidatesLieOnTheTrueLineWithDriftAndDelay)
     }
 }
 
+// A long movie's windows are measured on several threads: the windows,
+// their order and the line are those of one thread, to the last bit.
+TEST(SuggestPoints, WindowsMeasuredOnThreadsAreThoseOfOneThread)
+{
+    auto m = synthetic(240, 0.35, 0.996, 2);
+    Settings one;
+    one.threads = 1;
+    Settings three = one;
+    three.threads = 3;
+    auto a = suggestPoints(m.evidence, one);
+    auto b = suggestPoints(m.evidence, three);
+    ASSERT_GE(a.windows.size(), 8u);
+    ASSERT_EQ(a.windows.size(), b.windows.size());
+    for (std::size_t i = 0; i < a.windows.size(); ++i) {
+        EXPECT_EQ(a.windows[i].movieTime, b.windows[i].movieTime) << i;
+        EXPECT_EQ(a.windows[i].audioTime, b.windows[i].audioTime) << i;
+        EXPECT_EQ(a.windows[i].confidence, b.windows[i].confidence) << i;
+    }
+    for (std::size_t i = 1; i < b.windows.size(); ++i) EXPECT_LT(b.windows[i - 1].movieTime, b.windows[i].movieTime) << i;
+    ASSERT_TRUE(a.line && b.line);
+    EXPECT_EQ(a.line->slope, b.line->slope);
+    EXPECT_EQ(a.line->intercept, b.line->intercept);
+    EXPECT_EQ(a.candidates.size(), b.candidates.size());
+}
+
 TEST(SuggestPoints, RefusesWhenTheEvidenceDisagreesOrIsMissing)
 {
     // Sound events unrelated to the picture.
