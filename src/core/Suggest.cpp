@@ -3,15 +3,15 @@
 #include "Fft.h"
 
 #include <algorithm>
-#include <atomic>
-#include <exception>
-#include <mutex>
-#include <thread>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
 #include <complex>
+#include <exception>
+#include <mutex>
 #include <numeric>
+#include <thread>
 
 namespace suggest {
 
