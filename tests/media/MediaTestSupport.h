@@ -7,6 +7,8 @@
 #include "TestMovie.h"
 
 #include <cstdint>
+#include <cstdlib>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -64,5 +66,26 @@ struct StreamRead {
 
 // Reads `in` to its end and returns what it gives for `stream`.
 StreamRead readStream(media::SourceFile::Input& in, int stream);
+
+// An environment variable set for a scope, then restored.
+class ScopedEnv {
+public:
+    ScopedEnv(char const* name, char const* value) : name_(name)
+    {
+        if (char const* old = std::getenv(name)) old_ = old;
+        setenv(name, value, 1);
+    }
+    ~ScopedEnv()
+    {
+        if (old_) setenv(name_, old_->c_str(), 1);
+        else unsetenv(name_);
+    }
+    ScopedEnv(ScopedEnv const&) = delete;
+    ScopedEnv& operator=(ScopedEnv const&) = delete;
+
+private:
+    char const* name_;
+    std::optional<std::string> old_;
+};
 
 } // namespace testsupport

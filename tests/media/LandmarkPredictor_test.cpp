@@ -1,0 +1,101 @@
+#include "MediaTestSupport.h"
+#include "MouthLandmarks.h"
+#include "TestMovie.h"
+
+#include <dlib/image_processing/shape_predictor.h>
+#include <dlib/serialize.h>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+using namespace media;
+using namespace testsupport;
+
+namespace {
+
+std::string const kModel = DUBMATCH_LANDMARK_MODEL;
+
+// A grey picture: noise, with a drawn face when `mouth` >= 0.
+std::vector<std::uint8_t> picture(int width, int height, double mouth, unsigned seed)
+{
+    std::mt19937 random(seed);
+    std::uniform_int_distribution<int> grey(40, 200);
+    std::vector<std::uint8_t> pixels(static_cast<std::size_t>(width) * static_cast<std::size_t>(height));
+    for (auto& p : pixels) p = static_cast<std::uint8_t>(grey(random));
+    if (mouth >= 0) drawFace(pixels.data(), width, width, height, width / 2.0, height / 2.0, height * 0.6, mouth);
+    return pixels;
+}
+
+} // namespace
+
+// The predictor evaluates dlib's model itself, with its leaves laid out for
+// speed: it must place every point exactly where dlib's own predictor does,
+// on faces and on noise, on boxes inside the picture and reaching out of it.
+TEST(LandmarkPredictor, PlacesThePointsDlibPlaces)
+{
+    auto ours = makeLandmarkPredictor();
+    if (kModel.empty() || !ours) GTEST_SKIP() << "no landmark model";
+    dlib::shape_predictor theirs;
+    dlib::deserialize(kModel) >> theirs;
+
+    // The predictor looks at the box and half its size around it: in a
+    // picture no larger than that, both see the same pixels.
+    constexpr int kSize = 240;
+    struct Case {
+        double mouth;
+        FaceBox box;
+    };
+    std::vector<Case> cases = {{0.0, {60, 60, 120, 120}}, {0.5, {60, 60, 120, 120}}, {1.0, {55, 65, 130, 130}},
+                               {0.8, {-10, 40, 150, 150}}, {0.3, {70, 20, 140, 140}}, {-1, {60, 60, 120, 120}}};
+    int moved = 0;
+    for (std::size_t c = 0; c < cases.size(); ++c) {
+        auto const& [mouth, box] = cases[c];
+        auto pixels = picture(kSize, kSize, mouth, static_cast<unsigned>(c + 1));
+        dlib::array2d<unsigned char> image(kSize, kSize);
+        for (int y = 0; y < kSize; ++y)
+            for (int x = 0; x < kSize; ++x) image[y][x] = pixels[static_cast<std::size_t>(y * kSize + x)];
+        auto expected = theirs(image, dlib::rectangle(box.x, box.y, box.x + box.width - 1, box.y + box.height - 1));
+        auto got = ours->predict(pixels.data(), kSize, kSize, kSize, box);
+        ASSERT_EQ(expected.num_parts(), got.size());
+        for (unsigned long i = 0; i < expected.num_parts(); ++i) {
+            EXPECT_EQ(got[i].x, static_cast<double>(expected.part(i).x())) << "case " << c << " point " << i;
+            EXPECT_EQ(got[i].y, static_cast<double>(expected.part(i).y())) << "case " << c << " point " << i;
+        }
+        // The picture moved the points away from the model's mean shape.
+        moved += expected.part(62).y() != theirs(dlib::array2d<unsigned char>(kSize, kSize), expected.get_rect()).part(62).y();
+    }
+    EXPECT_GT(moved, 0);
+
+    // An opening and a wide-open mouth, on the same face: the inner lips part.
+    auto closed = picture(kSize, kSize, 0.0, 7), open = picture(kSize, kSize, 1.0, 7);
+    FaceBox box{60, 60, 120, 120};
+    auto a = mouthOpening(ours->predict(closed.data(), kSize, kSize, kSize, box));
+    auto b = mouthOpening(ours->predict(open.data(), kSize, kSize, kSize, box));
+    ASSERT_TRUE(a && b);
+    EXPECT_GT(*b, *a + 0.05);
+}
+
+// A model file that is cut short, of another version or of another shape is
+// refused with the reason, and the mouth is then watched without landmarks.
+TEST(LandmarkPredictor, RefusesModelsItCannotUse)
+{
+    if (kModel.empty() || !std::ifstream(kModel)) GTEST_SKIP() << "no landmark model";
+    ScratchDir dir;
+    std::string whole = readFile(kModel);
+    std::string versionTwo = whole;
+    versionTwo[1] = 2; // the version comes first: a length byte, then its value
+    std::vector<std::pair<std::string, std::string>> bad = {
+        {"empty.dat", ""}, {"cut.dat", whole.substr(0, whole.size() / 3)}, {"version.dat", versionTwo}, {"other.dat", "not a model at all"}};
+    for (auto const& [name, bytes] : bad) {
+        writeFile(dir.file(name), bytes);
+        ScopedEnv other("DUBMATCH_LANDMARK_MODEL", dir.file(name).c_str());
+        std::string why;
+        EXPECT_EQ(makeLandmarkPredictor(&why), nullptr) << name;
+        EXPECT_NE(why.find("cannot be read"), std::string::npos) << name << ": " << why;
+        EXPECT_NE(why.find(name), std::string::npos) << why;
+    }
+}
