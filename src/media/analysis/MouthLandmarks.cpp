@@ -31,7 +31,8 @@ LandmarkPoint centroid(FaceLandmarks const& p)
 // dlib's 68-point predictor (an ensemble of regression trees in cascaded
 // stages), read from dlib's model file and evaluated here to dlib's own
 // arithmetic: the same features, the same tree walks and the same sums in
-// the same order, so the landmarks are dlib's to the bit. What differs is
+// the same order, so the landmarks are dlib's to the bit (before dlib
+// rounds them to whole pixels, which is left out here). What differs is
 // the memory: dlib keeps each leaf (136 floats) in its own allocation and
 // walks a tree just before adding its leaf, so nearly all its time goes on
 // waiting for leaves to arrive from a model of about 100 MB. Here a stage's
@@ -93,12 +94,14 @@ public:
         }
         dlib::rectangle r(box.x - x0, box.y - y0, box.x - x0 + box.width - 1, box.y - y0 + box.height - 1);
         auto shape = shapeIn(r);
-        // As dlib places its points: mapped from the box's unit square and
-        // rounded to whole pixels.
+        // Mapped from the box's unit square as dlib maps them, but not
+        // rounded to whole pixels as dlib's points are: the lips of a small
+        // face are a few pixels apart, and a syllable opens them by one or
+        // two.
         dlib::point_transform_affine const toImage = dlib::impl::unnormalizing_tform(r);
         for (std::size_t i = 0; i < out.size(); ++i) {
-            dlib::point p = toImage(dlib::impl::location(shape, static_cast<unsigned long>(i)));
-            out[i] = {static_cast<double>(p.x() + x0), static_cast<double>(p.y() + y0)};
+            dlib::vector<double, 2> p = toImage(dlib::impl::location(shape, static_cast<unsigned long>(i)));
+            out[i] = {p.x() + x0, p.y() + y0};
         }
         return out;
     }
