@@ -10,6 +10,7 @@
 #include <cmath>
 #include <fstream>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,27 @@ std::vector<std::uint8_t> picture(int width, int height, double mouth, unsigned 
     for (auto& p : pixels) p = static_cast<std::uint8_t>(grey(random));
     if (mouth >= 0) drawFace(pixels.data(), width, width, height, width / 2.0, height / 2.0, height * 0.6, mouth);
     return pixels;
+}
+
+// A model in dlib's format with one stage of one tree of one split, which
+// compares two pixels placed by points `anchor` and 0, and leaves of `leafSize`
+// values.
+std::string tinyModel(unsigned long anchor, unsigned long splitPixel, long leafSize)
+{
+    std::ostringstream out;
+    dlib::serialize(1, out);
+    dlib::matrix<float, 0, 1> initial(136);
+    for (long i = 0; i < initial.size(); ++i) initial(i) = static_cast<float>(i % 17) / 17;
+    dlib::serialize(initial, out);
+    dlib::impl::regression_tree tree;
+    tree.splits.push_back({splitPixel, 0, 1.0f});
+    dlib::matrix<float, 0, 1> leaf(leafSize);
+    leaf = 0.01f;
+    tree.leaf_values = {leaf, leaf};
+    dlib::serialize(std::vector<std::vector<dlib::impl::regression_tree>>{{tree}}, out);
+    dlib::serialize(std::vector<std::vector<unsigned long>>{{anchor, 0}}, out);
+    dlib::serialize(std::vector<std::vector<dlib::vector<float, 2>>>{{{0.1f, 0.1f}, {-0.1f, 0.2f}}}, out);
+    return out.str();
 }
 
 } // namespace
@@ -83,8 +105,9 @@ TEST(LandmarkPredictor, PlacesThePointsDlibPlaces)
     EXPECT_GT(*b, *a + 0.05);
 }
 
-// A model file that is cut short, of another version or of another shape is
-// refused with the reason, and the mouth is then watched without landmarks.
+// A model file that is cut short, of another version or of another shape,
+// or whose trees name pixels, points or leaves it does not have, is refused
+// with the reason, and the mouth is then watched without landmarks.
 TEST(LandmarkPredictor, RefusesModelsItCannotUse)
 {
     if (kModel.empty() || !std::ifstream(kModel)) GTEST_SKIP() << "no landmark model";
@@ -92,8 +115,13 @@ TEST(LandmarkPredictor, RefusesModelsItCannotUse)
     std::string whole = readFile(kModel);
     std::string versionTwo = whole;
     versionTwo[1] = 2; // the version comes first: a length byte, then its value
-    std::vector<std::pair<std::string, std::string>> bad = {
-        {"empty.dat", ""}, {"cut.dat", whole.substr(0, whole.size() / 3)}, {"version.dat", versionTwo}, {"other.dat", "not a model at all"}};
+    std::vector<std::pair<std::string, std::string>> bad = {{"empty.dat", ""},
+                                                            {"cut.dat", whole.substr(0, whole.size() / 3)},
+                                                            {"version.dat", versionTwo},
+                                                            {"other.dat", "not a model at all"},
+                                                            {"anchor.dat", tinyModel(68, 1, 136)},
+                                                            {"pixel.dat", tinyModel(5, 2, 136)},
+                                                            {"leaf.dat", tinyModel(5, 1, 10)}};
     for (auto const& [name, bytes] : bad) {
         writeFile(dir.file(name), bytes);
         ScopedEnv other("DUBMATCH_LANDMARK_MODEL", dir.file(name).c_str());
@@ -102,4 +130,8 @@ TEST(LandmarkPredictor, RefusesModelsItCannotUse)
         EXPECT_NE(why.find("cannot be read"), std::string::npos) << name << ": " << why;
         EXPECT_NE(why.find(name), std::string::npos) << why;
     }
+    // The same small model with all its parts in range is read.
+    writeFile(dir.file("tiny.dat"), tinyModel(67, 1, 136));
+    ScopedEnv tiny("DUBMATCH_LANDMARK_MODEL", dir.file("tiny.dat").c_str());
+    EXPECT_NE(makeLandmarkPredictor(), nullptr);
 }

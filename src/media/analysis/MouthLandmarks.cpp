@@ -62,6 +62,8 @@ public:
             stage.anchors = std::move(anchors[s]);
             stage.deltas = std::move(deltas[s]);
             if (stage.anchors.size() != stage.deltas.size()) throw std::runtime_error("a stage's feature pixels do not match their anchors");
+            for (unsigned long anchor : stage.anchors)
+                if (anchor >= dimension / 2) throw std::runtime_error("a feature pixel is placed by a point the model does not have");
             for (auto const& tree : forests[s]) {
                 if (tree.leaf_values.size() != tree.splits.size() + 1) throw std::runtime_error("a tree is not complete");
                 for (auto const& split : tree.splits)
