@@ -435,14 +435,6 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
     std::optional<FaceBox> box;
     double nextSearch = -1, boxSeen = 0;
     Scaler toSmall, toFace, toLips, greyToSmall;
-    // In a movie longer than a minute, landmarks are placed on at most 15
-    // pictures a second (every other one at 25 or 30): they are the slowest
-    // part by far, a mouth's syllables (4 to 7 a second) still show, and
-    // the movie's many windows must agree on one line anyway. A clip, which
-    // has one window to go by, gets every picture.
-    constexpr double kSparseFits = 15;
-    bool sparse = duration > 60 && out.frameSeconds < 1 / kSparseFits * 0.9;
-    double nextFit = -1;
     Frame f = makeFrame();
     while (decoder.next(f.get())) {
         std::int64_t pts = f->best_effort_timestamp != AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts;
@@ -454,8 +446,13 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
         double t = *when;
         ++out.frames;
         report.update(kSoundShare + (1 - kSoundShare) * std::clamp(t / std::max(duration, 1e-9), 0.0, 1.0));
-        if (follower && t >= nextFit) {
-            if (sparse) nextFit = t + 1 / kSparseFits - out.frameSeconds / 4;
+        if (follower) {
+            // Landmarks are placed on every picture, in long movies too:
+            // at 12 or 15 pictures a second a mouth's syllables still
+            // show, but the generated talking heads were then placed
+            // within 10 ms in 9 of 12 movies of two minutes, against 12 of
+            // 12 with every picture.
+            //
             // The picture is made grey once, at the landmarks' size; the
             // smaller ones are scaled from that grey picture, which costs a
             // fraction of scaling the decoded one (three planes, often HD).
