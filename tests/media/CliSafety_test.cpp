@@ -274,14 +274,14 @@ TEST(CliSafety, FailingSystemCallsNeverReportSuccessWrongly)
     std::string original = readFile(cachedMovie("strace.mov", smallSpec(3, 0.3, 1.0)));
     std::vector<std::string> args{"sync", movie, "--point", "1=1.3", "--in-place", "--quiet"};
     writeFile(movie, original);
-    ASSERT_EQ(run(args, log), 0);
+    ASSERT_EQ(run(args, log), 0) << readFile(log);
     double length = openMovie(movie).movie->duration().seconds();
 
     int injected = 0, failed = 0, succeeded = 0;
     for (std::string call : {"write", "lseek", "fsync", "linkat", "rename", "fchmod"}) {
         // How many such calls a clean run makes.
         writeFile(movie, original);
-        ASSERT_EQ(wait(spawn(args, log, {"strace", "-f", "-qq", "-o", trace, "-e", "trace=" + call})), 0);
+        ASSERT_EQ(wait(spawn(args, log, {"strace", "-f", "-qq", "-o", trace, "-e", "trace=" + call})), 0) << call << ": " << readFile(log);
         std::string traced = readFile(trace);
         int calls = 0;
         for (std::size_t at = traced.find(call + "("); at != std::string::npos; at = traced.find(call + "(", at + 1)) ++calls;
