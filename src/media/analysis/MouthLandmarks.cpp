@@ -41,12 +41,13 @@ LandmarkPoint centroid(FaceLandmarks const& p)
 class CascadePredictor : public LandmarkPredictor {
 public:
     // Reads a model in dlib's shape_predictor format. Throws
-    // dlib::serialization_error and std::runtime_error.
+    // dlib::serialization_error (a file cut short or not of that format)
+    // and std::runtime_error (a model of another version or shape).
     explicit CascadePredictor(std::istream& in)
     {
         int version = 0;
         dlib::deserialize(version, in);
-        if (version != 1) throw dlib::serialization_error("Unexpected version of a shape predictor: " + std::to_string(version));
+        if (version != 1) throw std::runtime_error("it is of version " + std::to_string(version) + " of the shape predictor format, not 1");
         std::vector<std::vector<dlib::impl::regression_tree>> forests;
         std::vector<std::vector<unsigned long>> anchors;
         std::vector<std::vector<dlib::vector<float, 2>>> deltas;
