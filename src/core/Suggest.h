@@ -193,10 +193,10 @@ struct Evidence {
     // The mouth's opening by facial landmarks (picture, movie time), or
     // empty when the mouth was watched by its motion alone.
     Envelope mouthOpening;
-    // With landmarks, the same face's outer lips' opening, and the darkness
-    // and shade inside its lips (see the media layer's MouthShape); empty
-    // otherwise.
-    Envelope lipsApart, mouthDark, mouthShade;
+    // With landmarks, the same face's outer lips' opening, its jaw's drop,
+    // the darkness and shade inside its lips, and the look of its mouth's
+    // picture (see the media layer's MouthShape); empty otherwise.
+    Envelope lipsApart, jaw, mouthDark, mouthShade, mouthLook;
     double duration = 0;  // movie seconds
 };
 

@@ -216,6 +216,10 @@ TEST(SuggestMovie, MouthShapeSeesTheDarkOfAnOpenMouth)
     double const outer[12][2] = {{80, 100}, {88, 92}, {94, 89}, {100, 88}, {106, 89}, {112, 92},
                                  {120, 100}, {112, 108}, {106, 111}, {100, 112}, {94, 111}, {88, 108}};
     for (int i = 0; i < 12; ++i) face[static_cast<std::size_t>(48 + i)] = {outer[i][0], outer[i][1]};
+    face[33] = {100, 72}; // the foot of the nose, 60 above the chin
+    face[7] = {92, 130};
+    face[8] = {100, 132};
+    face[9] = {108, 130};
     face[61] = {94, 96};
     face[67] = {94, 104};
     face[62] = {100, 95};
@@ -229,8 +233,13 @@ TEST(SuggestMovie, MouthShapeSeesTheDarkOfAnOpenMouth)
     ASSERT_TRUE(closed);
     EXPECT_NEAR(closed->opening, (8 + 10 + 8) / 3.0 / 100, 1e-9);
     EXPECT_NEAR(closed->lipsApart, (22 + 24 + 22) / 3.0 / 100, 1e-9);
+    EXPECT_NEAR(closed->jaw, (2 * std::hypot(8.0, 58.0) + 60) / 3 / 100, 1e-9);
     EXPECT_DOUBLE_EQ(closed->dark, 0);
     EXPECT_NEAR(closed->shade, -1, 1e-9);
+    // The patch spans y 75..125 about the lips' centre (100, 100), in rows
+    // 5 apart from 77.5: as bright as the nose everywhere.
+    ASSERT_TRUE(closed->hasPatch);
+    for (auto v : closed->patch) ASSERT_EQ(v, 128);
     // The cavity: a dark band across the middle of the lips, darker than
     // half the nose.
     for (int y = 96; y <= 104; ++y)
@@ -240,14 +249,113 @@ TEST(SuggestMovie, MouthShapeSeesTheDarkOfAnOpenMouth)
     EXPECT_GT(open->dark, 0.3);
     EXPECT_LT(open->dark, 0.8);
     EXPECT_GT(open->shade, closed->shade + 0.2);
+    // Rows 4 and 5 (y 97.5 and 102.5) lie on the cavity, the rest on the lips.
+    auto patchRow = [](MouthShape const& m, int row) {
+        return std::vector<int>(m.patch.begin() + row * kMouthPatchWidth, m.patch.begin() + (row + 1) * kMouthPatchWidth);
+    };
+    EXPECT_EQ(patchRow(*open, 4), std::vector<int>(kMouthPatchWidth, 21)); // 30 / 180 of the nose
+    EXPECT_EQ(patchRow(*open, 5), std::vector<int>(kMouthPatchWidth, 21));
+    EXPECT_EQ(patchRow(*open, 3), std::vector<int>(kMouthPatchWidth, 128));
+    EXPECT_EQ(patchRow(*open, 6), std::vector<int>(kMouthPatchWidth, 128));
     // Brighter light on the whole face changes neither measure.
     for (auto& v : picture) v = static_cast<std::uint8_t>(v + v / 4);
     auto brighter = shape();
     EXPECT_NEAR(brighter->dark, open->dark, 1e-9);
     EXPECT_NEAR(brighter->shade, open->shade, 0.02);
+    for (std::size_t k = 0; k < brighter->patch.size(); ++k) EXPECT_NEAR(brighter->patch[k], open->patch[k], 1) << k;
+    // A head tilted by 90 degrees (the eyes one above the other) gives the
+    // patch turned with it: the cavity band, now upright, still in rows 4-5.
+    FaceLandmarks tilted = face;
+    for (auto& q : tilted) q = {199 - q.y, q.x};
+    std::vector<std::uint8_t> turned(static_cast<std::size_t>(w * w), 0);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) turned[static_cast<std::size_t>(x * w + (199 - y))] = picture[static_cast<std::size_t>(y * w + x)];
+    auto upright = mouthShape(tilted, turned.data(), w, w, w);
+    ASSERT_TRUE(upright);
+    for (std::size_t k = 0; k < upright->patch.size(); ++k) EXPECT_NEAR(upright->patch[k], brighter->patch[k], 1) << k;
     // A face whose eyes coincide has no shape.
     FaceLandmarks collapsed{};
     EXPECT_FALSE(mouthShape(collapsed, picture.data(), w, h, w));
+}
+
+// The look of a mouth: over a face's pictures, how far each lies along the
+// way its mouth's picture changes most, rising as the lips open whichever
+// way the picture changes.
+TEST(SuggestMovie, MouthLookFollowsWhatChangesMostAndRisesWithTheOpening)
+{
+    std::mt19937 rng(7);
+    std::uniform_real_distribution<double> noise(-4, 4);
+    auto correlation = [](std::vector<double> const& a, std::vector<double> const& b) {
+        double n = static_cast<double>(a.size()), sa = 0, sb = 0, saa = 0, sbb = 0, sab = 0;
+        for (std::size_t i = 0; i < a.size(); ++i) {
+            sa += a[i];
+            sb += b[i];
+            saa += a[i] * a[i];
+            sbb += b[i] * b[i];
+            sab += a[i] * b[i];
+        }
+        return (n * sab - sa * sb) / std::sqrt((n * saa - sa * sa) * (n * sbb - sb * sb));
+    };
+    // An opening that comes and goes irregularly; the patch darkens in its
+    // middle rows as it opens, with noise everywhere.
+    std::vector<double> open;
+    for (int i = 0; i < 300; ++i) open.push_back(0.5 + 0.5 * std::sin(i * 0.31) * std::sin(i * 0.047 + 1));
+    auto track = [&](double shapeSign, double brightnessSign) {
+        std::vector<MouthShape> shapes;
+        for (double a : open) {
+            MouthShape m;
+            m.opening = shapeSign * a;
+            m.hasPatch = true;
+            for (int k = 0; k < kMouthPatchWidth * kMouthPatchHeight; ++k) {
+                bool middle = k / kMouthPatchWidth >= 4 && k / kMouthPatchWidth <= 5;
+                double v = 128 + (middle ? -80 * brightnessSign * a : 0) + noise(rng);
+                m.patch[static_cast<std::size_t>(k)] = static_cast<std::uint8_t>(std::lround(v));
+            }
+            shapes.push_back(m);
+        }
+        mouthLooks(shapes);
+        std::vector<double> looks, openings;
+        for (auto const& m : shapes) {
+            looks.push_back(m.look);
+            openings.push_back(m.opening);
+        }
+        return correlation(looks, openings);
+    };
+    // Darker as it opens, or brighter (teeth): the look rises with the
+    // opening either way, and follows it closely despite the noise.
+    EXPECT_GT(track(1, 1), 0.95);
+    EXPECT_GT(track(1, -1), 0.95);
+    EXPECT_GT(track(-1, 1), 0.95);
+
+    // Pictures without a patch read 0 and do not disturb the others; with
+    // fewer than three patches, or all alike, every look is 0.
+    std::vector<MouthShape> few(5);
+    for (std::size_t i = 0; i < 2; ++i) {
+        few[i].hasPatch = true;
+        few[i].patch.fill(static_cast<std::uint8_t>(100 + 20 * i));
+        few[i].look = 3;
+    }
+    mouthLooks(few);
+    for (auto const& m : few) EXPECT_EQ(m.look, 0);
+    std::vector<MouthShape> alike(10);
+    for (auto& m : alike) {
+        m.hasPatch = true;
+        m.patch.fill(90);
+    }
+    mouthLooks(alike);
+    for (auto const& m : alike) EXPECT_EQ(m.look, 0);
+    std::vector<MouthShape> mixed(6);
+    for (std::size_t i = 0; i < mixed.size(); ++i) {
+        mixed[i].opening = static_cast<double>(i % 3);
+        mixed[i].hasPatch = i != 4;
+        mixed[i].patch.fill(static_cast<std::uint8_t>(100 + 30 * (i % 3)));
+    }
+    mouthLooks(mixed);
+    EXPECT_EQ(mixed[4].look, 0);
+    EXPECT_LT(mixed[0].look, mixed[1].look);
+    EXPECT_LT(mixed[1].look, mixed[2].look);
+    EXPECT_NEAR(mixed[3].look, mixed[0].look, 1e-9);
+    EXPECT_NEAR(mixed[5].look, mixed[2].look, 1e-9);
 }
 
 // Stopping ends the search with Cancelled; a periodic movie and a silent one

@@ -85,21 +85,33 @@ std::vector<std::pair<double, MouthShape>> speakingMouths(std::vector<FollowedFa
     std::sort(faces.begin(), faces.end(), [](FollowedFace const& a, FollowedFace const& b) { return mouthMotion(a) > mouthMotion(b); });
     std::vector<std::pair<double, double>> claimed;
     std::vector<std::pair<double, MouthShape>> out;
-    for (auto const& f : faces) {
+    for (auto& f : faces) {
         if (f.openings.size() < 2) continue;
+        std::vector<MouthShape> shapes;
+        shapes.reserve(f.openings.size());
+        for (auto& o : f.openings) shapes.push_back(std::move(o.second));
+        mouthLooks(shapes);
         MouthShape mean;
-        for (auto const& [t, m] : f.openings) {
+        for (auto const& m : shapes) {
             mean.opening += m.opening;
             mean.lipsApart += m.lipsApart;
+            mean.jaw += m.jaw;
             mean.dark += m.dark;
             mean.shade += m.shade;
+            mean.look += m.look;
         }
-        auto n = static_cast<double>(f.openings.size());
-        for (auto const& [t, m] : f.openings) {
-            bool taken = std::any_of(claimed.begin(), claimed.end(), [t = t](auto const& c) { return t >= c.first && t <= c.second; });
-            if (!taken)
-                out.emplace_back(t, MouthShape{m.opening - mean.opening / n, m.lipsApart - mean.lipsApart / n, m.dark - mean.dark / n,
-                                               m.shade - mean.shade / n});
+        auto n = static_cast<double>(shapes.size());
+        for (std::size_t i = 0; i < shapes.size(); ++i) {
+            double t = f.openings[i].first;
+            bool taken = std::any_of(claimed.begin(), claimed.end(), [t](auto const& c) { return t >= c.first && t <= c.second; });
+            if (taken) continue;
+            auto const& m = shapes[i];
+            out.emplace_back(t, MouthShape{.opening = m.opening - mean.opening / n,
+                                           .lipsApart = m.lipsApart - mean.lipsApart / n,
+                                           .jaw = m.jaw - mean.jaw / n,
+                                           .dark = m.dark - mean.dark / n,
+                                           .shade = m.shade - mean.shade / n,
+                                           .look = m.look - mean.look / n});
         }
         claimed.emplace_back(f.openings.front().first, f.openings.back().first);
     }
@@ -517,6 +529,8 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
         out.evidence.lipsApart = openingEnvelope(mouths, &MouthShape::lipsApart, duration, rate);
         out.evidence.mouthDark = openingEnvelope(mouths, &MouthShape::dark, duration, rate);
         out.evidence.mouthShade = openingEnvelope(mouths, &MouthShape::shade, duration, rate);
+        out.evidence.jaw = openingEnvelope(mouths, &MouthShape::jaw, duration, rate);
+        out.evidence.mouthLook = openingEnvelope(mouths, &MouthShape::look, duration, rate);
     }
     report.end();
     return out;

@@ -211,6 +211,7 @@ std::optional<MouthShape> mouthShape(FaceLandmarks const& p, std::uint8_t const*
     m.opening = *opening;
     double eyes = distance(p[36], p[45]);
     m.lipsApart = (distance(p[50], p[58]) + distance(p[51], p[57]) + distance(p[52], p[56])) / 3 / eyes;
+    m.jaw = (distance(p[33], p[7]) + distance(p[33], p[8]) + distance(p[33], p[9])) / 3 / eyes;
     // The nose's brightness (a short band across it, below the bridge) is
     // the reference: it changes with the light as the lips do.
     double nose = 0;
@@ -245,7 +246,85 @@ std::optional<MouthShape> mouthShape(FaceLandmarks const& p, std::uint8_t const*
         m.dark = static_cast<double>(darkCount) / static_cast<double>(inside);
         m.shade = -sum / static_cast<double>(inside) / nose;
     }
+    // The patch: centred on the outer lip line's points, its rows along
+    // the line through the eye corners, so that a tilted head gives the
+    // same patch; read between pixels, clamped to the picture.
+    double cx = 0, cy = 0;
+    for (std::size_t i = 48; i < 60; ++i) {
+        cx += p[i].x;
+        cy += p[i].y;
+    }
+    cx /= 12;
+    cy /= 12;
+    double ux = (p[45].x - p[36].x) / eyes, uy = (p[45].y - p[36].y) / eyes;
+    auto at = [&](int x, int y) { return static_cast<double>(grey[static_cast<std::ptrdiff_t>(y) * stride + x]); };
+    for (int row = 0; row < kMouthPatchHeight; ++row)
+        for (int column = 0; column < kMouthPatchWidth; ++column) {
+            double across = (-0.45 + 0.9 * (column + 0.5) / kMouthPatchWidth) * eyes;
+            double down = (-0.25 + 0.5 * (row + 0.5) / kMouthPatchHeight) * eyes;
+            double x = std::clamp(cx + across * ux - down * uy, 0.0, width - 1.0);
+            double y = std::clamp(cy + across * uy + down * ux, 0.0, height - 1.0);
+            int x0 = std::min(static_cast<int>(x), std::max(0, width - 2)), y0 = std::min(static_cast<int>(y), std::max(0, height - 2));
+            int x1 = std::min(x0 + 1, width - 1), y1 = std::min(y0 + 1, height - 1);
+            double fx = x - x0, fy = y - y0;
+            double v = (1 - fy) * ((1 - fx) * at(x0, y0) + fx * at(x1, y0)) + fy * ((1 - fx) * at(x0, y1) + fx * at(x1, y1));
+            m.patch[static_cast<std::size_t>(row * kMouthPatchWidth + column)] = static_cast<std::uint8_t>(std::lround(std::min(255.0, 128 * v / nose)));
+        }
+    m.hasPatch = true;
     return m;
+}
+
+void mouthLooks(std::vector<MouthShape>& shapes)
+{
+    constexpr std::size_t d = kMouthPatchWidth * kMouthPatchHeight;
+    for (auto& s : shapes) s.look = 0;
+    std::size_t n = static_cast<std::size_t>(std::count_if(shapes.begin(), shapes.end(), [](MouthShape const& s) { return s.hasPatch; }));
+    if (n < 3) return;
+    std::vector<double> mean(d, 0.0);
+    for (auto const& s : shapes)
+        if (s.hasPatch)
+            for (std::size_t k = 0; k < d; ++k) mean[k] += s.patch[k];
+    for (double& v : mean) v /= static_cast<double>(n);
+    // The patches' covariance (its upper half; d is small), then its
+    // leading eigenvector by power iteration from the all-ones direction.
+    std::vector<double> cov(d * d, 0.0), x(d);
+    for (auto const& s : shapes) {
+        if (!s.hasPatch) continue;
+        for (std::size_t k = 0; k < d; ++k) x[k] = s.patch[k] - mean[k];
+        for (std::size_t a = 0; a < d; ++a) {
+            double xa = x[a];
+            double* row = &cov[a * d];
+            for (std::size_t b = a; b < d; ++b) row[b] += xa * x[b];
+        }
+    }
+    for (std::size_t a = 0; a < d; ++a)
+        for (std::size_t b = 0; b < a; ++b) cov[a * d + b] = cov[b * d + a];
+    std::vector<double> v(d, 1.0 / std::sqrt(static_cast<double>(d))), next(d);
+    for (int iteration = 0; iteration < 200; ++iteration) {
+        double norm = 0;
+        for (std::size_t a = 0; a < d; ++a) {
+            double sum = 0;
+            for (std::size_t b = 0; b < d; ++b) sum += cov[a * d + b] * v[b];
+            next[a] = sum;
+            norm += sum * sum;
+        }
+        norm = std::sqrt(norm);
+        if (!(norm > 0)) return; // every patch alike: nothing to see
+        for (std::size_t a = 0; a < d; ++a) next[a] /= norm;
+        std::swap(v, next);
+    }
+    double sumOpening = 0, sumLook = 0, sumBoth = 0;
+    for (auto& s : shapes) {
+        if (!s.hasPatch) continue;
+        double look = 0;
+        for (std::size_t k = 0; k < d; ++k) look += (s.patch[k] - mean[k]) * v[k];
+        s.look = look;
+        sumOpening += s.opening;
+        sumLook += look;
+        sumBoth += s.opening * look;
+    }
+    if (sumBoth - sumOpening * sumLook / static_cast<double>(n) < 0)
+        for (auto& s : shapes) s.look = -s.look;
 }
 
 FaceBox followedBox(FaceBox const& box, FaceLandmarks const& reference, FaceLandmarks const& now)

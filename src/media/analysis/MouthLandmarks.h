@@ -11,6 +11,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace media {
 
@@ -26,21 +27,45 @@ using FaceLandmarks = std::array<LandmarkPoint, 68>;
 // does not change as the face comes nearer. Nullopt for a degenerate face.
 std::optional<double> mouthOpening(FaceLandmarks const& points);
 
+// The mouth's picture: grey levels sampled on a grid turned with the eyes
+// and centred on the outer lip line, kMouthPatchWidth across 0.9 and
+// kMouthPatchHeight down 0.5 of the eye corners' distance, each against the
+// nose's brightness (128 is as bright as the nose, 255 twice as bright or
+// more).
+constexpr int kMouthPatchWidth = 16, kMouthPatchHeight = 10;
+using MouthPatch = std::array<std::uint8_t, kMouthPatchWidth * kMouthPatchHeight>;
+
 // What a picture shows of a mouth, by its landmarks: the inner lips' opening
 // (mouthOpening), the outer lips' (50-58, 51-57, 52-56, over the eye
-// corners), and inside the outer lip line (48-59) the share of pixels darker
-// than half the nose's brightness (the open mouth's cavity) and the mean
-// brightness there against the nose's, negated (darker is more open). The
-// four see an opening mouth in different ways: the landmarks by the shape,
-// the brightness by the teeth and the dark behind them, where landmarks on
-// small faces often hold the lips still.
+// corners), the jaw's drop (the chin, 7-9, from the foot of the nose, 33,
+// over the eye corners), and inside the outer lip line (48-59) the share of
+// pixels darker than half the nose's brightness (the open mouth's cavity)
+// and the mean brightness there against the nose's, negated (darker is more
+// open). They see an opening mouth in different ways: the landmarks by the
+// shape, the brightness by the teeth and the dark behind them, where
+// landmarks on small faces often hold the lips still. `patch` is the
+// mouth's picture (when the nose could be read: `hasPatch`); `look` is
+// left to mouthLooks(), which needs all of a face's patches.
 struct MouthShape {
     double opening = 0;
     double lipsApart = 0;
+    double jaw = 0;
     double dark = 0;
     double shade = 0;
+    double look = 0;
+    bool hasPatch = false;
+    MouthPatch patch{};
 };
 std::optional<MouthShape> mouthShape(FaceLandmarks const& points, std::uint8_t const* grey, int width, int height, int stride);
+
+// The look of one face's mouth over the pictures it was followed in: how
+// far each patch lies along the direction in which the face's patches vary
+// most (their first principal component), signed so that it rises as the
+// inner lips open. It sees an opening mouth by everything that changes in
+// its picture at once (lips, teeth, tongue, shadows) rather than by chosen
+// pixels. Placed in every shape's `look` (0 for shapes without a patch,
+// and for all when fewer than three have one).
+void mouthLooks(std::vector<MouthShape>& shapes);
 
 // A face box for the next picture from a face's landmarks: the box that the
 // landmarks were found in (`box`), moved and scaled as the landmarks moved
