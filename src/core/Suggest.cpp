@@ -499,6 +499,18 @@ Envelope logLevel(Envelope const& e)
     return out;
 }
 
+// The voice's levels as the mouths are compared with them: the log level of
+// each formant band (of the whole speech band when they are missing),
+// averaged over about a syllable's attack.
+std::vector<Envelope> voiceLevels(Evidence const& ev)
+{
+    std::vector<Envelope> levels;
+    for (Envelope const* band : {&ev.voiceLow, &ev.voiceHigh})
+        if (!band->values.empty()) levels.push_back(smoothed(logLevel(*band), 0.05));
+    if (levels.empty() && !ev.speech.values.empty()) levels.push_back(smoothed(logLevel(ev.speech), 0.05));
+    return levels;
+}
+
 Prepared prepare(Evidence const& ev)
 {
     Prepared p;
@@ -522,12 +534,7 @@ Prepared prepare(Evidence const& ev)
         // 800-1600 Hz and 1600-3200 Hz, each on its own (the whole 300-3400
         // Hz band when they are missing): they rise and fall with the
         // opening more closely than the voice's fundamental does.
-        std::vector<Envelope> levels;
-        for (Envelope const* band : {&ev.voiceLow, &ev.voiceHigh})
-            if (!band->values.empty()) levels.push_back(smoothed(logLevel(*band), 0.05));
-        if (levels.empty()) levels.push_back(smoothed(logLevel(ev.speech), 0.05));
-        std::vector<Envelope> rates;
-        for (auto const& l : levels) rates.push_back(rateOfChange(l));
+        std::vector<Envelope> levels = voiceLevels(ev), rates = voiceRates(ev);
         auto add = [&](Envelope const& mouth, bool withLevel, double weight = 1.0) {
             if (mouth.values.empty()) return;
             Envelope m = smoothed(mouth, 0.05), mRate = rateOfChange(m);
@@ -758,6 +765,27 @@ Suggestion suggestPoints(Evidence const& ev, Settings const& s)
         slopes = {line->slope};
     }
     return out;
+}
+
+std::vector<Envelope> voiceRates(Evidence const& ev)
+{
+    std::vector<Envelope> rates;
+    for (auto const& level : voiceLevels(ev)) rates.push_back(rateOfChange(level));
+    return rates;
+}
+
+double mouthFollowsVoice(Envelope const& opening, std::vector<Envelope> const& voiceRates, double start, double seconds, double maxLag)
+{
+    if (voiceRates.empty() || opening.values.empty()) return 0;
+    Envelope mouthRate = rateOfChange(smoothed(opening, 0.05));
+    std::vector<double> mean;
+    for (auto const& rate : voiceRates) {
+        Correlation c = correlateAlong(mouthRate, rate, start, seconds, maxLag, 1.0, true);
+        if (c.values.empty()) return 0;
+        if (mean.empty()) mean.assign(c.values.size(), 0.0);
+        for (std::size_t i = 0; i < mean.size() && i < c.values.size(); ++i) mean[i] += c.values[i] / static_cast<double>(voiceRates.size());
+    }
+    return std::max(0.0, *std::max_element(mean.begin(), mean.end()));
 }
 
 } // namespace suggest

@@ -217,4 +217,16 @@ Envelope smoothed(Envelope const& e, double seconds);
 // The start times of the windows over a movie of `duration` seconds.
 std::vector<double> windowStarts(double duration, Settings const& settings);
 
+// The rates of change of the voice's level in each formant band of
+// `evidence` (of the whole speech band when they are missing), prepared as
+// the windows prepare them; empty without a voice.
+std::vector<Envelope> voiceRates(Evidence const& evidence);
+
+// How closely a mouth's opening (picture, movie time) moves with a voice
+// (its voiceRates) over [start, start + seconds]: the opening's rate of
+// change against each of the voice's, correlated at lags up to `maxLag`
+// either way and averaged over them; the highest mean. 0 without a voice or
+// with too little of the span.
+double mouthFollowsVoice(Envelope const& opening, std::vector<Envelope> const& voiceRates, double start, double seconds, double maxLag);
+
 } // namespace suggest

@@ -437,6 +437,34 @@ TEST(SuggestPoints, AShortClipIsOneWindowProposedAsTwoPoints)
     }
 }
 
+// Which of several faces speaks: the one whose mouth moves with the voice,
+// wherever the sound lies within the lags tried, over the span it was seen.
+TEST(SuggestPoints, AMouthFollowsTheVoiceAtAnyLagItIsLookedFor)
+{
+    for (auto [lag, seed] : {std::pair{0.0, 31u}, std::pair{0.6, 32u}, std::pair{-1.2, 33u}, std::pair{2.5, 34u}}) {
+        Evidence speaker = talkingClip(12, lag, seed);
+        Evidence listener = talkingClip(12, lag, seed + 100); // another mouth, with a voice of its own
+        auto voice = voiceRates(speaker);
+        double withSpeaker = mouthFollowsVoice(speaker.mouthOpening, voice, 0, 12, 3);
+        double withListener = mouthFollowsVoice(listener.mouthOpening, voice, 0, 12, 3);
+        EXPECT_GT(withSpeaker, 0.45) << lag;
+        EXPECT_LT(withListener, 0.35) << lag;
+        // Looked for at lags short of where the sound lies, the speaker is
+        // no clearer than the listener.
+        if (std::fabs(lag) > 1) {
+            EXPECT_LT(mouthFollowsVoice(speaker.mouthOpening, voice, 0, 12, 0.5), 0.35) << lag;
+        }
+        // Over part of the clip only.
+        EXPECT_GT(mouthFollowsVoice(speaker.mouthOpening, voice, 6, 6, 3), 0.45) << lag;
+    }
+    Evidence clip = talkingClip(6, 0.1, 35);
+    Evidence silent = clip;
+    silent.speech.values.clear();
+    EXPECT_TRUE(voiceRates(silent).empty());
+    EXPECT_EQ(mouthFollowsVoice(clip.mouthOpening, voiceRates(silent), 0, 6, 1), 0);
+    EXPECT_EQ(mouthFollowsVoice(clip.mouthOpening, voiceRates(clip), 2, 0.02, 1), 0); // too short a span to say
+}
+
 // The helpers of the mouth's evidence: an average over a span and a rate of
 // change per second.
 TEST(SuggestEnvelopes, SmoothingAndRateOfChange)

@@ -456,3 +456,43 @@ TEST(SuggestMovie, EachShotsSpeakerIsWatched)
     ASSERT_FALSE(got.suggestion.refused()) << got.suggestion.refusal;
     for (auto const& c : got.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, -0.35, 0.04);
 }
+
+// Two faces in one shot: the speaker, and a listener who chews, his mouth
+// moving more than the speaker's but not with the voice. The speaker's
+// mouth is the one compared with the speech.
+TEST(SuggestMovie, TheFaceWhoseMouthMovesWithTheSpeechIsWatched)
+{
+    auto th = talkingHead(16, -0.35, 21);
+    std::mt19937 rng(5);
+    std::uniform_real_distribution<double> shut(0.0, 0.2), open(0.7, 1.0), pace(8, 14);
+    std::vector<float> chew(th.loudness.size(), 0.f);
+    double from = shut(rng), to = open(rng);
+    for (std::size_t i = 0, next = 0, step = 1; i < chew.size(); ++i) {
+        if (i == next) {
+            from = to;
+            to = to > 0.5 ? shut(rng) : open(rng);
+            step = static_cast<std::size_t>(pace(rng));
+            next = i + step;
+        }
+        chew[i] = static_cast<float>(to + (from - to) * static_cast<double>(next - i) / static_cast<double>(step));
+    }
+    auto motion = [](std::vector<float> const& v) {
+        double sum = 0;
+        for (std::size_t i = 4; i < v.size(); i += 4) sum += std::fabs(v[i] - v[i - 4]);
+        return sum;
+    };
+    ASSERT_GT(motion(chew), 1.5 * motion(th.loudness)); // the listener moves more
+    TestMovieSpec spec = th.spec;
+    spec.width = 480;
+    spec.drawPicture = [loud = th.loudness, chew](std::int64_t k, std::uint8_t* luma, int stride, int w, int h) {
+        for (int y = 0; y < h; ++y) std::memset(luma + static_cast<std::ptrdiff_t>(y) * stride, 70, static_cast<std::size_t>(w));
+        auto i = std::min(loud.size() - 1, static_cast<std::size_t>(k * 4));
+        drawFace(luma, stride, w, h, w * 0.27, h / 2.0, h * 0.62, chew[i]);
+        drawFace(luma, stride, w, h, w * 0.73, h / 2.0, h * 0.62, loud[i]);
+    };
+    Opened m(cachedMovie("suggest-speaker-and-listener.mov", spec));
+    if (!makeLandmarkPredictor()) GTEST_SKIP() << "no landmark model";
+    auto got = suggestSyncPoints(*m.om.movie, *m.list->soundTrack());
+    ASSERT_FALSE(got.suggestion.refused()) << got.suggestion.refusal;
+    for (auto const& c : got.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, -0.35, 0.04);
+}

@@ -65,8 +65,37 @@ double overlap(FaceBox const& a, FaceBox const& b)
     return either > 0 ? both / either : 0;
 }
 
+// One measure of the mouth at picture times as an envelope at `rate` from
+// `from` to `until`: linear between pictures, the nearest value before the
+// first and after the last.
+suggest::Envelope openingEnvelope(std::vector<std::pair<double, MouthShape>> const& openings, double MouthShape::*measure,
+                                  double until, double rate, double from = 0)
+{
+    suggest::Envelope e;
+    e.rate = rate;
+    e.start = from;
+    auto n = static_cast<std::size_t>(std::max(0.0, std::ceil((until - from) * rate)));
+    e.values.assign(n, 0.f);
+    if (openings.empty()) return e;
+    std::size_t k = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        double t = from + static_cast<double>(i) / rate;
+        while (k + 1 < openings.size() && openings[k + 1].first <= t) ++k;
+        double v = openings[k].second.*measure;
+        if (t > openings[k].first && k + 1 < openings.size()) {
+            double t0 = openings[k].first, v0 = openings[k].second.*measure;
+            double t1 = openings[k + 1].first, v1 = openings[k + 1].second.*measure;
+            v = v0 + (v1 - v0) * (t - t0) / (t1 - t0);
+        } else if (t < openings.front().first) {
+            v = openings.front().second.*measure;
+        }
+        e.values[i] = static_cast<float>(v);
+    }
+    return e;
+}
+
 // How much a followed mouth moves: the summed change of its opening from
-// picture to picture, per second followed. A speaker's mouth moves most.
+// picture to picture, per second followed: which face speaks when no voice says.
 double mouthMotion(FollowedFace const& f)
 {
     if (f.openings.size() < 2) return 0;
@@ -77,12 +106,36 @@ double mouthMotion(FollowedFace const& f)
 
 // The mouths compared with the speech, over the whole movie: every face
 // followed, and where several were followed at once the one whose mouth
-// moves most (the speaker's, shot by shot). Each face's measures are taken
-// from its own mean, so that a cut from one face to another is no step of
-// a mouth.
-std::vector<std::pair<double, MouthShape>> speakingMouths(std::vector<FollowedFace> faces)
+// moves with the voice (the speaker's, shot by shot; a listener who chews
+// or smiles may move his more). Which face that is does not depend on
+// where the sound lies: each face is compared with the voice at every lag
+// the windows try. Without a voice, the face whose mouth moves most. Each
+// face's measures are taken from its own mean, so that a cut from one face
+// to another is no step of a mouth.
+std::vector<std::pair<double, MouthShape>> speakingMouths(std::vector<FollowedFace> faces, suggest::Evidence const& sound)
 {
-    std::sort(faces.begin(), faces.end(), [](FollowedFace const& a, FollowedFace const& b) { return mouthMotion(a) > mouthMotion(b); });
+    struct Ranked {
+        double withVoice, motion;
+    };
+    std::vector<Ranked> rank;
+    auto voice = faces.size() > 1 ? suggest::voiceRates(sound) : std::vector<suggest::Envelope>{};
+    for (auto const& f : faces) {
+        double withVoice = 0;
+        if (f.openings.size() >= 2 && !voice.empty()) {
+            double first = f.openings.front().first, last = f.openings.back().first;
+            auto opening = openingEnvelope(f.openings, &MouthShape::opening, last, 1.0 / suggest::kHopSeconds, first);
+            withVoice = suggest::mouthFollowsVoice(opening, voice, first, last - first, suggest::Settings{}.maxLag);
+        }
+        rank.push_back({withVoice, mouthMotion(f)});
+    }
+    std::vector<std::size_t> order(faces.size());
+    for (std::size_t i = 0; i < order.size(); ++i) order[i] = i;
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+        return rank[a].withVoice != rank[b].withVoice ? rank[a].withVoice > rank[b].withVoice : rank[a].motion > rank[b].motion;
+    });
+    std::vector<FollowedFace> sorted;
+    for (auto i : order) sorted.push_back(std::move(faces[i]));
+    faces = std::move(sorted);
     std::vector<std::pair<double, double>> claimed;
     std::vector<std::pair<double, MouthShape>> out;
     for (auto& f : faces) {
@@ -117,34 +170,6 @@ std::vector<std::pair<double, MouthShape>> speakingMouths(std::vector<FollowedFa
     }
     std::sort(out.begin(), out.end(), [](auto const& a, auto const& b) { return a.first < b.first; });
     return out;
-}
-
-// One measure of the mouth at picture times as an envelope at `rate` over
-// `duration`: linear between pictures, the nearest value before the first
-// and after the last.
-suggest::Envelope openingEnvelope(std::vector<std::pair<double, MouthShape>> const& openings, double MouthShape::*measure,
-                                  double duration, double rate)
-{
-    suggest::Envelope e;
-    e.rate = rate;
-    auto n = static_cast<std::size_t>(std::max(0.0, std::ceil(duration * rate)));
-    e.values.assign(n, 0.f);
-    if (openings.empty()) return e;
-    std::size_t k = 0;
-    for (std::size_t i = 0; i < n; ++i) {
-        double t = static_cast<double>(i) / rate;
-        while (k + 1 < openings.size() && openings[k + 1].first <= t) ++k;
-        double v = openings[k].second.*measure;
-        if (t > openings[k].first && k + 1 < openings.size()) {
-            double t0 = openings[k].first, v0 = openings[k].second.*measure;
-            double t1 = openings[k + 1].first, v1 = openings[k + 1].second.*measure;
-            v = v0 + (v1 - v0) * (t - t0) / (t1 - t0);
-        } else if (t < openings.front().first) {
-            v = openings.front().second.*measure;
-        }
-        e.values[i] = static_cast<float>(v);
-    }
-    return e;
 }
 
 // Faces followed by their landmarks through the pictures of a movie, on a
@@ -521,7 +546,7 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
     }
     // With landmarks, the speakers' mouths, shot by shot.
     std::vector<std::pair<double, MouthShape>> mouths;
-    if (follower) mouths = speakingMouths(follower->finish());
+    if (follower) mouths = speakingMouths(follower->finish(), out.evidence);
     if (mouths.size() >= 2) {
         out.framesWithFace = static_cast<long>(mouths.size());
         double rate = 1.0 / suggest::kHopSeconds;
