@@ -457,6 +457,27 @@ TEST(SuggestMovie, EachShotsSpeakerIsWatched)
     for (auto const& c : got.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, -0.35, 0.04);
 }
 
+// A speaker in a wide shot: his face, about an eighth of the picture wide,
+// is too small for the face finder at the size it searches at first.
+TEST(SuggestMovie, ASmallFaceInAWideShotIsFound)
+{
+    auto th = talkingHead(12, 0.3, 23);
+    TestMovieSpec spec = th.spec;
+    spec.width = 720;
+    spec.height = 240;
+    spec.drawPicture = [loud = th.loudness](std::int64_t k, std::uint8_t* luma, int stride, int w, int h) {
+        for (int y = 0; y < h; ++y) std::memset(luma + static_cast<std::ptrdiff_t>(y) * stride, 70, static_cast<std::size_t>(w));
+        auto i = std::min(loud.size() - 1, static_cast<std::size_t>(k * 4));
+        drawFace(luma, stride, w, h, w * 0.62, h * 0.45, h * 0.42, loud[i]);
+    };
+    Opened m(cachedMovie("suggest-wide-shot.mov", spec));
+    if (!makeLandmarkPredictor()) GTEST_SKIP() << "no landmark model";
+    auto got = suggestSyncPoints(*m.om.movie, *m.list->soundTrack());
+    EXPECT_GT(got.evidence.framesWithFace, got.evidence.frames * 9 / 10);
+    ASSERT_FALSE(got.suggestion.refused()) << got.suggestion.refusal;
+    for (auto const& c : got.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, 0.3, 0.04);
+}
+
 // Two faces in one shot: the speaker, and a listener who chews, his mouth
 // moving more than the speaker's but not with the voice. The speaker's
 // mouth is the one compared with the speech.

@@ -272,10 +272,28 @@ private:
             // (a turn of the head, an open mouth), while its landmarks
             // still hold: a face is let go only after ten searches
             // without it.
-            auto seen = finder_->find(p.face.data(), fw_, fh_, fw_);
-            if (seen.empty() && cascade_) seen = cascade_->find(p.face.data(), fw_, fh_, fw_);
-            for (auto const& found : seen) {
-                FaceBox b = onLips(found);
+            //
+            // The finder's smallest boxes are about 73 pixels wide: it puts
+            // them around smaller faces too, loosely, and misses many of
+            // those. When it sees no face at its size, or only faces in
+            // such boxes, it looks again in the larger picture the
+            // landmarks are placed on: a speaker in a wider shot, two
+            // people side by side. Where faces are larger, this costs
+            // nothing (a talking head at 1280x720 is boxed at 87 pixels
+            // and more).
+            std::vector<FaceBox> seen;
+            bool small = true;
+            for (auto const& found : finder_->find(p.face.data(), fw_, fh_, fw_)) {
+                seen.push_back(onLips(found));
+                small = small && found.width < 80;
+            }
+            if (small && lw_ > fw_) {
+                auto closer = finder_->find(lipPicture, lw_, lh_, lw_);
+                if (!closer.empty()) seen = std::move(closer);
+            }
+            if (seen.empty() && cascade_)
+                for (auto const& found : cascade_->find(p.face.data(), fw_, fh_, fw_)) seen.push_back(onLips(found));
+            for (auto const& b : seen) {
                 auto same = std::find_if(followed_.begin(), followed_.end(), [&](FollowedFace const& ff) { return overlap(ff.box(), b) > 0.3; });
                 if (same != followed_.end()) {
                     // Placed again in the finder's box: a box carried
