@@ -511,6 +511,13 @@ std::vector<Envelope> voiceLevels(Evidence const& ev)
     return levels;
 }
 
+std::vector<Envelope> ratesOf(std::vector<Envelope> const& levels)
+{
+    std::vector<Envelope> rates;
+    for (auto const& level : levels) rates.push_back(rateOfChange(level));
+    return rates;
+}
+
 Prepared prepare(Evidence const& ev)
 {
     Prepared p;
@@ -534,7 +541,7 @@ Prepared prepare(Evidence const& ev)
         // 800-1600 Hz and 1600-3200 Hz, each on its own (the whole 300-3400
         // Hz band when they are missing): they rise and fall with the
         // opening more closely than the voice's fundamental does.
-        std::vector<Envelope> levels = voiceLevels(ev), rates = voiceRates(ev);
+        std::vector<Envelope> levels = voiceLevels(ev), rates = ratesOf(levels);
         auto add = [&](Envelope const& mouth, bool withLevel, double weight = 1.0) {
             if (mouth.values.empty()) return;
             Envelope m = smoothed(mouth, 0.05), mRate = rateOfChange(m);
@@ -769,9 +776,7 @@ Suggestion suggestPoints(Evidence const& ev, Settings const& s)
 
 std::vector<Envelope> voiceRates(Evidence const& ev)
 {
-    std::vector<Envelope> rates;
-    for (auto const& level : voiceLevels(ev)) rates.push_back(rateOfChange(level));
-    return rates;
+    return ratesOf(voiceLevels(ev));
 }
 
 double mouthFollowsVoice(Envelope const& opening, std::vector<Envelope> const& voiceRates, double start, double seconds, double maxLag)
