@@ -63,6 +63,33 @@ TEST(MovieFile, OpensTracksWithTheirFlagsNamesAndTimes)
     EXPECT_EQ(makeOffsetList(om.movie.get(), nullptr)->soundTrack(), tracks[1]);
 }
 
+// Phones store an upright picture sideways and say how to turn it; DVDs and
+// broadcasts store wide pictures in narrow pixels. The picture's shown size
+// follows both.
+TEST(MovieFile, ThePictureIsShownTurnedAndInItsPixelsShape)
+{
+    struct Case {
+        char const* name;
+        int rotation, sarNum, sarDen, shownW, shownH;
+    };
+    for (auto c : {Case{"turned-90.mp4", 90, 1, 1, 240, 320}, Case{"turned-180.mp4", 180, 1, 1, 320, 240},
+                   Case{"turned-270.mp4", 270, 1, 1, 240, 320}, Case{"wide-pixels.mp4", 0, 64, 45, 455, 240},
+                   Case{"tall-pixels-turned.mp4", 90, 8, 9, 270, 320}}) {
+        SCOPED_TRACE(c.name);
+        auto spec = smallSpec(2, 0, 1.0);
+        spec.format = "mp4";
+        spec.rotation = c.rotation;
+        spec.pixelAspectNum = c.sarNum;
+        spec.pixelAspectDen = c.sarDen;
+        OpenedMovie om = openMovie(cachedMovie(c.name, spec));
+        auto const& m = OpenedMovie::mediaOf(*om.movie->tracks().at(0));
+        EXPECT_EQ(m.width, 320);
+        EXPECT_EQ(m.height, 240);
+        EXPECT_EQ(m.rotation, c.rotation);
+        EXPECT_EQ(m.displaySize(), (std::pair{c.shownW, c.shownH}));
+    }
+}
+
 TEST(MovieFile, RefusalsOnRealFiles)
 {
     auto silent = smallSpec(4, 0, 1);
@@ -250,6 +277,53 @@ TEST(Scaler, WritesOnlyIntoTheBufferItIsGiven)
         // A buffer too small for the picture is refused, not overrun.
         EXPECT_THROW(a.convertInto(src.get(), w, h, fmt, tight.data(), row, static_cast<std::size_t>(row) * (h - 1), SWS_BICUBIC), MediaError);
     }
+}
+
+// Quarter and half turns of a picture: each corner goes where it is shown,
+// pixels of several bytes stay whole, and four quarter turns give the
+// picture back.
+TEST(TurnPicture, TurnsByQuartersCornerToCorner)
+{
+    // 3 x 2 pixels of 2 bytes: (x, y) holds {10 x + y, 100 + 10 x + y}.
+    constexpr int w = 3, h = 2, px = 2;
+    std::vector<std::uint8_t> picture(w * h * px);
+    for (int y = 0; y < h; ++y)
+        for (int x = 0; x < w; ++x) {
+            picture[static_cast<std::size_t>((y * w + x) * px)] = static_cast<std::uint8_t>(10 * x + y);
+            picture[static_cast<std::size_t>((y * w + x) * px + 1)] = static_cast<std::uint8_t>(100 + 10 * x + y);
+        }
+    auto at = [](std::vector<std::uint8_t> const& p, int stride, int x, int y) {
+        return std::pair{p[static_cast<std::size_t>(y * stride + x * px)], p[static_cast<std::size_t>(y * stride + x * px + 1)]};
+    };
+    auto turned = [&](std::vector<std::uint8_t> const& src, int sw, int sh, int degrees) {
+        std::vector<std::uint8_t> out(src.size() + 8, 0xEE); // wider rows than needed: the stride is honoured
+        int dw = degrees % 180 ? sh : sw;
+        turnPicture(src.data(), sw * px, sw, sh, px, degrees, out.data(), dw * px + 1);
+        return out;
+    };
+    // Clockwise by 90: the top-left corner goes to the top right.
+    auto q = turned(picture, w, h, 90);
+    int qs = h * px + 1;
+    EXPECT_EQ(at(q, qs, 1, 0), (std::pair<std::uint8_t, std::uint8_t>{0, 100}));
+    EXPECT_EQ(at(q, qs, 0, 0), (std::pair<std::uint8_t, std::uint8_t>{1, 101}));  // bottom left
+    EXPECT_EQ(at(q, qs, 1, 2), (std::pair<std::uint8_t, std::uint8_t>{20, 120})); // the top right to the bottom right
+    auto half = turned(picture, w, h, 180);
+    EXPECT_EQ(at(half, w * px + 1, 0, 0), (std::pair<std::uint8_t, std::uint8_t>{21, 121}));
+    auto three = turned(picture, w, h, 270);
+    EXPECT_EQ(at(three, qs, 0, 2), (std::pair<std::uint8_t, std::uint8_t>{0, 100}));
+    EXPECT_EQ(at(three, qs, 0, 0), (std::pair<std::uint8_t, std::uint8_t>{20, 120}));
+    // Four quarter turns, through tight copies.
+    std::vector<std::uint8_t> round = picture;
+    int rw = w, rh = h;
+    for (int k = 0; k < 4; ++k) {
+        std::vector<std::uint8_t> next(round.size());
+        turnPicture(round.data(), rw * px, rw, rh, px, 90, next.data(), rh * px);
+        std::swap(rw, rh);
+        round = next;
+    }
+    EXPECT_EQ(round, picture);
+    std::vector<std::uint8_t> sink(picture.size());
+    EXPECT_THROW(turnPicture(picture.data(), w * px, w, h, px, 45, sink.data(), w * px), MediaError);
 }
 
 } // namespace

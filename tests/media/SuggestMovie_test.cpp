@@ -1,3 +1,4 @@
+#include "Codec.h"
 #include "Evidence.h"
 #include "FaceFinder.h"
 #include "MouthLandmarks.h"
@@ -476,6 +477,36 @@ TEST(SuggestMovie, ASmallFaceInAWideShotIsFound)
     EXPECT_GT(got.evidence.framesWithFace, got.evidence.frames * 9 / 10);
     ASSERT_FALSE(got.suggestion.refused()) << got.suggestion.refusal;
     for (auto const& c : got.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, 0.3, 0.04);
+}
+
+// A phone clip: the speaker upright as shown, stored sideways with a
+// display matrix that turns it (faces are found upright only), and in
+// narrow pixels that the display widens.
+TEST(SuggestMovie, ASidewaysPhoneClipIsLookedAtUpright)
+{
+    auto th = talkingHead(10, -0.25, 29);
+    TestMovieSpec spec = th.spec;
+    spec.width = 240; // stored; shown 480 x 320: widened to 320 x 480, then turned
+    spec.height = 480;
+    spec.rotation = 90;
+    spec.pixelAspectNum = 4;
+    spec.pixelAspectDen = 3;
+    spec.drawPicture = [loud = th.loudness](std::int64_t k, std::uint8_t* luma, int stride, int w, int h) {
+        // Drawn as shown, 480 x 320; squeezed to the stored pixels' 480 x
+        // 240 (every fourth row left out) and stored a quarter turn back.
+        int sw = h, sh = w * 4 / 3;
+        std::vector<std::uint8_t> shown(static_cast<std::size_t>(sw * sh), 70), squeezed(static_cast<std::size_t>(sw * w));
+        auto i = std::min(loud.size() - 1, static_cast<std::size_t>(k * 4));
+        drawFace(shown.data(), sw, sw, sh, sw / 2.0, sh / 2.0, sh * 0.7, loud[i]);
+        for (int y = 0; y < w; ++y) std::memcpy(squeezed.data() + y * sw, shown.data() + (y * sh / w) * sw, static_cast<std::size_t>(sw));
+        turnPicture(squeezed.data(), sw, sw, w, 1, 270, luma, stride);
+    };
+    Opened m(cachedMovie("suggest-sideways-phone.mov", spec));
+    if (!makeLandmarkPredictor()) GTEST_SKIP() << "no landmark model";
+    auto got = suggestSyncPoints(*m.om.movie, *m.list->soundTrack());
+    EXPECT_GT(got.evidence.framesWithFace, got.evidence.frames * 9 / 10);
+    ASSERT_FALSE(got.suggestion.refused()) << got.suggestion.refusal;
+    for (auto const& c : got.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, -0.25, 0.04);
 }
 
 // Two faces in one shot: the speaker, and a listener who chews, his mouth

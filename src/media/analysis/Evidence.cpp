@@ -460,9 +460,14 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
     decoder.context()->skip_loop_filter = AVDISCARD_ALL;
     if (vmedia->frameRate.num > 0 && vmedia->frameRate.den > 0) out.frameSeconds = av_q2d(av_inv_q(vmedia->frameRate));
 
+    // Pictures are looked at as they are shown: a DVD's narrow pixels
+    // widened, a phone's sideways picture turned upright. Faces are found
+    // only upright and in their own proportions.
+    auto [shownW, shownH] = vmedia->displaySize();
+    int turn = vmedia->rotation;
     auto evenSize = [&](int width) {
-        int w = std::max(16, std::min(width, vmedia->width)) & ~1;
-        int h = std::max(2, static_cast<int>(std::lround(static_cast<double>(w) * vmedia->height / vmedia->width)) & ~1);
+        int w = std::max(16, std::min(width, shownW)) & ~1;
+        int h = std::max(2, static_cast<int>(std::lround(static_cast<double>(w) * shownH / shownW)) & ~1);
         return std::pair{w, h};
     };
     auto [pw, ph] = evenSize(options.pictureWidth);
@@ -491,6 +496,22 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
     double nextSearch = -1, boxSeen = 0;
     Scaler toSmall, toFace, toLips, greyToSmall;
     Frame f = makeFrame();
+    // A turned picture is made grey at the landmarks' size as stored, then
+    // turned upright into `upright`; all else is scaled from that.
+    Frame upright = makeFrame();
+    if (turn != 0) {
+        upright->format = AV_PIX_FMT_GRAY8;
+        upright->width = lw;
+        upright->height = lh;
+        check(av_frame_get_buffer(upright.get(), 0), "Allocating a picture");
+    }
+    auto uprightGrey = [&]() -> AVFrame* {
+        bool quarter = turn == 90 || turn == 270;
+        AVFrame* grey = toLips.convert(f.get(), quarter ? lh : lw, quarter ? lw : lh, AV_PIX_FMT_GRAY8, SWS_AREA);
+        if (turn == 0) return grey;
+        turnPicture(grey->data[0], grey->linesize[0], grey->width, grey->height, 1, turn, upright->data[0], upright->linesize[0]);
+        return upright.get();
+    };
     while (decoder.next(f.get())) {
         std::int64_t pts = f->best_effort_timestamp != AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts;
         auto when = pts == AV_NOPTS_VALUE ? std::nullopt : timelineSeconds(video, vmedia->ticksFromPts(pts));
@@ -511,7 +532,7 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
             // The picture is made grey once, at the landmarks' size; the
             // smaller ones are scaled from that grey picture, which costs a
             // fraction of scaling the decoded one (three planes, often HD).
-            AVFrame* grey = toLips.convert(f.get(), lw, lh, AV_PIX_FMT_GRAY8, SWS_AREA);
+            AVFrame* grey = uprightGrey();
             greyToSmall.convertInto(grey, pw, ph, AV_PIX_FMT_GRAY8, small.data(), pw, small.size(), SWS_AREA);
             changes.add(t, small.data(), pw, ph, pw);
             std::vector<std::uint8_t> lips;
@@ -528,10 +549,11 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
             av_frame_unref(f.get());
             continue;
         }
-        toSmall.convertInto(f.get(), pw, ph, AV_PIX_FMT_GRAY8, small.data(), pw, small.size(), SWS_AREA);
+        AVFrame const* source = turn != 0 ? uprightGrey() : f.get();
+        toSmall.convertInto(source, pw, ph, AV_PIX_FMT_GRAY8, small.data(), pw, small.size(), SWS_AREA);
         changes.add(t, small.data(), pw, ph, pw);
         if (faces) {
-            toFace.convertInto(f.get(), fw, fh, AV_PIX_FMT_GRAY8, face.data(), fw, face.size(), SWS_AREA);
+            toFace.convertInto(source, fw, fh, AV_PIX_FMT_GRAY8, face.data(), fw, face.size(), SWS_AREA);
             if (t >= nextSearch) {
                 // A face missed once (a blink, an open mouth) is kept for a
                 // few searches: faces do not vanish between two pictures.

@@ -153,6 +153,7 @@ void writeTestMovie(std::string const& path, TestMovieSpec const& s)
         c->gop_size = std::max(1, 2 * s.fpsNum / s.fpsDen);
         c->max_b_frames = 0;
         c->bit_rate = s.videoBitRate;
+        c->sample_aspect_ratio = AVRational{s.pixelAspectNum, s.pixelAspectDen};
         std::string name = c->codec->name;
         if (name == "libx264") {
             av_opt_set(c->priv_data, "preset", "veryfast", 0);
@@ -166,12 +167,13 @@ void writeTestMovie(std::string const& path, TestMovieSpec const& s)
         }
     });
     video.stream()->disposition = AV_DISPOSITION_DEFAULT;
+    video.stream()->sample_aspect_ratio = AVRational{s.pixelAspectNum, s.pixelAspectDen};
     if (!s.videoTag.empty() && s.videoTag.size() == 4)
         video.stream()->codecpar->codec_tag = MKTAG(s.videoTag[0], s.videoTag[1], s.videoTag[2], s.videoTag[3]);
     if (s.rotation != 0) {
         auto* matrix = reinterpret_cast<std::int32_t*>(av_stream_new_side_data(video.stream(), AV_PKT_DATA_DISPLAYMATRIX, 9 * sizeof(std::int32_t)));
         if (!matrix) throw MediaError("Out of memory.");
-        av_display_rotation_set(matrix, -s.rotation); // the matrix turns counter-clockwise
+        av_display_rotation_set(matrix, s.rotation); // clockwise, as players turn it
     }
     if (!s.timecode.empty()) av_dict_set(&video.stream()->metadata, "timecode", s.timecode.c_str(), 0);
 

@@ -48,7 +48,8 @@ struct TestMovieSpec {
     int chapters = 0;             // chapters of equal length, titled "Chapter N"
     std::string title;            // the file's title tag
     bool attachment = false;      // a small text attachment (Matroska)
-    int rotation = 0;             // degrees, as the video's display matrix
+    int rotation = 0;             // degrees clockwise that players turn the picture (the display matrix)
+    int pixelAspectNum = 1, pixelAspectDen = 1; // the pixels' shape, width to height (a DVD's 16:9 PAL: 64:45)
     std::string timecode;         // "01:00:00:00": a timecode track (QuickTime, MPEG-4)
     std::string videoTag;         // a codec tag for the video ("hvc1")
     int videoBitRate = 1'500'000;

@@ -6,6 +6,8 @@ extern "C" {
 #include <libavutil/imgutils.h>
 }
 
+#include <cstring>
+
 namespace media {
 
 Encoder::Encoder(AVFormatContext* out, char const* codecName, std::function<void(AVCodecContext*)> const& configure)
@@ -158,6 +160,30 @@ AVFrame* FrameOnScreen::at(double seconds)
         havePending_ = false;
     }
     return haveShown_ ? shown_.get() : nullptr;
+}
+
+void turnPicture(std::uint8_t const* src, int srcStride, int w, int h, int pixelBytes, int degrees, std::uint8_t* dst, int dstStride)
+{
+    auto const bytes = static_cast<std::size_t>(pixelBytes);
+    auto row = [](auto* base, int stride, int y) { return base + static_cast<std::ptrdiff_t>(stride) * y; };
+    if (degrees == 0) {
+        for (int y = 0; y < h; ++y) std::memcpy(row(dst, dstStride, y), row(src, srcStride, y), bytes * static_cast<std::size_t>(w));
+        return;
+    }
+    if (degrees != 90 && degrees != 180 && degrees != 270) throw MediaError("A picture turns by quarter turns only.");
+    // Walk the destination row by row (its writes in order); each row
+    // reads a column (quarter turns) or a row backwards (a half turn).
+    int dw = degrees == 180 ? w : h, dh = degrees == 180 ? h : w;
+    for (int y = 0; y < dh; ++y) {
+        std::uint8_t* out = row(dst, dstStride, y);
+        for (int x = 0; x < dw; ++x, out += bytes) {
+            int sx, sy;
+            if (degrees == 90) { sx = y; sy = h - 1 - x; }
+            else if (degrees == 180) { sx = w - 1 - x; sy = h - 1 - y; }
+            else { sx = w - 1 - y; sy = x; }
+            std::memcpy(out, row(src, srcStride, sy) + static_cast<std::size_t>(sx) * bytes, bytes);
+        }
+    }
 }
 
 void Scaler::convertInto(AVFrame const* src, int w, int h, AVPixelFormat fmt, std::uint8_t* pixels, int stride, std::size_t bytes, int flags)

@@ -104,6 +104,11 @@ inline ScalerBuffer scalerBuffer(int rowBytes, int h)
     return {stride, static_cast<std::size_t>(stride) * static_cast<std::size_t>(h) + kScalerSlack};
 }
 
+// Copies a picture of `w` x `h` pixels of `pixelBytes` each, turned
+// clockwise by `degrees` (0, 90, 180 or 270), to `dst` with rows of
+// `dstStride` bytes: h x w pixels for a quarter turn, w x h otherwise.
+void turnPicture(std::uint8_t const* src, int srcStride, int w, int h, int pixelBytes, int degrees, std::uint8_t* dst, int dstStride);
+
 // Converts frames to another size and pixel format.
 class Scaler {
 public:

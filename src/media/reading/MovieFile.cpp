@@ -5,6 +5,7 @@
 #include "SavedSync.h"
 
 extern "C" {
+#include <libavutil/display.h>
 #include <libavutil/parseutils.h>
 }
 
@@ -47,6 +48,30 @@ std::int64_t FileMedia::ptsFromTicks(std::int64_t ticks) const
 {
     return startPts + av_rescale_q_rnd(ticks, AVRational{1, timeScale}, timeBase,
                                        static_cast<AVRounding>(AV_ROUND_NEAR_INF | AV_ROUND_PASS_MINMAX));
+}
+
+std::pair<int, int> FileMedia::displaySize() const
+{
+    int w = width, h = height;
+    if (pixelAspect.num > 0 && pixelAspect.den > 0 && pixelAspect.num != pixelAspect.den) {
+        // Stretched, never squeezed: no detail is lost on screen.
+        if (pixelAspect.num > pixelAspect.den) w = static_cast<int>(std::lround(static_cast<double>(w) * av_q2d(pixelAspect)));
+        else h = static_cast<int>(std::lround(static_cast<double>(h) / av_q2d(pixelAspect)));
+    }
+    if (rotation == 90 || rotation == 270) std::swap(w, h);
+    return {w, h};
+}
+
+static int clockwiseTurn(AVStream const* st)
+{
+    std::size_t size = 0;
+    auto const* matrix = reinterpret_cast<std::int32_t const*>(av_stream_get_side_data(st, AV_PKT_DATA_DISPLAYMATRIX, &size));
+    if (!matrix || size < 9 * sizeof(std::int32_t)) return 0;
+    double ccw = av_display_rotation_get(matrix); // NaN for a matrix that does not turn
+    if (!std::isfinite(ccw)) return 0;
+    // The nearest quarter turn: a picture is shown turned by quarters only.
+    long quarters = std::lround(-ccw / 90.0);
+    return static_cast<int>(((quarters % 4) + 4) % 4) * 90;
 }
 
 FileMedia const& OpenedMovie::mediaOf(dm::Track const& track)
@@ -326,6 +351,9 @@ OpenedMovie openMovie(std::string const& path)
             media->width = par->width;
             media->height = par->height;
             media->frameRate = st->avg_frame_rate.num > 0 ? st->avg_frame_rate : st->r_frame_rate;
+            AVRational sar = av_guess_sample_aspect_ratio(fmt, st, nullptr);
+            if (sar.num > 0 && sar.den > 0) av_reduce(&media->pixelAspect.num, &media->pixelAspect.den, sar.num, sar.den, 1 << 16);
+            media->rotation = clockwiseTurn(st);
             media->timeScale = st->time_base.num == 1 && st->time_base.den > 0 ? st->time_base.den : 90000;
         } else {
             media->timeScale = st->time_base.num == 1 && st->time_base.den > 0 ? st->time_base.den : 1000;

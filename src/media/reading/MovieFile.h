@@ -9,6 +9,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <string>
 #include <vector>
 
@@ -92,6 +93,14 @@ struct FileMedia : dm::Media {
     // Video
     int width = 0, height = 0;
     AVRational frameRate{0, 1};
+    // How the picture is shown: the shape of its pixels (1:1 when the file
+    // does not say; a DVD's 720x576 is shown 1024x576 or 768x576), and a
+    // turn clockwise by 0, 90, 180 or 270 degrees from its display matrix
+    // (phones store upright pictures sideways and say so there).
+    AVRational pixelAspect{1, 1};
+    int rotation = 0;
+    // The picture's size as shown: stretched by the pixels' shape, then turned.
+    std::pair<int, int> displaySize() const;
 
     FileMedia() = default;
     FileMedia(FileMedia const&) = delete;
