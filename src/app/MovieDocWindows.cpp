@@ -144,7 +144,8 @@ void MovieDoc::attachPlayerToView()
         for (auto const& t : opened_->movie().tracksOfMediaType(dm::MediaType::Video))
             if (t->isEnabled()) {
                 auto const& m = media::OpenedMovie::mediaOf(*t);
-                natural = QSize(m.width, m.height);
+                auto [w, h] = m.displaySize(); // turned and in its pixels' shape, as the picture is shown
+                natural = QSize(w, h);
                 break;
             }
         seconds = opened_->movie().duration().seconds();

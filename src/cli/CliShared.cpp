@@ -162,6 +162,11 @@ json trackJson(dm::Track const& t)
     if (t.mediaType() == dm::MediaType::Video) {
         j["width"] = m.width;
         j["height"] = m.height;
+        // As players show it: turned by its display matrix, in its pixels' shape.
+        auto [w, h] = m.displaySize();
+        j["shown_width"] = w;
+        j["shown_height"] = h;
+        j["rotation"] = m.rotation;
     }
     return j;
 }

@@ -141,7 +141,12 @@ int info(commandline::Parsed const& args, json& out)
         QTTimeRange r = t->range();
         text << "  track " << t->id() << ": " << dm::mediaTypeName(t->mediaType()) << ", " << m.codecName();
         if (t->mediaType() == dm::MediaType::Sound) text << ", " << m.sampleRate << " Hz, " << m.channels << " channels";
-        if (t->mediaType() == dm::MediaType::Video) text << ", " << m.width << "x" << m.height;
+        if (t->mediaType() == dm::MediaType::Video) {
+            text << ", " << m.width << "x" << m.height;
+            auto [w, h] = m.displaySize();
+            if (m.rotation != 0) text << " turned " << m.rotation << " degrees clockwise";
+            if (m.rotation != 0 || w != m.width || h != m.height) text << " (shown " << w << "x" << h << ")";
+        }
         text << ", " << (t->isEnabled() ? "enabled" : "disabled") << ", \"" << t->displayName() << "\", " << clock(myQTTime(r.time), fields)
              << " + " << clock(myQTTime(r.duration), fields) << "\n";
         out["tracks"].push_back(trackJson(*t));

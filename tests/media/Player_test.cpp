@@ -271,6 +271,57 @@ TEST(Player, SeeksShowTheFrameOnScreenAndStepsByFrames)
     EXPECT_EQ(p.currentTime().timeValue, 4 * kRate);
 }
 
+// A phone's picture stored sideways is shown turned as its display matrix
+// says; a picture in wide pixels is shown widened.
+TEST(Player, PicturesAreShownTurnedAndInTheirPixelsShape)
+{
+    // Stored 160 x 80, the left half bright: turned clockwise, the top half.
+    auto spec = smallSpec(2, 0, 1.0);
+    spec.width = 160;
+    spec.height = 80;
+    spec.drawPicture = [](std::int64_t, std::uint8_t* luma, int stride, int w, int h) {
+        for (int y = 0; y < h; ++y)
+            for (int x = 0; x < w; ++x) luma[static_cast<std::ptrdiff_t>(y) * stride + x] = x < w / 2 ? 235 : 16;
+    };
+    auto mean = [](VideoFrame const& f, int x0, int y0, int x1, int y1) {
+        double sum = 0;
+        for (int y = y0; y < y1; ++y)
+            for (int x = x0; x < x1; ++x) sum += f.pixel(x, y)[1];
+        return sum / ((x1 - x0) * (y1 - y0));
+    };
+    struct Case {
+        char const* name;
+        int rotation, sarNum, sarDen, w, h; // the picture shown in a 200 x 200 view
+    };
+    for (auto c : {Case{"sideways.mov", 90, 1, 1, 100, 200}, Case{"upside-down.mov", 180, 1, 1, 200, 100},
+                   Case{"wide-pixels.mov", 0, 3, 2, 200, 66}}) {
+        SCOPED_TRACE(c.name);
+        spec.rotation = c.rotation;
+        spec.pixelAspectNum = c.sarNum;
+        spec.pixelAspectDen = c.sarDen;
+        FrameLog log;
+        Playing s = manualPlayer(cachedMovie(c.name, spec), true);
+        Player& p = *s.player;
+        log.attach(p);
+        p.setViewSize(200, 200);
+        p.setCurrentTime(myQTTime(1.0, 600));
+        auto f = log.waitFor(1.0);
+        ASSERT_TRUE(f);
+        EXPECT_EQ(f->width, c.w);
+        EXPECT_EQ(f->height, c.h);
+        double first, second; // the halves that were stored left and right
+        if (c.rotation == 90) {
+            first = mean(*f, 0, 0, f->width, f->height / 2 - 4);
+            second = mean(*f, 0, f->height / 2 + 4, f->width, f->height);
+        } else {
+            first = mean(*f, c.rotation == 180 ? f->width / 2 + 4 : 0, 0, c.rotation == 180 ? f->width : f->width / 2 - 4, f->height);
+            second = mean(*f, c.rotation == 180 ? 0 : f->width / 2 + 4, 0, c.rotation == 180 ? f->width / 2 - 4 : f->width, f->height);
+        }
+        EXPECT_GT(first, 200);
+        EXPECT_LT(second, 40);
+    }
+}
+
 // A picture track that starts after the sound (reordered frames as x264
 // makes them put the first picture a frame or two late; here half a
 // second): the movie opens on its first picture, not on black, and keeps
