@@ -72,7 +72,8 @@ void foundJson(Found const& found, json& out)
         out["coarse"] = {{"agreeing", found.match->coarseAgreeing}, {"windows", found.match->coarseWindows}};
     } else if (found.evidence) {
         auto const& ev = *found.evidence;
-        out["faces"] = {{"frames", ev.frames}, {"frames_with_face", ev.framesWithFace}, {"mouth", ev.mouthMethod}, {"note", ev.faceNote}};
+        out["faces"] = {{"frames", ev.frames}, {"frames_with_face", ev.framesWithFace}, {"mouth", ev.mouthMethod}, {"note", ev.faceNote},
+                        {"voice", ev.dialogueChannel ? "centre channel" : "all channels"}};
     }
 }
 
@@ -136,8 +137,9 @@ int suggestCommand(commandline::Parsed const& args, json& out)
             std::printf("%-14s %-14s %10.1f %10.2f  %s\n", clock(myQTTime(c.movieTime, scale), fields).c_str(),
                         clock(myQTTime(c.audioTime, scale), fields).c_str(), (c.audioTime - c.movieTime) * 1000, c.confidence,
                         c.evidence.c_str());
-        if (found.evidence) std::printf("faces seen in %ld of %ld pictures (mouth by %s)\n", found.evidence->framesWithFace, found.evidence->frames,
-                        found.evidence->mouthMethod.c_str());
+        if (found.evidence) std::printf("faces seen in %ld of %ld pictures (mouth by %s; voice from %s)\n", found.evidence->framesWithFace,
+                                        found.evidence->frames, found.evidence->mouthMethod.c_str(),
+                                        found.evidence->dialogueChannel ? "the centre channel" : "all channels");
     }
     return kOk;
 }

@@ -509,6 +509,38 @@ TEST(SuggestMovie, ASidewaysPhoneClipIsLookedAtUpright)
     for (auto const& c : got.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, -0.25, 0.04);
 }
 
+// A film's 5.1: the voice in the centre; around it, music louder than the
+// voice in the voice's own bands, swelling and fading at a syllable's pace.
+// The voice is heard in the centre alone. Where the centre is silent (stereo
+// spread to 5.1), the mix of all channels is heard instead.
+TEST(SuggestMovie, AFilmsVoiceIsHeardInItsCentreChannel)
+{
+    auto th = talkingHead(12, 0.2, 31);
+    auto voice = th.spec.soundSample;
+    int rate = th.spec.sampleRate;
+    auto music = [rate](std::int64_t n) {
+        double t = static_cast<double>(n) / rate;
+        double swell = 0.5 + 0.25 * std::sin(2 * kPi * 2.7 * t) + 0.25 * std::sin(2 * kPi * 4.1 * t + 1);
+        double v = 0;
+        for (double f : {880.0, 1320.0, 1760.0, 2640.0}) v += std::sin(2 * kPi * f * t + f);
+        return static_cast<float>(0.25 * swell * v);
+    };
+    if (!makeLandmarkPredictor()) GTEST_SKIP() << "no landmark model";
+    for (bool centred : {true, false}) {
+        SCOPED_TRACE(centred ? "voice in the centre" : "centre silent");
+        TestMovieSpec spec = th.spec;
+        spec.channels = 6;
+        spec.channelLayout = "5.1";
+        if (centred) spec.channelSample = [voice, music](std::int64_t n, int ch) { return ch == 2 ? voice(n) : ch == 3 ? 0.f : music(n); };
+        else spec.channelSample = [voice](std::int64_t n, int ch) { return ch == 2 || ch == 3 ? 0.f : voice(n); };
+        Opened m(cachedMovie(centred ? "suggest-film-5.1.mov" : "suggest-film-5.1-no-centre.mov", spec));
+        auto got = suggestSyncPoints(*m.om.movie, *m.list->soundTrack());
+        EXPECT_EQ(got.evidence.dialogueChannel, centred);
+        ASSERT_FALSE(got.suggestion.refused()) << got.suggestion.refusal;
+        for (auto const& c : got.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, 0.2, 0.04);
+    }
+}
+
 // Two faces in one shot: the speaker, and a listener who chews, his mouth
 // moving more than the speaker's but not with the voice. The speaker's
 // mouth is the one compared with the speech.

@@ -363,7 +363,8 @@ private:
 
 } // namespace
 
-std::vector<float> monoTimeline(dm::Track const& sound, ProgressReporter& progress, double from, double to, int rate, int* usedRate)
+std::vector<float> monoTimeline(dm::Track const& sound, ProgressReporter& progress, double from, double to, int rate, int* usedRate,
+                                std::vector<float>* dialogue)
 {
     auto media = fileMediaOf(sound, "sound track");
     AudioDecoder decoder(media);
@@ -372,43 +373,53 @@ std::vector<float> monoTimeline(dm::Track const& sound, ProgressReporter& progre
     if (usedRate) *usedRate = rate;
     double seconds = static_cast<double>(sound.editList()->duration()) / sound.timeScale();
     auto total = static_cast<std::size_t>(std::max(0.0, seconds * inRate));
-    // A different rate goes through the resampler piece by piece, so only
-    // the result is held whole.
-    Swr swr;
-    if (rate != inRate) {
+    int channels = decoder.channels();
+    int centre = channels >= 3 ? av_channel_layout_index_from_channel(&decoder.layout(), AV_CHAN_FRONT_CENTER) : -1;
+    if (dialogue) dialogue->clear();
+    // Each output (the mix, the centre) goes through a resampler of its own
+    // when the rate differs, piece by piece, so only the results are held whole.
+    struct Output {
+        std::vector<float>* samples;
+        Swr swr;
+    };
+    std::vector<float> out;
+    std::vector<Output> outputs;
+    outputs.push_back({&out, {}});
+    if (dialogue && centre >= 0) outputs.push_back({dialogue, {}});
+    for (auto& o : outputs) {
+        o.samples->reserve(static_cast<std::size_t>(seconds * rate) + 64);
+        if (rate == inRate) continue;
         AVChannelLayout mono = AV_CHANNEL_LAYOUT_MONO;
         SwrContext* raw = nullptr;
         check(swr_alloc_set_opts2(&raw, &mono, AV_SAMPLE_FMT_FLT, rate, &mono, AV_SAMPLE_FMT_FLT, inRate, 0, nullptr), "Setting up the resampler");
-        swr.reset(raw);
-        check(swr_init(swr.get()), "Setting up the resampler");
+        o.swr.reset(raw);
+        check(swr_init(o.swr.get()), "Setting up the resampler");
     }
-    std::vector<float> out;
-    out.reserve(static_cast<std::size_t>(seconds * rate) + 64);
     constexpr int kPiece = 4800;
-    int channels = decoder.channels();
     PcmBuffer buf(channels, kPiece);
     std::vector<float*> ptrs;
     for (auto& c : buf.channels) ptrs.push_back(c.data());
     std::vector<float> piece(kPiece), converted;
     double mediaPerSample = static_cast<double>(media->timeScale) / inRate;
-    auto emit = [&](float const* data, int count) {
-        if (!swr) {
-            out.insert(out.end(), data, data + count);
+    auto emit = [&](Output& o, float const* data, int count) {
+        if (!o.swr) {
+            o.samples->insert(o.samples->end(), data, data + count);
             return;
         }
-        int room = swr_get_out_samples(swr.get(), count);
+        int room = swr_get_out_samples(o.swr.get(), count);
         converted.resize(static_cast<std::size_t>(std::max(room, 0)));
         auto* dst = reinterpret_cast<std::uint8_t*>(converted.data());
         auto const* src = reinterpret_cast<std::uint8_t const*>(data);
-        int n = swr_convert(swr.get(), &dst, room, data ? &src : nullptr, count);
-        if (n > 0) out.insert(out.end(), converted.begin(), converted.begin() + n);
+        int n = swr_convert(o.swr.get(), &dst, room, data ? &src : nullptr, count);
+        if (n > 0) o.samples->insert(o.samples->end(), converted.begin(), converted.begin() + n);
     };
     for (std::size_t first = 0; first < total; first += kPiece) {
         progress.update(from + (to - from) * static_cast<double>(first) / static_cast<double>(total));
         int count = static_cast<int>(std::min<std::size_t>(kPiece, total - first));
         std::fill(piece.begin(), piece.end(), 0.f);
         auto at = sound.lookup(myQTTime(static_cast<long long>(first), inRate));
-        if (at && !at->segment.isEmpty()) {
+        bool playing = at && !at->segment.isEmpty();
+        if (playing) {
             auto start = static_cast<std::int64_t>(std::llround(at->mediaTime / mediaPerSample));
             decoder.read(start, count, ptrs.data());
             for (int i = 0; i < count; ++i) {
@@ -417,11 +428,18 @@ std::vector<float> monoTimeline(dm::Track const& sound, ProgressReporter& progre
                 piece[static_cast<std::size_t>(i)] = sum / static_cast<float>(std::max(1, channels));
             }
         }
-        emit(piece.data(), count);
+        emit(outputs[0], piece.data(), count);
+        if (outputs.size() > 1) {
+            auto& c = buf.channels[static_cast<std::size_t>(centre)];
+            if (!playing) std::fill(c.begin(), c.begin() + count, 0.f);
+            emit(outputs[1], c.data(), count);
+        }
     }
-    if (swr) emit(nullptr, 0);
     // As long as the timeline at the new rate.
-    out.resize(static_cast<std::size_t>(std::llround(static_cast<double>(total) * rate / inRate)), 0.f);
+    for (auto& o : outputs) {
+        if (o.swr) emit(o, nullptr, 0);
+        o.samples->resize(static_cast<std::size_t>(std::llround(static_cast<double>(total) * rate / inRate)), 0.f);
+    }
     return out;
 }
 
@@ -444,11 +462,24 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
     auto smedia = fileMediaOf(unedited, "sound track");
     {
         int rate = 0;
-        std::vector<float> mono = monoTimeline(unedited, report, 0, kSoundShare, 0, &rate);
+        std::vector<float> dialogue;
+        std::vector<float> mono = monoTimeline(unedited, report, 0, kSoundShare, 0, &rate, &dialogue);
         auto envs = suggest::soundEnvelopes(mono.data(), mono.size(), rate);
         out.evidence.onset = std::move(envs.onset);
-        out.evidence.speech = std::move(envs.speech);
         out.evidence.soundChange = std::move(envs.change);
+        // A film's voices are in its centre channel, the music and the
+        // effects around them: the voice is heard there alone. Not from a
+        // centre left all but silent (stereo spread to 5.1 by some tools).
+        auto power = [](std::vector<float> const& v) {
+            double sum = 0;
+            for (float x : v) sum += static_cast<double>(x) * x;
+            return sum / static_cast<double>(std::max<std::size_t>(1, v.size()));
+        };
+        if (!dialogue.empty() && power(dialogue) > 0.01 * power(mono)) {
+            envs = suggest::soundEnvelopes(dialogue.data(), dialogue.size(), rate);
+            out.dialogueChannel = true;
+        }
+        out.evidence.speech = std::move(envs.speech);
         out.evidence.voiceLow = std::move(envs.voiceLow);
         out.evidence.voiceHigh = std::move(envs.voiceHigh);
     }

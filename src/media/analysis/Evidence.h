@@ -33,6 +33,9 @@ struct MovieEvidence {
     // landmarks), "region motion" (the motion of the lower face, when the
     // landmark model is missing) or "none" (no faces searched for).
     std::string mouthMethod = "none";
+    // The voice was heard in the centre channel alone (a film's 5.1), not
+    // in the mix of all channels.
+    bool dialogueChannel = false;
 };
 
 // The evidence of `video` (movie time) and `unedited` (the sound as it was
@@ -43,10 +46,12 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
 
 // The timeline of a sound track (its edits applied, empty time silent) as
 // mono samples from time 0, at `rate` (0: the decoder's own; the rate used
-// goes to `usedRate`), reporting progress from `from` to `to`. Throws
-// MediaError, Cancelled.
+// goes to `usedRate`), reporting progress from `from` to `to`. With
+// `dialogue`, a sound with a front centre channel among others (a film's
+// 5.1, where the voices are) also gives that channel alone there, at the
+// same rate; other sounds leave it empty. Throws MediaError, Cancelled.
 std::vector<float> monoTimeline(dm::Track const& sound, ProgressReporter& progress, double from, double to, int rate = 0,
-                                int* usedRate = nullptr);
+                                int* usedRate = nullptr, std::vector<float>* dialogue = nullptr);
 
 // The movie's enabled video track, or null.
 dm::TrackPtr enabledVideoTrack(dm::Movie const& movie);

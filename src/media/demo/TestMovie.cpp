@@ -339,6 +339,11 @@ void writeTestMovie(std::string const& path, TestMovieSpec const& s)
                 f->sample_rate = ac->sample_rate;
                 check(av_frame_get_buffer(f.get(), 0), "Allocating sound");
                 for (int i = 0; i < n; ++i) {
+                    if (s.channelSample) {
+                        for (int ch = 0; ch < ac->ch_layout.nb_channels; ++ch)
+                            putSample(f.get(), i, ch, s.channelSample(nextSample + i, ch), s.bitsPerSample);
+                        continue;
+                    }
                     float v = sampleAt(nextSample + i);
                     for (int ch = 0; ch < ac->ch_layout.nb_channels; ++ch) putSample(f.get(), i, ch, v, s.bitsPerSample);
                 }

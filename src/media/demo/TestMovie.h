@@ -59,6 +59,10 @@ struct TestMovieSpec {
     // every channel. Flashes and clicks are then not drawn.
     std::function<void(std::int64_t frame, std::uint8_t* luma, int stride, int width, int height)> drawPicture;
     std::function<float(std::int64_t n)> soundSample;
+    // The value of sample `n` on channel `channel` of the layout, for a
+    // sound whose channels differ (a film's 5.1: the voice in the centre,
+    // music around it). Overrides soundSample.
+    std::function<float(std::int64_t n, int channel)> channelSample;
 };
 
 // The movie time of every flash of a movie made from `spec` (exact frame
