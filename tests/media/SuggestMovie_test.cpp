@@ -509,6 +509,41 @@ TEST(SuggestMovie, ASidewaysPhoneClipIsLookedAtUpright)
     for (auto const& c : got.suggestion.candidates) EXPECT_NEAR(c.audioTime - c.movieTime, -0.25, 0.04);
 }
 
+// A video camera's interlaced pictures: the lower field is taken half a
+// frame after the upper one, so a picture shows, on the mean, the moment a
+// quarter frame after its time stamp. The same face coded interlaced with
+// both fields of one moment (a film's pictures) stays at its time stamps.
+TEST(SuggestMovie, InterlacedFieldsTakenApartArePlacedBetweenTheirMoments)
+{
+    if (!makeLandmarkPredictor()) GTEST_SKIP() << "no landmark model";
+    auto th = talkingHead(12, 0.3, 37);
+    for (int apart : {1, 0}) {
+        SCOPED_TRACE(apart ? "fields apart" : "fields of one moment");
+        TestMovieSpec spec = th.spec;
+        spec.width = 480;
+        spec.height = 360;
+        spec.interlaced = true;
+        spec.drawPicture = [loud = th.loudness, apart](std::int64_t k, std::uint8_t* luma, int stride, int w, int h) {
+            // The upper field (even lines) at the frame's time, the lower one 20 ms later.
+            std::vector<std::uint8_t> second(static_cast<std::size_t>(w * h), 70);
+            auto at = [&](std::int64_t hop) { return loud[std::min(loud.size() - 1, static_cast<std::size_t>(hop))]; };
+            for (int y = 0; y < h; ++y) std::memset(luma + static_cast<std::ptrdiff_t>(y) * stride, 70, static_cast<std::size_t>(w));
+            drawFace(luma, stride, w, h, w / 2.0, h / 2.0, h * 0.7, at(k * 4));
+            drawFace(second.data(), w, w, h, w / 2.0, h / 2.0, h * 0.7, at(k * 4 + 2 * apart));
+            for (int y = 1; y < h; y += 2) std::memcpy(luma + static_cast<std::ptrdiff_t>(y) * stride, second.data() + y * w, static_cast<std::size_t>(w));
+        };
+        Opened m(cachedMovie(apart ? "suggest-interlaced.mov" : "suggest-interlaced-one-moment.mov", spec));
+        auto got = suggestSyncPoints(*m.om.movie, *m.list->soundTrack());
+        EXPECT_EQ(got.evidence.fieldsApart, apart == 1);
+        ASSERT_FALSE(got.suggestion.refused()) << got.suggestion.refusal;
+        double measured = got.suggestion.candidates.front().audioTime - got.suggestion.candidates.front().movieTime;
+        std::printf("[ interlaced ] fields %s: %.1f ms\n", apart ? "apart" : "of one moment", measured * 1000);
+        // Placed at their time stamps, the fields taken apart read 13 ms
+        // late, and those of one moment, placed as if apart, 10 ms early.
+        EXPECT_NEAR(measured, 0.3, 0.006);
+    }
+}
+
 // A film's 5.1: the voice in the centre; around it, music louder than the
 // voice in the voice's own bands, swelling and fading at a syllable's pace.
 // The voice is heard in the centre alone. Where the centre is silent (stereo

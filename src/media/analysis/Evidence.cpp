@@ -6,9 +6,17 @@
 #include "MouthLandmarks.h"
 #include "WriteProgress.h"
 
+extern "C" {
+#include <libavfilter/avfilter.h>
+#include <libavfilter/buffersink.h>
+#include <libavfilter/buffersrc.h>
+}
+
 #include <algorithm>
 #include <cmath>
 #include <condition_variable>
+#include <cstdio>
+#include <cstring>
 #include <deque>
 #include <exception>
 #include <mutex>
@@ -18,6 +26,68 @@
 namespace media {
 
 namespace {
+
+struct FilterGraphDeleter {
+    void operator()(AVFilterGraph* g) const { avfilter_graph_free(&g); }
+};
+using FilterGraph = std::unique_ptr<AVFilterGraph, FilterGraphDeleter>;
+
+// Whether interlaced pictures hold two moments: fields taken half a frame
+// apart, as video cameras and broadcasts take them, rather than a picture of
+// one moment coded in two fields (films on DVD and on television). FFmpeg's
+// idet filter tells them apart by how each field matches the fields before
+// and after it; a few runs of pictures through the movie are shown to it.
+class FieldTiming {
+public:
+    // A decoded picture at `seconds` of its stream.
+    void add(AVFrame* frame, double seconds, AVRational timeBase)
+    {
+        if (!frame->interlaced_frame || failed_) return;
+        // The first 3 s, then the first second of every 20: idet needs
+        // pictures in a row, and its history settles after a few.
+        if (seconds >= 3 && std::fmod(seconds, 20.0) >= 1) return;
+        if (!graph_ && !open(frame, timeBase)) return;
+        if (av_buffersrc_add_frame_flags(source_, frame, AV_BUFFERSRC_FLAG_KEEP_REF) < 0) {
+            failed_ = true;
+            return;
+        }
+        while (av_buffersink_get_frame(sink_, out_.get()) >= 0) {
+            AVDictionaryEntry* e = av_dict_get(out_->metadata, "lavfi.idet.multiple.current_frame", nullptr, 0);
+            if (e && (std::strcmp(e->value, "tff") == 0 || std::strcmp(e->value, "bff") == 0)) ++apart_;
+            else if (e && std::strcmp(e->value, "progressive") == 0) ++together_;
+            av_frame_unref(out_.get());
+        }
+    }
+    // Most pictures told apart (at least 10) show fields of two moments.
+    bool fieldsApart() const { return apart_ >= 10 && apart_ > together_; }
+
+private:
+    bool open(AVFrame const* frame, AVRational timeBase)
+    {
+        graph_.reset(avfilter_graph_alloc());
+        char args[256];
+        std::snprintf(args, sizeof args, "video_size=%dx%d:pix_fmt=%d:time_base=%d/%d:pixel_aspect=1/1", frame->width, frame->height,
+                      frame->format, timeBase.num, std::max(1, timeBase.den));
+        AVFilterContext* idet = nullptr;
+        bool ok = graph_ && avfilter_graph_create_filter(&source_, avfilter_get_by_name("buffer"), "in", args, nullptr, graph_.get()) >= 0 &&
+                  avfilter_graph_create_filter(&idet, avfilter_get_by_name("idet"), "idet", nullptr, nullptr, graph_.get()) >= 0 &&
+                  avfilter_graph_create_filter(&sink_, avfilter_get_by_name("buffersink"), "out", nullptr, nullptr, graph_.get()) >= 0 &&
+                  avfilter_link(source_, 0, idet, 0) >= 0 && avfilter_link(idet, 0, sink_, 0) >= 0 &&
+                  avfilter_graph_config(graph_.get(), nullptr) >= 0;
+        // Without the filter the pictures keep their time stamps, as before.
+        if (!ok) {
+            failed_ = true;
+            graph_.reset();
+        }
+        return ok;
+    }
+    FilterGraph graph_;
+    AVFilterContext* source_ = nullptr; // owned by graph_
+    AVFilterContext* sink_ = nullptr;
+    Frame out_ = makeFrame();
+    bool failed_ = false;
+    long apart_ = 0, together_ = 0;
+};
 
 std::shared_ptr<const FileMedia> fileMediaOf(dm::Track const& t, char const* what)
 {
@@ -543,8 +613,14 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
         turnPicture(grey->data[0], grey->linesize[0], grey->width, grey->height, 1, turn, upright->data[0], upright->linesize[0]);
         return upright.get();
     };
+    // Interlaced pictures are looked at whole: where their fields were taken
+    // half a frame apart, each shows on the mean the moment a quarter frame
+    // after its time stamp.
+    FieldTiming fields;
     while (decoder.next(f.get())) {
         std::int64_t pts = f->best_effort_timestamp != AV_NOPTS_VALUE ? f->best_effort_timestamp : f->pts;
+        if (f->interlaced_frame && pts != AV_NOPTS_VALUE)
+            fields.add(f.get(), static_cast<double>(pts - vmedia->startPts) * av_q2d(vmedia->timeBase), vmedia->timeBase);
         auto when = pts == AV_NOPTS_VALUE ? std::nullopt : timelineSeconds(video, vmedia->ticksFromPts(pts));
         if (!when) {
             av_frame_unref(f.get());
@@ -627,6 +703,12 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
         out.evidence.mouthShade = openingEnvelope(mouths, &MouthShape::shade, duration, rate);
         out.evidence.jaw = openingEnvelope(mouths, &MouthShape::jaw, duration, rate);
         out.evidence.mouthLook = openingEnvelope(mouths, &MouthShape::look, duration, rate);
+    }
+    if (fields.fieldsApart()) {
+        out.fieldsApart = true;
+        for (suggest::Envelope* e : {&out.evidence.frameChange, &out.evidence.mouth, &out.evidence.mouthOpening, &out.evidence.lipsApart,
+                                     &out.evidence.mouthDark, &out.evidence.mouthShade, &out.evidence.jaw, &out.evidence.mouthLook})
+            e->start += out.frameSeconds / 4;
     }
     report.end();
     return out;

@@ -36,6 +36,9 @@ struct MovieEvidence {
     // The voice was heard in the centre channel alone (a film's 5.1), not
     // in the mix of all channels.
     bool dialogueChannel = false;
+    // The pictures are interlaced with their fields taken half a frame
+    // apart: the picture's evidence lies a quarter frame after its time stamps.
+    bool fieldsApart = false;
 };
 
 // The evidence of `video` (movie time) and `unedited` (the sound as it was

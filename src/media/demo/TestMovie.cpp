@@ -154,6 +154,10 @@ void writeTestMovie(std::string const& path, TestMovieSpec const& s)
         c->max_b_frames = 0;
         c->bit_rate = s.videoBitRate;
         c->sample_aspect_ratio = AVRational{s.pixelAspectNum, s.pixelAspectDen};
+        if (s.interlaced) {
+            c->flags |= AV_CODEC_FLAG_INTERLACED_DCT | AV_CODEC_FLAG_INTERLACED_ME;
+            c->field_order = AV_FIELD_TT;
+        }
         std::string name = c->codec->name;
         if (name == "libx264") {
             av_opt_set(c->priv_data, "preset", "veryfast", 0);
@@ -367,6 +371,8 @@ void writeTestMovie(std::string const& path, TestMovieSpec const& s)
             fillPicture(picture.get(), k, std::binary_search(flashes.begin(), flashes.end(), k));
         }
         picture->pts = startFrame + k;
+        picture->interlaced_frame = s.interlaced;
+        picture->top_field_first = s.interlaced;
         video.send(picture.get());
     }
     writeAudioUntil(totalSamples);

@@ -49,6 +49,9 @@ struct TestMovieSpec {
     std::string title;            // the file's title tag
     bool attachment = false;      // a small text attachment (Matroska)
     int rotation = 0;             // degrees clockwise that players turn the picture (the display matrix)
+    // Coded interlaced, top field first (a video camera's or a broadcast's
+    // pictures: drawPicture draws both fields, each at its own moment).
+    bool interlaced = false;
     int pixelAspectNum = 1, pixelAspectDen = 1; // the pixels' shape, width to height (a DVD's 16:9 PAL: 64:45)
     std::string timecode;         // "01:00:00:00": a timecode track (QuickTime, MPEG-4)
     std::string videoTag;         // a codec tag for the video ("hvc1")
