@@ -21,78 +21,123 @@ constexpr double kPi = 3.14159265358979323846;
 
 } // namespace
 
-SoundEnvelopes soundEnvelopes(float const* samples, std::size_t count, int sampleRate)
-{
+struct SoundEnvelopeBuilder::State {
+    int rate = 0;
+    std::size_t hop = 0, n = 1, bins = 0, bands = 0;
+    std::vector<float> window;
+    std::vector<std::size_t> edges = {1};
+    std::size_t lowBin = 0, highBin = 0, voiceLowBin = 0, voiceMidBin = 0, voiceHighBin = 0;
+    // Samples from `first` on (those before are no longer needed); `total` added in all.
+    std::vector<float> samples;
+    std::size_t first = 0, total = 0, nextHop = 0;
+    std::vector<std::complex<float>> buf;
+    std::vector<float> previous, current;
+    std::vector<float> levels; // band levels of every hop, for the changes
     SoundEnvelopes out;
-    out.onset.rate = out.speech.rate = out.voiceLow.rate = out.voiceHigh.rate = 1.0 / kHopSeconds;
-    if (sampleRate <= 0 || count == 0) return out;
-    auto hop = static_cast<std::size_t>(std::lround(sampleRate * kHopSeconds));
-    std::size_t n = 1;
-    while (n < 2 * hop) n <<= 1;
-    std::vector<float> window(n);
-    for (std::size_t i = 0; i < n; ++i) window[i] = static_cast<float>(0.5 - 0.5 * std::cos(2 * kPi * (static_cast<double>(i) + 0.5) / n));
-    std::size_t bins = n / 2;
+};
+
+SoundEnvelopeBuilder::SoundEnvelopeBuilder(int sampleRate) : s_(std::make_unique<State>())
+{
+    State& s = *s_;
+    s.rate = sampleRate;
+    s.out.onset.rate = s.out.speech.rate = s.out.voiceLow.rate = s.out.voiceHigh.rate = 1.0 / kHopSeconds;
+    if (sampleRate <= 0) return;
+    s.hop = static_cast<std::size_t>(std::lround(sampleRate * kHopSeconds));
+    while (s.n < 2 * s.hop) s.n <<= 1;
+    std::size_t n = s.n;
+    s.window.resize(n);
+    for (std::size_t i = 0; i < n; ++i) s.window[i] = static_cast<float>(0.5 - 0.5 * std::cos(2 * kPi * (static_cast<double>(i) + 0.5) / n));
+    s.bins = n / 2;
     double binHz = static_cast<double>(sampleRate) / static_cast<double>(n);
-    auto lowBin = static_cast<std::size_t>(std::ceil(300 / binHz));
-    auto highBin = std::min(bins, static_cast<std::size_t>(3400 / binHz) + 1);
-    auto binAt = [&](double hz) { return std::min(bins, static_cast<std::size_t>(std::ceil(hz / binHz))); };
-    std::size_t voiceLowBin = binAt(800), voiceMidBin = binAt(1600), voiceHighBin = binAt(3200);
-    std::size_t hops = (count + hop - 1) / hop;
-    out.onset.values.assign(hops, 0.f);
-    out.speech.values.assign(hops, 0.f);
-    out.voiceLow.values.assign(hops, 0.f);
-    out.voiceHigh.values.assign(hops, 0.f);
+    s.lowBin = static_cast<std::size_t>(std::ceil(300 / binHz));
+    s.highBin = std::min(s.bins, static_cast<std::size_t>(3400 / binHz) + 1);
+    auto binAt = [&](double hz) { return std::min(s.bins, static_cast<std::size_t>(std::ceil(hz / binHz))); };
+    s.voiceLowBin = binAt(800);
+    s.voiceMidBin = binAt(1600);
+    s.voiceHighBin = binAt(3200);
     // The flux is taken over bands a third of an octave wide (one bin at
     // least) rather than over single bins: noise makes every bin flicker,
     // while a band's energy holds still until the sound changes.
-    std::vector<std::size_t> edges = {1};
     for (double f = 50; f < std::min(16000.0, sampleRate / 2.0); f *= 1.26) {
-        auto b = std::min(bins, static_cast<std::size_t>(f / binHz));
-        if (b > edges.back()) edges.push_back(b);
+        auto b = std::min(s.bins, static_cast<std::size_t>(f / binHz));
+        if (b > s.edges.back()) s.edges.push_back(b);
     }
-    if (edges.back() < bins) edges.push_back(bins);
-    std::size_t bands = edges.size() - 1;
-    std::vector<std::complex<float>> buf(n);
-    std::vector<float> previous(bands, 0.f), current(bands);
-    std::vector<float> levels(hops * bands); // band levels of every hop, for the changes
-    // Frame h is centred on sample h x hop. Its flux is the rise from frame
-    // h-1, which sees the sound up to half a window later than frame h-1's
-    // centre: the rise belongs between the two frames' leading edges, so it
-    // is placed a quarter window after the centre of frame h-1.
-    for (std::size_t h = 0; h < hops; ++h) {
-        auto centre = static_cast<std::ptrdiff_t>(h * hop);
-        for (std::size_t i = 0; i < n; ++i) {
-            std::ptrdiff_t s = centre - static_cast<std::ptrdiff_t>(n / 2) + static_cast<std::ptrdiff_t>(i);
-            float v = s >= 0 && static_cast<std::size_t>(s) < count ? samples[s] : 0.f;
-            buf[i] = {v * window[i], 0.f};
-        }
-        fft(buf);
-        double flux = 0, band = 0, low = 0, high = 0;
-        for (std::size_t b = 0; b < bands; ++b) {
-            double power = 0;
-            for (std::size_t k = edges[b]; k < edges[b + 1]; ++k) {
-                double p = std::norm(buf[k]);
-                power += p;
-                if (k >= lowBin && k < highBin) band += p;
-                if (k >= voiceLowBin && k < voiceMidBin) low += p;
-                if (k >= voiceMidBin && k < voiceHighBin) high += p;
-            }
-            current[b] = static_cast<float>(std::log1p(100 * std::sqrt(power / static_cast<double>(edges[b + 1] - edges[b]))));
-            if (h > 0) flux += std::max(0.f, current[b] - previous[b]);
-            levels[h * bands + b] = current[b];
-        }
-        out.onset.values[h] = static_cast<float>(flux / static_cast<double>(bands));
-        out.speech.values[h] = static_cast<float>(std::sqrt(2 * band) / static_cast<double>(n));
-        out.voiceLow.values[h] = static_cast<float>(std::sqrt(2 * low) / static_cast<double>(n));
-        out.voiceHigh.values[h] = static_cast<float>(std::sqrt(2 * high) / static_cast<double>(n));
-        std::swap(previous, current);
+    if (s.edges.back() < s.bins) s.edges.push_back(s.bins);
+    s.bands = s.edges.size() - 1;
+    s.buf.resize(n);
+    s.previous.assign(s.bands, 0.f);
+    s.current.resize(s.bands);
+}
+
+SoundEnvelopeBuilder::~SoundEnvelopeBuilder() = default;
+
+void SoundEnvelopeBuilder::add(float const* samples, std::size_t count)
+{
+    State& s = *s_;
+    if (s.rate <= 0 || count == 0) return;
+    s.samples.insert(s.samples.end(), samples, samples + count);
+    s.total += count;
+    // A hop is analysed once its whole window has come.
+    while (s.nextHop * s.hop + s.n / 2 <= s.total) analyseHop();
+    // Samples before the next hop's window are dropped, a block at a time.
+    std::size_t needed = s.nextHop * s.hop >= s.n / 2 ? s.nextHop * s.hop - s.n / 2 : 0;
+    if (needed > s.first + (std::size_t{1} << 16)) {
+        s.samples.erase(s.samples.begin(), s.samples.begin() + static_cast<std::ptrdiff_t>(needed - s.first));
+        s.first = needed;
     }
+}
+
+// Frame h is centred on sample h x hop. Its flux is the rise from frame
+// h-1, which sees the sound up to half a window later than frame h-1's
+// centre: the rise belongs between the two frames' leading edges, so it
+// is placed a quarter window after the centre of frame h-1 (see finish()).
+void SoundEnvelopeBuilder::analyseHop()
+{
+    State& s = *s_;
+    std::size_t h = s.nextHop++, n = s.n;
+    auto centre = static_cast<std::ptrdiff_t>(h * s.hop);
+    for (std::size_t i = 0; i < n; ++i) {
+        std::ptrdiff_t at = centre - static_cast<std::ptrdiff_t>(n / 2) + static_cast<std::ptrdiff_t>(i);
+        float v = at >= 0 && static_cast<std::size_t>(at) < s.total ? s.samples[static_cast<std::size_t>(at) - s.first] : 0.f;
+        s.buf[i] = {v * s.window[i], 0.f};
+    }
+    fft(s.buf);
+    double flux = 0, band = 0, low = 0, high = 0;
+    for (std::size_t b = 0; b < s.bands; ++b) {
+        double power = 0;
+        for (std::size_t k = s.edges[b]; k < s.edges[b + 1]; ++k) {
+            double p = std::norm(s.buf[k]);
+            power += p;
+            if (k >= s.lowBin && k < s.highBin) band += p;
+            if (k >= s.voiceLowBin && k < s.voiceMidBin) low += p;
+            if (k >= s.voiceMidBin && k < s.voiceHighBin) high += p;
+        }
+        s.current[b] = static_cast<float>(std::log1p(100 * std::sqrt(power / static_cast<double>(s.edges[b + 1] - s.edges[b]))));
+        if (h > 0) flux += std::max(0.f, s.current[b] - s.previous[b]);
+        s.levels.push_back(s.current[b]);
+    }
+    s.out.onset.values.push_back(static_cast<float>(flux / static_cast<double>(s.bands)));
+    s.out.speech.values.push_back(static_cast<float>(std::sqrt(2 * band) / static_cast<double>(n)));
+    s.out.voiceLow.values.push_back(static_cast<float>(std::sqrt(2 * low) / static_cast<double>(n)));
+    s.out.voiceHigh.values.push_back(static_cast<float>(std::sqrt(2 * high) / static_cast<double>(n)));
+    std::swap(s.previous, s.current);
+}
+
+SoundEnvelopes SoundEnvelopeBuilder::finish()
+{
+    State& s = *s_;
+    if (s.rate <= 0 || s.total == 0) return std::move(s.out);
+    // The last hops, their windows running past the end into silence.
+    std::size_t hops = (s.total + s.hop - 1) / s.hop;
+    while (s.nextHop < hops) analyseHop();
+    SoundEnvelopes out = std::move(s.out);
+    std::size_t n = s.n, bands = s.bands;
+    std::vector<float> const& levels = s.levels;
     // Flux between frames h-1 and h, placed a quarter window into the newly
     // seen sound: start = (quarter window - hop) in seconds, relative to
     // frame h's centre at h x hop.
-    out.onset.start = (static_cast<double>(n) / 4 - static_cast<double>(hop)) / sampleRate + 0.006;
+    out.onset.start = (static_cast<double>(n) / 4 - static_cast<double>(s.hop)) / s.rate + 0.006;
     out.speech.start = out.voiceLow.start = out.voiceHigh.start = 0;
-
     // Changes: the 4 hops from h against the 4 before, per band; the two
     // blocks meet half a hop before frame h's centre. A change must last:
     // each band's step is at most the step between the medians of the 7
@@ -121,6 +166,13 @@ SoundEnvelopes soundEnvelopes(float const* samples, std::size_t count, int sampl
         out.change.values[h] = static_cast<float>(total / static_cast<double>(bands));
     }
     return out;
+}
+
+SoundEnvelopes soundEnvelopes(float const* samples, std::size_t count, int sampleRate)
+{
+    SoundEnvelopeBuilder builder(sampleRate);
+    builder.add(samples, count);
+    return builder.finish();
 }
 
 void FrameChangeBuilder::place(double seconds, float value)

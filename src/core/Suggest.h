@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <memory>
 #include <vector>
 
 namespace suggest {
@@ -42,6 +43,26 @@ struct SoundEnvelopes {
     Envelope voiceLow, voiceHigh;
 };
 SoundEnvelopes soundEnvelopes(float const* samples, std::size_t count, int sampleRate);
+
+// The same envelopes from samples given piece by piece, holding only a
+// window of them: a film of two hours is 1.4 GB of mono samples, its
+// envelopes a few megabytes. The result equals soundEnvelopes() of all the
+// pieces put together.
+class SoundEnvelopeBuilder {
+public:
+    explicit SoundEnvelopeBuilder(int sampleRate);
+    ~SoundEnvelopeBuilder();
+    SoundEnvelopeBuilder(SoundEnvelopeBuilder const&) = delete;
+    SoundEnvelopeBuilder& operator=(SoundEnvelopeBuilder const&) = delete;
+    void add(float const* samples, std::size_t count);
+    // The envelopes of all samples added; the builder is spent.
+    SoundEnvelopes finish();
+
+private:
+    struct State;
+    void analyseHop();
+    std::unique_ptr<State> s_;
+};
 
 // Accumulates frames of a picture (grey levels, any size, the same for all
 // frames) into a frame-change envelope at 100 Hz, placed at the time of each

@@ -166,6 +166,34 @@ TEST(SuggestEnvelopes, OnsetsPeakAtClicksAndSpeechEnergyFollowsTheVoiceBand)
     EXPECT_TRUE(soundEnvelopes(voice.data(), voice.size(), 0).onset.values.empty());
 }
 
+// The envelopes of a sound given piece by piece, in pieces of any size from
+// one sample to more than a second (the samples already analysed are let
+// go on the way), are those of the whole sound given at once.
+TEST(SuggestEnvelopes, PiecesGiveTheEnvelopesOfTheWhole)
+{
+    std::vector<double> at = {0.5, 1.203, 2.0071, 3.4449, 4.9, 5.95};
+    auto s = clicks(6, at);
+    for (std::size_t i = 0; i < s.size(); ++i) s[i] += static_cast<float>(0.1 * std::sin(2 * kPi * 1300 * static_cast<double>(i) / kRate));
+    auto whole = soundEnvelopes(s.data(), s.size(), kRate);
+    SoundEnvelopeBuilder builder(kRate);
+    std::size_t sizes[] = {1, 7, 4800, 70001, 333, 96000};
+    std::size_t given = 0;
+    for (std::size_t k = 0; given < s.size(); ++k) {
+        std::size_t n = std::min(sizes[k % std::size(sizes)], s.size() - given);
+        builder.add(s.data() + given, n);
+        given += n;
+    }
+    auto pieces = builder.finish();
+    auto same = [](Envelope const& a, Envelope const& b) { return a.start == b.start && a.rate == b.rate && a.values == b.values; };
+    EXPECT_TRUE(same(whole.onset, pieces.onset));
+    EXPECT_TRUE(same(whole.speech, pieces.speech));
+    EXPECT_TRUE(same(whole.change, pieces.change));
+    EXPECT_TRUE(same(whole.voiceLow, pieces.voiceLow));
+    EXPECT_TRUE(same(whole.voiceHigh, pieces.voiceHigh));
+    ASSERT_NEAR(static_cast<double>(pieces.onset.size()), 600, 1);
+    for (double t : at) EXPECT_NEAR(peakNear(pieces.onset, t), t, 0.005) << "click at " << t;
+}
+
 TEST(SuggestEnvelopes, FrameChangeCountsFlashesAndCutsOncePlacedAtTheFrameTime)
 {
     FrameChangeBuilder b;

@@ -433,8 +433,8 @@ private:
 
 } // namespace
 
-std::vector<float> monoTimeline(dm::Track const& sound, ProgressReporter& progress, double from, double to, int rate, int* usedRate,
-                                std::vector<float>* dialogue)
+void streamTimeline(dm::Track const& sound, ProgressReporter& progress, double from, double to, int rate, TimelineSink const& sink,
+                    bool withDialogue, int* usedRate)
 {
     auto media = fileMediaOf(sound, "sound track");
     AudioDecoder decoder(media);
@@ -444,20 +444,18 @@ std::vector<float> monoTimeline(dm::Track const& sound, ProgressReporter& progre
     double seconds = static_cast<double>(sound.editList()->duration()) / sound.timeScale();
     auto total = static_cast<std::size_t>(std::max(0.0, seconds * inRate));
     int channels = decoder.channels();
-    int centre = channels >= 3 ? av_channel_layout_index_from_channel(&decoder.layout(), AV_CHAN_FRONT_CENTER) : -1;
-    if (dialogue) dialogue->clear();
+    int centre = withDialogue && channels >= 3 ? av_channel_layout_index_from_channel(&decoder.layout(), AV_CHAN_FRONT_CENTER) : -1;
     // Each output (the mix, the centre) goes through a resampler of its own
-    // when the rate differs, piece by piece, so only the results are held whole.
+    // when the rate differs, piece by piece.
     struct Output {
-        std::vector<float>* samples;
+        bool dialogue;
         Swr swr;
+        std::size_t given = 0;
     };
-    std::vector<float> out;
     std::vector<Output> outputs;
-    outputs.push_back({&out, {}});
-    if (dialogue && centre >= 0) outputs.push_back({dialogue, {}});
+    outputs.push_back({false, {}});
+    if (centre >= 0) outputs.push_back({true, {}});
     for (auto& o : outputs) {
-        o.samples->reserve(static_cast<std::size_t>(seconds * rate) + 64);
         if (rate == inRate) continue;
         AVChannelLayout mono = AV_CHANNEL_LAYOUT_MONO;
         SwrContext* raw = nullptr;
@@ -465,15 +463,24 @@ std::vector<float> monoTimeline(dm::Track const& sound, ProgressReporter& progre
         o.swr.reset(raw);
         check(swr_init(o.swr.get()), "Setting up the resampler");
     }
+    // As long as the timeline at the new rate: the resampler's tail is cut
+    // or padded with silence to that.
+    auto length = static_cast<std::size_t>(std::llround(static_cast<double>(total) * rate / inRate));
     constexpr int kPiece = 4800;
     PcmBuffer buf(channels, kPiece);
     std::vector<float*> ptrs;
     for (auto& c : buf.channels) ptrs.push_back(c.data());
     std::vector<float> piece(kPiece), converted;
     double mediaPerSample = static_cast<double>(media->timeScale) / inRate;
+    auto give = [&](Output& o, float const* data, std::size_t count) {
+        count = std::min(count, length - std::min(length, o.given));
+        if (count == 0) return;
+        sink(o.dialogue, data, count);
+        o.given += count;
+    };
     auto emit = [&](Output& o, float const* data, int count) {
         if (!o.swr) {
-            o.samples->insert(o.samples->end(), data, data + count);
+            give(o, data, static_cast<std::size_t>(count));
             return;
         }
         int room = swr_get_out_samples(o.swr.get(), count);
@@ -481,7 +488,7 @@ std::vector<float> monoTimeline(dm::Track const& sound, ProgressReporter& progre
         auto* dst = reinterpret_cast<std::uint8_t*>(converted.data());
         auto const* src = reinterpret_cast<std::uint8_t const*>(data);
         int n = swr_convert(o.swr.get(), &dst, room, data ? &src : nullptr, count);
-        if (n > 0) o.samples->insert(o.samples->end(), converted.begin(), converted.begin() + n);
+        if (n > 0) give(o, converted.data(), static_cast<std::size_t>(n));
     };
     for (std::size_t first = 0; first < total; first += kPiece) {
         progress.update(from + (to - from) * static_cast<double>(first) / static_cast<double>(total));
@@ -505,11 +512,21 @@ std::vector<float> monoTimeline(dm::Track const& sound, ProgressReporter& progre
             emit(outputs[1], c.data(), count);
         }
     }
-    // As long as the timeline at the new rate.
+    std::vector<float> silence;
     for (auto& o : outputs) {
         if (o.swr) emit(o, nullptr, 0);
-        o.samples->resize(static_cast<std::size_t>(std::llround(static_cast<double>(total) * rate / inRate)), 0.f);
+        if (o.given < length) {
+            silence.assign(length - o.given, 0.f);
+            give(o, silence.data(), silence.size());
+        }
     }
+}
+
+std::vector<float> monoTimeline(dm::Track const& sound, ProgressReporter& progress, double from, double to, int rate, int* usedRate)
+{
+    std::vector<float> out;
+    streamTimeline(sound, progress, from, to, rate, [&](bool, float const* samples, std::size_t count) { out.insert(out.end(), samples, samples + count); },
+                   false, usedRate);
     return out;
 }
 
@@ -531,22 +548,29 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
     // Sound first: it is the cheaper half.
     auto smedia = fileMediaOf(unedited, "sound track");
     {
-        int rate = 0;
-        std::vector<float> dialogue;
-        std::vector<float> mono = monoTimeline(unedited, report, 0, kSoundShare, 0, &rate, &dialogue);
-        auto envs = suggest::soundEnvelopes(mono.data(), mono.size(), rate);
-        out.evidence.onset = std::move(envs.onset);
-        out.evidence.soundChange = std::move(envs.change);
+        // Envelopes are made as the sound is read: only they are held whole.
         // A film's voices are in its centre channel, the music and the
         // effects around them: the voice is heard there alone. Not from a
         // centre left all but silent (stereo spread to 5.1 by some tools).
-        auto power = [](std::vector<float> const& v) {
+        int rate = smedia->sampleRate;
+        suggest::SoundEnvelopeBuilder mix(rate), centre(rate);
+        double mixPower = 0, centrePower = 0;
+        auto power = [](float const* v, std::size_t n) {
             double sum = 0;
-            for (float x : v) sum += static_cast<double>(x) * x;
-            return sum / static_cast<double>(std::max<std::size_t>(1, v.size()));
+            for (std::size_t i = 0; i < n; ++i) sum += static_cast<double>(v[i]) * v[i];
+            return sum;
         };
-        if (!dialogue.empty() && power(dialogue) > 0.01 * power(mono)) {
-            envs = suggest::soundEnvelopes(dialogue.data(), dialogue.size(), rate);
+        streamTimeline(unedited, report, 0, kSoundShare, rate,
+                       [&](bool dialogue, float const* samples, std::size_t count) {
+                           (dialogue ? centrePower : mixPower) += power(samples, count);
+                           (dialogue ? centre : mix).add(samples, count);
+                       },
+                       true);
+        auto envs = mix.finish();
+        out.evidence.onset = std::move(envs.onset);
+        out.evidence.soundChange = std::move(envs.change);
+        if (centrePower > 0.01 * mixPower && centrePower > 0) {
+            envs = centre.finish();
             out.dialogueChannel = true;
         }
         out.evidence.speech = std::move(envs.speech);

@@ -10,6 +10,7 @@
 #include "WriteProgress.h"
 
 #include <atomic>
+#include <functional>
 #include <string>
 
 namespace media {
@@ -49,12 +50,19 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
 
 // The timeline of a sound track (its edits applied, empty time silent) as
 // mono samples from time 0, at `rate` (0: the decoder's own; the rate used
-// goes to `usedRate`), reporting progress from `from` to `to`. With
-// `dialogue`, a sound with a front centre channel among others (a film's
-// 5.1, where the voices are) also gives that channel alone there, at the
-// same rate; other sounds leave it empty. Throws MediaError, Cancelled.
+// goes to `usedRate`), reporting progress from `from` to `to`. Throws
+// MediaError, Cancelled.
 std::vector<float> monoTimeline(dm::Track const& sound, ProgressReporter& progress, double from, double to, int rate = 0,
-                                int* usedRate = nullptr, std::vector<float>* dialogue = nullptr);
+                                int* usedRate = nullptr);
+
+// The same timeline given piece by piece to `sink`, in order, so that a long
+// movie's sound need not be held whole (`dialogue` false). With
+// `withDialogue`, a sound with a front centre channel among others (a film's
+// 5.1, where the voices are) also gives that channel alone, at the same rate
+// and as long (`dialogue` true).
+using TimelineSink = std::function<void(bool dialogue, float const* samples, std::size_t count)>;
+void streamTimeline(dm::Track const& sound, ProgressReporter& progress, double from, double to, int rate, TimelineSink const& sink,
+                    bool withDialogue = false, int* usedRate = nullptr);
 
 // The movie's enabled video track, or null.
 dm::TrackPtr enabledVideoTrack(dm::Movie const& movie);
