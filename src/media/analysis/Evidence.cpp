@@ -588,7 +588,8 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
     // Pictures are looked at as they are shown: a DVD's narrow pixels
     // widened, a phone's sideways picture turned upright. Faces are found
     // only upright and in their own proportions.
-    auto [shownW, shownH] = vmedia->displaySize();
+    auto const shown = vmedia->displaySize();
+    int const shownW = shown.first, shownH = shown.second;
     int turn = vmedia->rotation;
     auto evenSize = [&](int width) {
         int w = std::max(16, std::min(width, shownW)) & ~1;
@@ -630,7 +631,7 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
         upright->height = lh;
         check(av_frame_get_buffer(upright.get(), 0), "Allocating a picture");
     }
-    auto uprightGrey = [&]() -> AVFrame* {
+    auto uprightGrey = [&, lw = lw, lh = lh]() -> AVFrame* {
         bool quarter = turn == 90 || turn == 270;
         AVFrame* grey = toLips.convert(f.get(), quarter ? lh : lw, quarter ? lw : lh, AV_PIX_FMT_GRAY8, SWS_AREA);
         if (turn == 0) return grey;
