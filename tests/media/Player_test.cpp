@@ -224,6 +224,15 @@ struct FrameLog {
             arrived.notify_all();
         });
     }
+    // Attaches to `p`, shows the picture of `seconds` in a view of
+    // `width` x `height` and waits for it.
+    std::shared_ptr<const VideoFrame> show(Player& p, int width, int height, double seconds)
+    {
+        attach(p);
+        p.setViewSize(width, height);
+        p.setCurrentTime(myQTTime(seconds, 600));
+        return waitFor(seconds);
+    }
     // Waits for a picture of `seconds`.
     std::shared_ptr<const VideoFrame> waitFor(double seconds)
     {
@@ -252,10 +261,7 @@ TEST(Player, SeeksShowTheFrameOnScreenAndStepsByFrames)
     FrameLog log; // outlives the player that calls it
     Playing s = manualPlayer(cachedMovie("every-second.mov", everySecond(8)), true);
     Player& p = *s.player;
-    log.attach(p);
-    p.setViewSize(160, 120);
-    p.setCurrentTime(myQTTime(4.0, 600));
-    auto flash = log.waitFor(4.0);
+    auto flash = log.show(p, 160, 120, 4.0);
     ASSERT_TRUE(flash);
     EXPECT_GT(brightness(*flash), 200);
     EXPECT_EQ(flash->width, 160);
@@ -301,11 +307,7 @@ TEST(Player, PicturesAreShownTurnedAndInTheirPixelsShape)
         spec.pixelAspectDen = c.sarDen;
         FrameLog log;
         Playing s = manualPlayer(cachedMovie(c.name, spec), true);
-        Player& p = *s.player;
-        log.attach(p);
-        p.setViewSize(200, 200);
-        p.setCurrentTime(myQTTime(1.0, 600));
-        auto f = log.waitFor(1.0);
+        auto f = log.show(*s.player, 200, 200, 1.0);
         ASSERT_TRUE(f);
         EXPECT_EQ(f->width, c.w);
         EXPECT_EQ(f->height, c.h);

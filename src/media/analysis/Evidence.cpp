@@ -632,10 +632,9 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
         check(av_frame_get_buffer(upright.get(), 0), "Allocating a picture");
     }
     auto uprightGrey = [&, lw = lw, lh = lh]() -> AVFrame* {
-        bool quarter = turn == 90 || turn == 270;
-        AVFrame* grey = toLips.convert(f.get(), quarter ? lh : lw, quarter ? lw : lh, AV_PIX_FMT_GRAY8, SWS_AREA);
-        if (turn == 0) return grey;
-        turnPicture(grey->data[0], grey->linesize[0], grey->width, grey->height, 1, turn, upright->data[0], upright->linesize[0]);
+        if (turn == 0) return toLips.convert(f.get(), lw, lh, AV_PIX_FMT_GRAY8, SWS_AREA);
+        toLips.convertTurned(f.get(), lw, lh, AV_PIX_FMT_GRAY8, turn, upright->data[0], upright->linesize[0],
+                             static_cast<std::size_t>(upright->linesize[0]) * static_cast<std::size_t>(lh), SWS_AREA);
         return upright.get();
     };
     // Interlaced pictures are looked at whole: where their fields were taken

@@ -74,7 +74,7 @@ static std::pair<int, int> shownSize(FileMedia const& media, int w, int h)
 {
     if (media.width == w && media.height == h) return media.displaySize();
     auto [sw, sh] = media.displaySize();
-    bool quarter = media.rotation == 90 || media.rotation == 270;
+    bool quarter = media.turnedSideways();
     double kx = media.width > 0 ? static_cast<double>(quarter ? h : w) / (quarter ? media.height : media.width) : 1;
     double ky = media.height > 0 ? static_cast<double>(quarter ? w : h) / (quarter ? media.width : media.height) : 1;
     return {std::max(2, static_cast<int>(std::lround(sw * kx))), std::max(2, static_cast<int>(std::lround(sh * ky)))};
@@ -200,22 +200,14 @@ void Player::videoLoopBody()
                     }
                     // Scaled straight into the pixels the view paints: bilinear while
                     // the movie plays (it moves on at once), bicubic for a still.
-                    // A turned picture is scaled as stored, then turned into them.
                     auto vf = pool->take();
                     vf->width = w;
                     vf->height = h;
                     ScalerBuffer room = scalerBuffer(w * 4, h);
                     vf->stride = room.stride;
                     vf->rgb.resize(room.bytes);
-                    int flags = playing ? SWS_BILINEAR : SWS_BICUBIC;
-                    if (media->rotation == 0) {
-                        scaler.convertInto(frame.get(), w, h, AV_PIX_FMT_RGB32, vf->rgb.data(), vf->stride, vf->rgb.size(), flags);
-                    } else {
-                        bool quarter = media->rotation == 90 || media->rotation == 270;
-                        AVFrame const* stored = scaler.convert(frame.get(), quarter ? h : w, quarter ? w : h, AV_PIX_FMT_RGB32, flags);
-                        turnPicture(stored->data[0], stored->linesize[0], stored->width, stored->height, 4, media->rotation,
-                                    vf->rgb.data(), vf->stride);
-                    }
+                    scaler.convertTurned(frame.get(), w, h, AV_PIX_FMT_RGB32, media->rotation, vf->rgb.data(), vf->stride, vf->rgb.size(),
+                                         playing ? SWS_BILINEAR : SWS_BICUBIC);
                     vf->seconds = seconds;
                     vf->lap = decoderLap;
                     av_frame_unref(frame.get());

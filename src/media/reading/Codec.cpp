@@ -204,6 +204,21 @@ void Scaler::convertInto(AVFrame const* src, int w, int h, AVPixelFormat fmt, st
     sws_scale(sws_.get(), src->data, src->linesize, 0, src->height, dst, lines);
 }
 
+void Scaler::convertTurned(AVFrame const* src, int w, int h, AVPixelFormat fmt, int degrees, std::uint8_t* pixels, int stride, std::size_t bytes,
+                           int flags)
+{
+    if (degrees == 0) {
+        convertInto(src, w, h, fmt, pixels, stride, bytes, flags);
+        return;
+    }
+    int pixelBytes = av_image_get_linesize(fmt, 1, 0);
+    if (pixelBytes <= 0 || stride < w * pixelBytes || bytes < static_cast<std::size_t>(stride) * static_cast<std::size_t>(h - 1) + static_cast<std::size_t>(w * pixelBytes))
+        throw MediaError("Cannot convert the picture: its buffer is too small.");
+    bool quarter = degrees == 90 || degrees == 270;
+    AVFrame const* stored = convert(src, quarter ? h : w, quarter ? w : h, fmt, flags);
+    turnPicture(stored->data[0], stored->linesize[0], stored->width, stored->height, pixelBytes, degrees, pixels, stride);
+}
+
 AVFrame* Scaler::convert(AVFrame const* src, int w, int h, AVPixelFormat fmt, int flags)
 {
     sws_.reset(sws_getCachedContext(sws_.release(), src->width, src->height, static_cast<AVPixelFormat>(src->format), w, h, fmt,

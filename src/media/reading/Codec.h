@@ -121,6 +121,11 @@ public:
     // writes in place; otherwise it converts into a frame of its own and
     // copies the rows over.
     void convertInto(AVFrame const* src, int w, int h, AVPixelFormat fmt, std::uint8_t* pixels, int stride, std::size_t bytes, int flags);
+    // As convertInto, to a picture of `w` x `h` as shown after turning `src`
+    // clockwise by `degrees` (a one-plane format: grey, RGB): scaled as
+    // stored, then turned into `pixels`.
+    void convertTurned(AVFrame const* src, int w, int h, AVPixelFormat fmt, int degrees, std::uint8_t* pixels, int stride, std::size_t bytes,
+                       int flags);
 
 private:
     Sws sws_;

@@ -58,7 +58,7 @@ std::pair<int, int> FileMedia::displaySize() const
         if (pixelAspect.num > pixelAspect.den) w = static_cast<int>(std::lround(static_cast<double>(w) * av_q2d(pixelAspect)));
         else h = static_cast<int>(std::lround(static_cast<double>(h) / av_q2d(pixelAspect)));
     }
-    if (rotation == 90 || rotation == 270) std::swap(w, h);
+    if (turnedSideways()) std::swap(w, h);
     return {w, h};
 }
 

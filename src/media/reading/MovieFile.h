@@ -99,6 +99,7 @@ struct FileMedia : dm::Media {
     // (phones store upright pictures sideways and say so there).
     AVRational pixelAspect{1, 1};
     int rotation = 0;
+    bool turnedSideways() const { return rotation == 90 || rotation == 270; }
     // The picture's size as shown: stretched by the pixels' shape, then turned.
     std::pair<int, int> displaySize() const;
 
