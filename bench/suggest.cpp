@@ -28,7 +28,9 @@
 // every clip's picture with every other clip's sound (nothing there is in
 // sync: any line is wrong), a table of what each floor of a clip's lone
 // window would give, the reel (all clips cut together, the sound drifting),
-// and with --timing ten minutes of the longest clip at 1280x720 against the
+// with --reel-of PREFIX a second reel of the clips whose names begin with
+// PREFIX (those whose published sync is trusted) four times over, and with
+// --timing ten minutes of the longest clip at 1280x720 against the
 // floor of FFmpeg decoding it.
 #include "Evidence.h"
 #include "MovieFile.h"
@@ -379,7 +381,7 @@ bool run(std::string const& cmd)
 // The reel: every clip scaled into one 640x480 picture at 25 frames a
 // second and cut together, its sound made 0.1 % slower and 0.2 s later. The
 // line is audio = movie / 1.001 + 0.2 (the clips as published at 0).
-void reel(std::vector<std::string> const& clips)
+void reel(std::vector<std::string> const& clips, std::string const& label = "reel")
 {
     std::string inputs, filter, parts;
     for (std::size_t i = 0; i < clips.size(); ++i) {
@@ -393,7 +395,7 @@ void reel(std::vector<std::string> const& clips)
     if (!run("ffmpeg -v error -y" + inputs + " -filter_complex '" + filter + "' -map '[v]' -map '[a]' -c:v libx264 -c:a aac -b:a 128k '" + inSync + "'") ||
         !run("ffmpeg -v error -y -i '" + inSync + "' -map 0:v -map 0:a -c:v copy -af 'asetrate=44100*1.001,aresample=44100,adelay=200:all=1' -c:a aac -b:a 128k '" +
              drifted + "'")) {
-        std::printf("reel: ffmpeg could not make it\n");
+        std::printf("%s: ffmpeg could not make it\n", label.c_str());
         return;
     }
     auto [v0, a0] = trackStarts(inSync);
@@ -407,12 +409,12 @@ void reel(std::vector<std::string> const& clips)
     // Content at movie time m of the reel in sync lies at audio time m + a0 - v0 there; here at (m + a0 - v0) / 1.001 + 0.2, shifted by the copy's starts.
     auto truthAt = [&](double m) { return (m + a0 - v0) / 1.001 + 0.2 + (a1 - a0) - (v1 - v0); };
     if (got.suggestion.refused()) {
-        std::printf("reel (%.0f s, 1/1.001 and 0.2 s late): refused: %s (%.1f s)\n", duration, got.suggestion.refusal.c_str(), took);
+        std::printf("%s (%.0f s, 1/1.001 and 0.2 s late): refused: %s (%.1f s)\n", label.c_str(), duration, got.suggestion.refusal.c_str(), took);
     } else {
         auto const& line = *got.suggestion.line;
-        std::printf("reel (%.0f s, 1/1.001 and 0.2 s late): line off by %+.1f ms at the start, %+.1f ms at the end; %zu candidates, %zu of %zu "
+        std::printf("%s (%.0f s, 1/1.001 and 0.2 s late): line off by %+.1f ms at the start, %+.1f ms at the end; %zu candidates, %zu of %zu "
                     "windows on the line; %.1f s\n",
-                    duration, (line.at(0) - truthAt(0)) * 1000, (line.at(duration) - truthAt(duration)) * 1000, got.suggestion.candidates.size(),
+                    label.c_str(), duration, (line.at(0) - truthAt(0)) * 1000, (line.at(duration) - truthAt(duration)) * 1000, got.suggestion.candidates.size(),
                     line.inliers.size(), got.suggestion.windows.size(), took);
     }
     std::remove(inSync.c_str());
@@ -451,7 +453,7 @@ void tenMinutes(std::vector<std::string> const& clips)
     std::remove(path.c_str());
 }
 
-int realClips(std::string const& dir, bool timing)
+int realClips(std::string const& dir, bool timing, std::string const& reelOf)
 {
     std::vector<std::string> clips;
     for (auto const& e : std::filesystem::directory_iterator(dir)) {
@@ -540,6 +542,21 @@ int realClips(std::string const& dir, bool timing)
                 wrong, refused, std::count_if(all.begin(), all.end(), [](auto const& o) { return !o.related && o.proposed; }),
                 movieSeconds > 0 ? 60 * suggestSeconds / movieSeconds : 0.0);
     reel(clips);
+    if (!reelOf.empty()) {
+        // The clips whose names begin with reelOf, in four orders one after
+        // another (each turned by one more, every other one backwards): a minute of faces whose sync is trusted, so that the
+        // line's error is the suggestion's alone.
+        std::vector<std::string> chosen, reel4;
+        for (auto const& c : clips)
+            if (std::filesystem::path(c).stem().string().rfind(reelOf, 0) == 0) chosen.push_back(c);
+        for (std::size_t k = 0; k < 4 && !chosen.empty(); ++k)
+            for (std::size_t j = 0; j < chosen.size(); ++j) {
+                std::size_t n = chosen.size(), step = k % 2 == 0 ? j : n - 1 - j;
+                reel4.push_back(chosen[(step + k) % n]);
+            }
+        if (reel4.empty()) std::printf("no clip's name begins with %s\n", reelOf.c_str());
+        else reel(reel4, "reel of " + reelOf + "* in four orders");
+    }
     if (timing) tenMinutes(clips);
     return 0;
 }
@@ -552,7 +569,7 @@ int main(int argc, char** argv)
     int perCell = 4;
     double seconds = 120;
     std::vector<std::string> classes = {"flash", "cuts", "talk"};
-    std::string realDir;
+    std::string realDir, reelOf;
     for (int i = 1; i < argc; ++i) {
         std::string a = argv[i];
         if (a == "--held-out") heldOut = true;
@@ -562,8 +579,9 @@ int main(int argc, char** argv)
         else if (a == "--seconds" && i + 1 < argc) seconds = std::atof(argv[++i]);
         else if (a == "--class" && i + 1 < argc) classes = {argv[++i]};
         else if (a == "--real" && i + 1 < argc) realDir = argv[++i];
+        else if (a == "--reel-of" && i + 1 < argc) reelOf = argv[++i];
         else {
-            std::fprintf(stderr, "usage: suggest [--held-out] [--movies N] [--seconds S] [--class flash|cuts|talk] [--verbose] [--timing] [--real DIR]\n");
+            std::fprintf(stderr, "usage: suggest [--held-out] [--movies N] [--seconds S] [--class flash|cuts|talk] [--verbose] [--timing] [--real DIR [--reel-of PREFIX]]\n");
             return 2;
         }
     }
@@ -579,7 +597,7 @@ int main(int argc, char** argv)
     media::setupMediaLogging();
 
     if (!realDir.empty()) {
-        int status = realClips(realDir, timing);
+        int status = realClips(realDir, timing, reelOf);
         rmdir(scratch.c_str());
         return status;
     }
