@@ -401,7 +401,11 @@ bool MovieDoc::offerCandidates(suggest::Suggestion const& sg, QString const& whe
         kit::AlertSpec spec;
         spec.sheetParent = mMovieWindow;
         spec.message = "Dubmatch has no sync points to suggest.";
-        spec.informative = QString::fromStdString(sg.refusal) + ".\n\n" + whenRefused;
+        // The reason reads after a colon elsewhere ("...: the movie is too
+        // short"); here it stands as a sentence of its own.
+        QString why = QString::fromStdString(sg.refusal);
+        if (!why.isEmpty()) why[0] = why[0].toUpper();
+        spec.informative = why + ".\n\n" + whenRefused;
         kit::runAlert(spec);
         return false;
     }

@@ -458,6 +458,10 @@ TEST_F(App, SuggestedPointsAreConfirmedOrDismissed)
     EXPECT_TRUE(regular->performAction("suggestPoints"));
     ASSERT_EQ(alerts.shown.size(), 1u);
     EXPECT_EQ(alerts.shown[0].message, "Dubmatch has no sync points to suggest.");
+    // Why, as a sentence of its own, then what to do.
+    QString const& why = alerts.shown[0].informative;
+    EXPECT_TRUE(!why.isEmpty() && why[0].isUpper()) << why.toStdString();
+    EXPECT_TRUE(why.contains("by ear")) << why.toStdString();
     EXPECT_TRUE(regular->session()->candidates().empty());
     EXPECT_EQ(regular->changeCount(), 0);
 }
