@@ -21,8 +21,8 @@
 // be in sync) is copied with its sound moved by known shifts of 0.12 to
 // 0.4 s either way (ffmpeg: the picture copied, the sound re-encoded later
 // with silence before it, or earlier with its start cut), and each copy's
-// suggestion is scored against the shift, corrected by how the copy's
-// tracks start against the original's. Verdicts: within one frame, refused,
+// suggestion is scored against where the copy's sound landed against the
+// original's (cross-correlation of the two sounds). Verdicts: within one frame, refused,
 // WRONG (a proposed line farther than one frame at any point). A refused
 // copy shows in parentheses the error of what its window measured. Then
 // every clip's picture with every other clip's sound (nothing there is in
@@ -35,6 +35,7 @@
 #include "Evidence.h"
 #include "MovieFile.h"
 #include "OffsetList.h"
+#include "SoundMeasure.h"
 #include "TestMovie.h"
 
 #include <algorithm>
@@ -477,8 +478,23 @@ int realClips(std::string const& dir, bool timing, std::string const& reelOf)
                 std::printf("%-16s %+7.2f  (ffmpeg could not make the copy)\n", name.c_str(), shift);
                 continue;
             }
+            // The truth is where the copy's sound landed against the
+            // original's, found by cross-correlation. The tracks' starts
+            // alone mislead: FFmpeg's MP2 encoder puts 481 samples (10.9 ms)
+            // of its own before the sound, and the muxer starts the picture
+            // that much later to make up for them. They give the truth only
+            // when too little of the sound is found.
             auto [v1, a1] = trackStarts(copy);
             double truth = shift + (a1 - a0) - (v1 - v0);
+            media::SoundMeasureOptions along;
+            along.points = std::vector<Offset>{};
+            along.search = std::fabs(shift) + 0.1;
+            std::vector<double> found;
+            for (auto const& w : media::measureSoundAgainst(clip, copy, along).windows) found.push_back(w.error);
+            if (found.size() >= 3) {
+                std::nth_element(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(found.size() / 2), found.end());
+                truth = found[found.size() / 2];
+            }
             double took = 0;
             std::string mouth;
             RealOutcome o = suggestOn(copy, name, truth, true, &took, &mouth);
