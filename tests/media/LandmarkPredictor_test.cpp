@@ -135,3 +135,33 @@ TEST(LandmarkPredictor, RefusesModelsItCannotUse)
     ScopedEnv tiny("DUBMATCH_LANDMARK_MODEL", dir.file("tiny.dat").c_str());
     EXPECT_NE(makeLandmarkPredictor(), nullptr);
 }
+
+// The model read is kept for the next predictor while its file stays the
+// same; a file replaced under the same name is read again, and refused if
+// it is no model.
+TEST(LandmarkPredictor, AModelReplacedUnderItsNameIsReadAgain)
+{
+    ScratchDir dir;
+    std::string path = dir.file("model.dat");
+    writeFile(path, tinyModel(67, 1, 136));
+    ScopedEnv model("DUBMATCH_LANDMARK_MODEL", path.c_str());
+    auto first = makeLandmarkPredictor();
+    ASSERT_NE(first, nullptr);
+    EXPECT_NE(makeLandmarkPredictor(), nullptr);
+
+    writeFile(path, "not a model at all");
+    std::string why;
+    EXPECT_EQ(makeLandmarkPredictor(&why), nullptr);
+    EXPECT_NE(why.find("cannot be read"), std::string::npos) << why;
+
+    writeFile(path, tinyModel(67, 1, 136));
+    auto again = makeLandmarkPredictor();
+    ASSERT_NE(again, nullptr);
+    // Predictors of one model place the same points, each on its own.
+    std::vector<std::uint8_t> grey(100 * 100, 128);
+    for (std::size_t i = 0; i < grey.size(); ++i) grey[i] = static_cast<std::uint8_t>((i * 37) % 251);
+    FaceBox box{20, 20, 60, 60};
+    auto a = first->predict(grey.data(), 100, 100, 100, box);
+    auto b = again->predict(grey.data(), 100, 100, 100, box);
+    for (std::size_t i = 0; i < a.size(); ++i) EXPECT_TRUE(a[i].x == b[i].x && a[i].y == b[i].y) << i;
+}

@@ -8,7 +8,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
+#include <memory>
+#include <mutex>
 
 namespace media {
 
@@ -38,12 +41,27 @@ LandmarkPoint centroid(FaceLandmarks const& p)
 // waiting for leaves to arrive from a model of about 100 MB. Here a stage's
 // leaves lie in one block, every tree of the stage is walked first, and the
 // leaves are fetched a few trees ahead of the sum.
-class CascadePredictor : public LandmarkPredictor {
-public:
+//
+// The model, read once, is shared by every predictor made from it (it is
+// only read while predicting); each predictor has its own working memory.
+struct CascadeModel {
+    struct Tree {
+        std::size_t firstSplit = 0, splitCount = 0, firstLeaf = 0;
+    };
+    struct Stage {
+        std::vector<unsigned long> anchors;
+        std::vector<dlib::vector<float, 2>> deltas;
+        std::vector<dlib::impl::split_feature> splits;
+        std::vector<float> leaves;
+        std::vector<Tree> trees;
+    };
+    dlib::matrix<float, 0, 1> initial_;
+    std::vector<Stage> stages_;
+
     // Reads a model in dlib's shape_predictor format. Throws
     // dlib::serialization_error (a file cut short or not of that format)
     // and std::runtime_error (a model of another version or shape).
-    explicit CascadePredictor(std::istream& in)
+    explicit CascadeModel(std::istream& in)
     {
         int version = 0;
         dlib::deserialize(version, in);
@@ -80,6 +98,11 @@ public:
             stages_.push_back(std::move(stage));
         }
     }
+};
+
+class CascadePredictor : public LandmarkPredictor {
+public:
+    explicit CascadePredictor(std::shared_ptr<CascadeModel const> model) : model_(std::move(model)) {}
 
     FaceLandmarks predict(std::uint8_t const* grey, int width, int height, int stride, FaceBox const& box) override
     {
@@ -113,10 +136,10 @@ private:
     // The shape's points in the unit square of `r`, a box on image_.
     dlib::matrix<float, 0, 1> shapeIn(dlib::rectangle const& r)
     {
-        dlib::matrix<float, 0, 1> shape = initial_;
+        dlib::matrix<float, 0, 1> shape = model_->initial_;
         auto dimension = static_cast<std::size_t>(shape.size());
-        for (auto const& stage : stages_) {
-            dlib::impl::extract_feature_pixel_values(image_, r, shape, initial_, stage.anchors, stage.deltas, features_);
+        for (auto const& stage : model_->stages_) {
+            dlib::impl::extract_feature_pixel_values(image_, r, shape, model_->initial_, stage.anchors, stage.deltas, features_);
             chosen_.resize(stage.trees.size());
             for (std::size_t t = 0; t < stage.trees.size(); ++t) {
                 auto const& tree = stage.trees[t];
@@ -140,18 +163,7 @@ private:
         return shape;
     }
 
-    struct Tree {
-        std::size_t firstSplit = 0, splitCount = 0, firstLeaf = 0;
-    };
-    struct Stage {
-        std::vector<unsigned long> anchors;
-        std::vector<dlib::vector<float, 2>> deltas;
-        std::vector<dlib::impl::split_feature> splits;
-        std::vector<float> leaves;
-        std::vector<Tree> trees;
-    };
-    dlib::matrix<float, 0, 1> initial_;
-    std::vector<Stage> stages_;
+    std::shared_ptr<CascadeModel const> model_;
     dlib::array2d<unsigned char> image_;
     std::vector<float> features_;
     std::vector<float const*> chosen_;
@@ -346,9 +358,27 @@ std::unique_ptr<LandmarkPredictor> makeLandmarkPredictor(std::string* why)
         if (why) *why = "the facial landmark model is not installed (Debian package libdlib-data)";
         return nullptr;
     }
+    // Reading the model takes longer than finding the points of a short
+    // clip's every face: the last one read is kept for the next suggestion,
+    // as long as its file is the same (path, size and time of change).
+    static std::mutex lock;
+    static struct {
+        std::string path;
+        std::uintmax_t size = 0;
+        std::filesystem::file_time_type changed{};
+        std::shared_ptr<CascadeModel const> model;
+    } kept;
+    std::error_code failed;
+    auto size = std::filesystem::file_size(path, failed);
+    auto changed = failed ? std::filesystem::file_time_type{} : std::filesystem::last_write_time(path, failed);
+    std::lock_guard guard(lock);
+    if (!failed && kept.model && kept.path == path && kept.size == size && kept.changed == changed)
+        return std::make_unique<CascadePredictor>(kept.model);
     try {
         std::ifstream in(path, std::ios::binary);
-        return std::make_unique<CascadePredictor>(in);
+        auto model = std::make_shared<CascadeModel const>(in);
+        if (!failed) kept = {path, size, changed, model};
+        return std::make_unique<CascadePredictor>(std::move(model));
     } catch (std::exception const& e) {
         if (why) *why = "the facial landmark model \"" + path + "\" cannot be read: " + e.what();
         return nullptr;
