@@ -4,9 +4,11 @@
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QGridLayout>
+#include <QHeaderView>
 #include <QPushButton>
 #include <QSortFilterProxyModel>
 #include <QFileSystemModel>
+#include <QTreeView>
 
 namespace kit {
 
@@ -33,6 +35,20 @@ protected:
 private:
     std::function<bool(QString const&)> filter_;
 };
+
+// Qt's own file dialog leaves its size, type and date columns what the
+// names do not take, and a date reads "26 Nov\u2026:58:02". Each of them is
+// made as wide as what it shows; the names take the rest.
+void showWholeColumns(QFileDialog& dialog)
+{
+    if (!dialog.testOption(QFileDialog::DontUseNativeDialog)) return;
+    auto* list = dialog.findChild<QTreeView*>("treeView");
+    if (!list || !list->header()) return;
+    QHeaderView* header = list->header();
+    header->setStretchLastSection(false);
+    for (int c = 0; c < header->count(); ++c) header->setSectionResizeMode(c, c == 0 ? QHeaderView::Stretch : QHeaderView::ResizeToContents);
+}
+
 } // namespace
 
 void setAlertResponder(AlertResponder r) { alertResponder = std::move(r); }
@@ -86,6 +102,7 @@ QString runSavePanel(SavePanelSpec const& spec)
         dialog.setOption(QFileDialog::DontUseNativeDialog, true);
         if (auto* grid = qobject_cast<QGridLayout*>(dialog.layout())) grid->addWidget(spec.accessory, grid->rowCount(), 0, 1, -1);
     }
+    showWholeColumns(dialog);
     dialog.selectFile(spec.proposedName);
     dialog.setWindowModality(spec.sheetParent ? Qt::WindowModal : Qt::ApplicationModal);
     if (spec.customize) spec.customize(dialog);
@@ -110,6 +127,7 @@ QString runOpenPanel(OpenPanelSpec const& spec)
     dialog.setFileMode(QFileDialog::ExistingFile);
     dialog.setOption(QFileDialog::DontUseNativeDialog, true); // the filter needs Qt's own dialog
     if (spec.shouldShow) dialog.setProxyModel(new FilterProxy(spec.shouldShow));
+    showWholeColumns(dialog);
     if (dialog.exec() != QDialog::Accepted || dialog.selectedFiles().isEmpty()) return {};
     return dialog.selectedFiles().back();
 }
