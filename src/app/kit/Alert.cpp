@@ -37,7 +37,7 @@ private:
 };
 
 // Qt's own file dialog leaves its size, type and date columns what the
-// names do not take, and a date reads "26 Nov\u2026:58:02". Each of them is
+// names do not take, and a date reads "26 Nov...:58:02". Each of them is
 // made as wide as what it shows; the names take the rest.
 void showWholeColumns(QFileDialog& dialog)
 {

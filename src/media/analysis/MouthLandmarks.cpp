@@ -55,8 +55,8 @@ struct CascadeModel {
         std::vector<float> leaves;
         std::vector<Tree> trees;
     };
-    dlib::matrix<float, 0, 1> initial_;
-    std::vector<Stage> stages_;
+    dlib::matrix<float, 0, 1> initial;
+    std::vector<Stage> stages;
 
     // Reads a model in dlib's shape_predictor format. Throws
     // dlib::serialization_error (a file cut short or not of that format)
@@ -69,11 +69,11 @@ struct CascadeModel {
         std::vector<std::vector<dlib::impl::regression_tree>> forests;
         std::vector<std::vector<unsigned long>> anchors;
         std::vector<std::vector<dlib::vector<float, 2>>> deltas;
-        dlib::deserialize(initial_, in);
+        dlib::deserialize(initial, in);
         dlib::deserialize(forests, in);
         dlib::deserialize(anchors, in);
         dlib::deserialize(deltas, in);
-        auto dimension = static_cast<std::size_t>(initial_.size());
+        auto dimension = static_cast<std::size_t>(initial.size());
         if (forests.size() != anchors.size() || forests.size() != deltas.size() || dimension != 2 * 68)
             throw std::runtime_error("the model is not a 68-point shape predictor");
         for (std::size_t s = 0; s < forests.size(); ++s) {
@@ -95,7 +95,7 @@ struct CascadeModel {
                     stage.leaves.insert(stage.leaves.end(), leaf.begin(), leaf.end());
                 }
             }
-            stages_.push_back(std::move(stage));
+            stages.push_back(std::move(stage));
         }
     }
 };
@@ -136,10 +136,10 @@ private:
     // The shape's points in the unit square of `r`, a box on image_.
     dlib::matrix<float, 0, 1> shapeIn(dlib::rectangle const& r)
     {
-        dlib::matrix<float, 0, 1> shape = model_->initial_;
+        dlib::matrix<float, 0, 1> shape = model_->initial;
         auto dimension = static_cast<std::size_t>(shape.size());
-        for (auto const& stage : model_->stages_) {
-            dlib::impl::extract_feature_pixel_values(image_, r, shape, model_->initial_, stage.anchors, stage.deltas, features_);
+        for (auto const& stage : model_->stages) {
+            dlib::impl::extract_feature_pixel_values(image_, r, shape, model_->initial, stage.anchors, stage.deltas, features_);
             chosen_.resize(stage.trees.size());
             for (std::size_t t = 0; t < stage.trees.size(); ++t) {
                 auto const& tree = stage.trees[t];
