@@ -22,8 +22,9 @@
 // 0.4 s either way (ffmpeg: the picture copied, the sound re-encoded later
 // with silence before it, or earlier with its start cut), and each copy's
 // suggestion is scored against where the copy's sound landed against the
-// original's (cross-correlation of the two sounds). Verdicts: within one frame, refused,
-// WRONG (a proposed line farther than one frame at any point). A refused
+// original's (cross-correlation of the two sounds). Verdicts: within one
+// frame, refused, WRONG (a proposed line farther than one frame at any
+// point). A refused
 // copy shows in parentheses the error of what its window measured. Then
 // every clip's picture with every other clip's sound (nothing there is in
 // sync: any line is wrong), a table of what each floor of a clip's lone
@@ -560,8 +561,9 @@ int realClips(std::string const& dir, bool timing, std::string const& reelOf)
     reel(clips);
     if (!reelOf.empty()) {
         // The clips whose names begin with reelOf, in four orders one after
-        // another (each turned by one more, every other one backwards): a minute of faces whose sync is trusted, so that the
-        // line's error is the suggestion's alone.
+        // another (each turned by one more, every other one backwards): a
+        // minute of faces whose sync is trusted, so that the line's error
+        // is the suggestion's alone.
         std::vector<std::string> chosen, reel4;
         for (auto const& c : clips)
             if (std::filesystem::path(c).stem().string().rfind(reelOf, 0) == 0) chosen.push_back(c);
