@@ -24,15 +24,14 @@
 // suggestion is scored against where the copy's sound landed against the
 // original's (cross-correlation of the two sounds). Verdicts: within one
 // frame, refused, WRONG (a proposed line farther than one frame at any
-// point). A refused
-// copy shows in parentheses the error of what its window measured. Then
-// every clip's picture with every other clip's sound (nothing there is in
-// sync: any line is wrong), a table of what each floor of a clip's lone
-// window would give, the reel (all clips cut together, the sound drifting),
-// with --reel-of PREFIX a second reel of the clips whose names begin with
-// PREFIX (those whose published sync is trusted) four times over, and with
-// --timing ten minutes of the longest clip at 1280x720 against the
-// floor of FFmpeg decoding it.
+// point). A refused copy shows in parentheses the error of what its window
+// measured. Then every clip's picture with every other clip's sound
+// (nothing there is in sync: any line is wrong), a table of what each floor
+// of a clip's lone window would give, the reel (all clips cut together, the
+// sound drifting), with --reel-of PREFIX a second reel of the clips whose
+// names begin with PREFIX (those whose published sync is trusted) four
+// times over, and with --timing ten minutes of the longest clip at 1280x720
+// against the floor of FFmpeg decoding it.
 #include "Evidence.h"
 #include "MovieFile.h"
 #include "OffsetList.h"
