@@ -520,15 +520,16 @@ bool anyInWindow(Envelope const& e, double start, double seconds)
     return false;
 }
 
+// A measure of the mouth (picture) with the measure of the speech (sound)
+// it goes with; the correlations of a mouth's pairs are averaged, weighted.
+struct MouthPair {
+    Envelope picture, sound;
+    double weight = 1;
+};
+
 // The envelopes that a window compares, prepared once for the movie.
 struct Prepared {
     Envelope changes, onsets, soundChanges, mouth, speech;
-    // Measures of the mouth (picture), each with the measure of the speech
-    // (sound) it goes with; their correlations are averaged, weighted.
-    struct MouthPair {
-        Envelope picture, sound;
-        double weight = 1;
-    };
     std::vector<MouthPair> mouthPairs;
 };
 
@@ -563,11 +564,72 @@ std::vector<Envelope> voiceLevels(Evidence const& ev)
     return levels;
 }
 
-std::vector<Envelope> ratesOf(std::vector<Envelope> const& levels)
+// The measures of a mouth (the landmark measures of `ev`), each with the
+// voice's measure it is compared with.
+std::vector<MouthPair> mouthPairs(Evidence const& ev, Voice const& voice)
 {
-    std::vector<Envelope> rates;
-    for (auto const& level : levels) rates.push_back(rateOfChange(level));
-    return rates;
+    std::vector<MouthPair> out;
+    if (ev.mouthOpening.values.empty() || voice.levels.empty()) return out;
+    // All over about a syllable's attack, so that the speech moves no
+    // faster than a mouth seen 25 times a second can. A mouth opens as
+    // the sound of a syllable rises: the rates of change go together,
+    // and so do the lips' openings and the speech level. The darkness
+    // inside the lips depends on the teeth and the light as much as on
+    // the opening, so only its rate of change is compared. Each measure
+    // alone peaks at a wrong lag now and then on real faces; their
+    // mean does so far less (on the development clips, the lags of
+    // the two kinds agreed within a frame wherever the mean was right).
+    //
+    // The speech is heard in the two bands of the first formants,
+    // 800-1600 Hz and 1600-3200 Hz, each on its own (the whole 300-3400
+    // Hz band when they are missing): they rise and fall with the
+    // opening more closely than the voice's fundamental does.
+    auto add = [&](Envelope const& mouth, bool withLevel, double weight = 1.0) {
+        if (mouth.values.empty()) return;
+        Envelope m = smoothed(mouth, 0.05), mRate = rateOfChange(m);
+        for (std::size_t b = 0; b < voice.levels.size(); ++b) {
+            if (withLevel) out.push_back({m, voice.levels[b], weight});
+            out.push_back({mRate, voice.rates[b], weight});
+        }
+    };
+    // The inner and the outer lips' gaps are two readings of one
+    // thing, the lips' landmarks, so together they weigh as much as
+    // each of the two brightness measures: counted in full, the
+    // landmarks, which jitter on small faces, outweighed the
+    // brightness (on the development clips 16 of 54 shifted copies
+    // were placed within a frame with both gaps in full, 20 with each
+    // at half; no unrelated pair rose to the floor either way).
+    add(ev.mouthOpening, true, 0.5);
+    add(ev.lipsApart, true, 0.5);
+    add(ev.mouthDark, false);
+    add(ev.mouthShade, false);
+    // The jaw's drop (landmarks again) and the look of the whole
+    // mouth's picture (brightness again) count half each, by their
+    // rates only: their levels also follow a head that nods or turns
+    // to the light. On the development clips each alone took 20 placed
+    // copies to 21, both together to 24, with the highest unrelated
+    // pair unchanged; their levels as well took them to 17 and 13.
+    add(ev.jaw, false, 0.5);
+    add(ev.mouthLook, false, 0.5);
+    return out;
+}
+
+// The weighted mean of the correlations of a mouth's pairs over one window.
+Correlation mouthCorrelation(std::vector<MouthPair> const& pairs, double start, double length, double maxLag, double slope)
+{
+    Correlation mean;
+    double total = 0;
+    for (auto const& [picture, sound, w] : pairs) {
+        total += w;
+        Correlation c = correlateAlong(picture, sound, start, length, maxLag, slope, true);
+        if (mean.values.empty()) {
+            mean = c;
+            for (double& v : mean.values) v *= w;
+        } else
+            for (std::size_t i = 0; i < mean.values.size() && i < c.values.size(); ++i) mean.values[i] += w * c.values[i];
+    }
+    for (double& v : mean.values) v /= total;
+    return mean;
 }
 
 Prepared prepare(Evidence const& ev)
@@ -578,50 +640,7 @@ Prepared prepare(Evidence const& ev)
     if (!ev.soundChange.values.empty()) p.soundChanges = peaks(ev.soundChange);
     if (!ev.mouth.values.empty()) p.mouth = events(ev.mouth);
     if (!ev.speech.values.empty()) p.speech = events(speechChanges(ev.speech));
-    if (!ev.mouthOpening.values.empty() && !ev.speech.values.empty()) {
-        // All over about a syllable's attack, so that the speech moves no
-        // faster than a mouth seen 25 times a second can. A mouth opens as
-        // the sound of a syllable rises: the rates of change go together,
-        // and so do the lips' openings and the speech level. The darkness
-        // inside the lips depends on the teeth and the light as much as on
-        // the opening, so only its rate of change is compared. Each measure
-        // alone peaks at a wrong lag now and then on real faces; their
-        // mean does so far less (on the development clips, the lags of
-        // the two kinds agreed within a frame wherever the mean was right).
-        //
-        // The speech is heard in the two bands of the first formants,
-        // 800-1600 Hz and 1600-3200 Hz, each on its own (the whole 300-3400
-        // Hz band when they are missing): they rise and fall with the
-        // opening more closely than the voice's fundamental does.
-        std::vector<Envelope> levels = voiceLevels(ev), rates = ratesOf(levels);
-        auto add = [&](Envelope const& mouth, bool withLevel, double weight = 1.0) {
-            if (mouth.values.empty()) return;
-            Envelope m = smoothed(mouth, 0.05), mRate = rateOfChange(m);
-            for (std::size_t b = 0; b < levels.size(); ++b) {
-                if (withLevel) p.mouthPairs.push_back({m, levels[b], weight});
-                p.mouthPairs.push_back({mRate, rates[b], weight});
-            }
-        };
-        // The inner and the outer lips' gaps are two readings of one
-        // thing, the lips' landmarks, so together they weigh as much as
-        // each of the two brightness measures: counted in full, the
-        // landmarks, which jitter on small faces, outweighed the
-        // brightness (on the development clips 16 of 54 shifted copies
-        // were placed within a frame with both gaps in full, 20 with each
-        // at half; no unrelated pair rose to the floor either way).
-        add(ev.mouthOpening, true, 0.5);
-        add(ev.lipsApart, true, 0.5);
-        add(ev.mouthDark, false);
-        add(ev.mouthShade, false);
-        // The jaw's drop (landmarks again) and the look of the whole
-        // mouth's picture (brightness again) count half each, by their
-        // rates only: their levels also follow a head that nods or turns
-        // to the light. On the development clips each alone took 20 placed
-        // copies to 21, both together to 24, with the highest unrelated
-        // pair unchanged; their levels as well took them to 17 and 13.
-        add(ev.jaw, false, 0.5);
-        add(ev.mouthLook, false, 0.5);
-    }
+    if (!ev.speech.values.empty()) p.mouthPairs = mouthPairs(ev, voiceOf(ev));
     return p;
 }
 
@@ -644,21 +663,7 @@ std::optional<LocalOffset> measureWindow(Prepared const& p, Settings const& s, s
     if (!p.soundChanges.values.empty()) measure(p.changes, p.soundChanges, "picture changes and changes of sound");
     if (!p.mouth.values.empty() && anyInWindow(p.mouth, start, length)) measure(p.mouth, p.speech, "mouth motion and speech");
     if (!p.mouthPairs.empty()) {
-        for (double slope : slopes) {
-            Correlation mean;
-            double total = 0;
-            for (auto const& [picture, sound, w] : p.mouthPairs) {
-                total += w;
-                Correlation c = correlateAlong(picture, sound, start, length, maxLag, slope, true);
-                if (mean.values.empty()) {
-                    mean = c;
-                    for (double& v : mean.values) v *= w;
-                } else
-                    for (std::size_t i = 0; i < mean.values.size() && i < c.values.size(); ++i) mean.values[i] += w * c.values[i];
-            }
-            for (double& v : mean.values) v /= total;
-            weigh(mean, "mouth opening and speech");
-        }
+        for (double slope : slopes) weigh(mouthCorrelation(p.mouthPairs, start, length, maxLag, slope), "mouth opening and speech");
     }
     return best;
 }
@@ -706,12 +711,7 @@ Suggestion suggestForClip(Evidence const& ev, Prepared const& p, Settings const&
         out.refusal = "the movie is too short to compare its picture with its sound";
         return out;
     }
-    // Lags of a third of the clip either way (from shortMaxLag up to
-    // maxLag): a clip of a beat that repeats every 2 s must show its other
-    // fits, not hide them beyond the range.
-    double maxLag = std::min(s.maxLag, std::max(s.shortMaxLag, ev.duration / 3));
-    maxLag = std::min(maxLag, ev.duration / 3);
-    out.windows = measureWindows(p, s, {1.0}, {0.0}, ev.duration, maxLag);
+    out.windows = measureWindows(p, s, {1.0}, {0.0}, ev.duration, lagsMeasured(s, ev.duration));
     if (out.windows.empty()) {
         out.refusal = "the one window over the clip shows no clear offset between picture and sound";
         return out;
@@ -826,23 +826,32 @@ Suggestion suggestPoints(Evidence const& ev, Settings const& s)
     return out;
 }
 
-std::vector<Envelope> voiceRates(Evidence const& ev)
+double lagsMeasured(Settings const& s, double duration)
 {
-    return ratesOf(voiceLevels(ev));
+    if (duration > s.windowSeconds) return s.maxLag;
+    // Lags of a third of the clip either way (from shortMaxLag up to
+    // maxLag): a clip of a beat that repeats every 2 s must show its other
+    // fits, not hide them beyond the range.
+    return std::min({s.maxLag, std::max(s.shortMaxLag, duration / 3), duration / 3});
 }
 
-double mouthFollowsVoice(Envelope const& opening, std::vector<Envelope> const& voiceRates, double start, double seconds, double maxLag)
+Voice voiceOf(Evidence const& ev)
 {
-    if (voiceRates.empty() || opening.values.empty()) return 0;
-    Envelope mouthRate = rateOfChange(smoothed(opening, 0.05));
-    std::vector<double> mean;
-    for (auto const& rate : voiceRates) {
-        Correlation c = correlateAlong(mouthRate, rate, start, seconds, maxLag, 1.0, true);
-        if (c.values.empty()) return 0;
-        if (mean.empty()) mean.assign(c.values.size(), 0.0);
-        for (std::size_t i = 0; i < mean.size() && i < c.values.size(); ++i) mean[i] += c.values[i] / static_cast<double>(voiceRates.size());
-    }
-    return std::max(0.0, *std::max_element(mean.begin(), mean.end()));
+    Voice v;
+    v.levels = voiceLevels(ev);
+    for (auto const& level : v.levels) v.rates.push_back(rateOfChange(level));
+    return v;
+}
+
+double mouthFollowsVoice(Evidence const& mouth, Voice const& voice, double start, double seconds, double maxLag)
+{
+    auto pairs = mouthPairs(mouth, voice);
+    if (pairs.empty()) return 0;
+    // The speaker's mouth follows the voice at one lag; a mouth that sings
+    // or chews along may follow it as closely, but loosely, at many. So the
+    // clearest peak counts, not the highest.
+    auto peak = findPeak(mouthCorrelation(pairs, start, seconds, maxLag, 1.0), 2 * Settings{}.frameSeconds);
+    return peak ? peak->confidence() : 0;
 }
 
 } // namespace suggest

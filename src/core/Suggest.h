@@ -238,16 +238,24 @@ Envelope smoothed(Envelope const& e, double seconds);
 // The start times of the windows over a movie of `duration` seconds.
 std::vector<double> windowStarts(double duration, Settings const& settings);
 
-// The rates of change of the voice's level in each formant band of
-// `evidence` (of the whole speech band when they are missing), prepared as
-// the windows prepare them; empty without a voice.
-std::vector<Envelope> voiceRates(Evidence const& evidence);
+// How far either way the sound is looked for in a movie of `duration`
+// seconds: maxLag in its windows, less in a clip (see minClipSeconds).
+double lagsMeasured(Settings const& s, double duration);
 
-// How closely a mouth's opening (picture, movie time) moves with a voice
-// (its voiceRates) over [start, start + seconds]: the opening's rate of
-// change against each of the voice's, correlated at lags up to `maxLag`
-// either way and averaged over them; the highest mean. 0 without a voice or
-// with too little of the span.
-double mouthFollowsVoice(Envelope const& opening, std::vector<Envelope> const& voiceRates, double start, double seconds, double maxLag);
+// The voice of a movie as mouths are compared with it: the log level of each
+// formant band of `evidence` (of the whole speech band when they are
+// missing), over about a syllable's attack, and its rate of change; empty
+// without a voice.
+struct Voice {
+    std::vector<Envelope> levels, rates;
+};
+Voice voiceOf(Evidence const& evidence);
+
+// How clearly a mouth moves with a voice over [start, start + seconds]: the
+// landmark measures of `mouth` (picture, movie time) against the voice's,
+// as a window compares them, at lags up to `maxLag` either way; the
+// confidence of their mean's peak (see Peak). 0 without a voice, without
+// landmarks or with too little of the span.
+double mouthFollowsVoice(Evidence const& mouth, Voice const& voice, double start, double seconds, double maxLag);
 
 } // namespace suggest

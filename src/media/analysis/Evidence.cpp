@@ -174,12 +174,24 @@ double mouthMotion(FollowedFace const& f)
     return sum / std::max(1e-3, f.openings.back().first - f.openings.front().first);
 }
 
+// The look of each of a face's mouths (see mouthLooks).
+void setLooks(FollowedFace& f)
+{
+    std::vector<MouthShape> shapes;
+    shapes.reserve(f.openings.size());
+    for (auto& o : f.openings) shapes.push_back(std::move(o.second));
+    mouthLooks(shapes);
+    for (std::size_t i = 0; i < shapes.size(); ++i) f.openings[i].second = std::move(shapes[i]);
+}
+
 // The mouths compared with the speech, over the whole movie: every face
 // followed, and where several were followed at once the one whose mouth
-// moves with the voice (the speaker's, shot by shot; a listener who chews
-// or smiles may move his more). Which face that is does not depend on
-// where the sound lies: each face is compared with the voice at every lag
-// the windows try. Without a voice, the face whose mouth moves most. Each
+// moves with the voice (the speaker's, shot by shot; a listener who chews,
+// smiles or sings along may move his more, and follow the voice loosely at
+// many lags, but not clearly at one). Which face that is does not depend
+// on where the sound lies: each face is compared with the voice at every
+// lag the movie is measured at. Without a voice, the face whose mouth
+// moves most. Each
 // face's measures are taken from its own mean, so that a cut from one face
 // to another is no step of a mouth.
 std::vector<std::pair<double, MouthShape>> speakingMouths(std::vector<FollowedFace> faces, suggest::Evidence const& sound)
@@ -188,13 +200,35 @@ std::vector<std::pair<double, MouthShape>> speakingMouths(std::vector<FollowedFa
         double withVoice, motion;
     };
     std::vector<Ranked> rank;
-    auto voice = faces.size() > 1 ? suggest::voiceRates(sound) : std::vector<suggest::Envelope>{};
-    for (auto const& f : faces) {
+    auto span = [](FollowedFace const& f) { return f.openings.size() < 2 ? 0.0 : f.openings.back().first - f.openings.front().first; };
+    auto overlapsAnother = [&](FollowedFace const& f) {
+        return std::any_of(faces.begin(), faces.end(), [&](FollowedFace const& g) {
+            return &g != &f && g.openings.size() >= 2 && g.openings.front().first < f.openings.back().first &&
+                   f.openings.front().first < g.openings.back().first;
+        });
+    };
+    double longest = 0;
+    for (auto const& f : faces) longest = std::max(longest, span(f));
+    auto voice = faces.size() > 1 ? suggest::voiceOf(sound) : suggest::Voice{};
+    double lags = suggest::lagsMeasured(suggest::Settings{}, sound.duration);
+    for (auto& f : faces) {
+        setLooks(f);
         double withVoice = 0;
-        if (f.openings.size() >= 2 && !voice.empty()) {
+        // Only faces seen at the same time compete for the voice.
+        if (f.openings.size() >= 2 && !voice.levels.empty() && overlapsAnother(f)) {
             double first = f.openings.front().first, last = f.openings.back().first;
-            auto opening = openingEnvelope(f.openings, &MouthShape::opening, last, 1.0 / suggest::kHopSeconds, first);
-            withVoice = suggest::mouthFollowsVoice(opening, voice, first, last - first, suggest::Settings{}.maxLag);
+            suggest::Evidence mouth;
+            double rate = 1.0 / suggest::kHopSeconds;
+            mouth.mouthOpening = openingEnvelope(f.openings, &MouthShape::opening, last, rate, first);
+            mouth.lipsApart = openingEnvelope(f.openings, &MouthShape::lipsApart, last, rate, first);
+            mouth.mouthDark = openingEnvelope(f.openings, &MouthShape::dark, last, rate, first);
+            mouth.mouthShade = openingEnvelope(f.openings, &MouthShape::shade, last, rate, first);
+            mouth.jaw = openingEnvelope(f.openings, &MouthShape::jaw, last, rate, first);
+            mouth.mouthLook = openingEnvelope(f.openings, &MouthShape::look, last, rate, first);
+            // A face followed for a moment can seem to follow the voice
+            // by chance: each counts by how long it was followed, against
+            // the face followed longest.
+            withVoice = suggest::mouthFollowsVoice(mouth, voice, first, last - first, lags) * span(f) / longest;
         }
         rank.push_back({withVoice, mouthMotion(f)});
     }
@@ -213,7 +247,6 @@ std::vector<std::pair<double, MouthShape>> speakingMouths(std::vector<FollowedFa
         std::vector<MouthShape> shapes;
         shapes.reserve(f.openings.size());
         for (auto& o : f.openings) shapes.push_back(std::move(o.second));
-        mouthLooks(shapes);
         MouthShape mean;
         for (auto const& m : shapes) {
             mean.opening += m.opening;
