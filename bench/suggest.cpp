@@ -379,6 +379,79 @@ bool run(std::string const& cmd)
     return std::system(cmd.c_str()) == 0;
 }
 
+// Where the sound of `copy` (the clip's sound moved by about `shift`)
+// landed against the clip's: the median of the measure's windows, or the
+// shift corrected by the tracks' starts when too little is found.
+double whereSoundLanded(std::string const& clip, std::string const& copy, double shift)
+{
+    auto [v0, a0] = trackStarts(clip);
+    auto [v1, a1] = trackStarts(copy);
+    media::SoundMeasureOptions along;
+    along.points = std::vector<Offset>{};
+    along.search = std::fabs(shift) + 0.1;
+    std::vector<double> found;
+    for (auto const& w : media::measureSoundAgainst(clip, copy, along).windows) found.push_back(w.error);
+    if (found.size() < 3) return shift + (a1 - a0) - (v1 - v0);
+    std::nth_element(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(found.size() / 2), found.end());
+    return found[found.size() / 2];
+}
+
+double durationOf(std::string const& path)
+{
+    return media::openMovie(path).movie->duration().seconds();
+}
+
+// Two faces side by side, each clip scaled to 360 lines at 25 frames a
+// second, with the sound of `voice` 0.2 s late, for `seconds` (a clip
+// shorter than that starts again).
+bool sideBySide(std::string const& left, std::string const& right, std::string const& voice, double seconds, std::string const& out)
+{
+    std::string filter = "[0:v:0]scale=-2:360,setsar=1,fps=25[l];[1:v:0]scale=-2:360,setsar=1,fps=25[r];[l][r]hstack=inputs=2[v];"
+                         "[2:a:0]aresample=44100,adelay=200:all=1[a]";
+    return run("ffmpeg -v error -y -i '" + left + "' -stream_loop -1 -i '" + right + "' -stream_loop -1 -i '" + voice + "' -filter_complex '" + filter +
+               "' -map '[v]' -map '[a]' -t " + std::to_string(seconds) +
+               " -c:v libx264 -c:a aac -b:a 128k '" + out + "'");
+}
+
+// Which face speaks: each clip beside three others (on either side), its
+// sound 0.2 s late; and two clips beside each other with a third's voice,
+// where no face speaks and every proposed line is wrong.
+void twoFaces(std::vector<std::string> const& clips)
+{
+    std::size_t n = clips.size();
+    if (n < 3) return;
+    auto stem = [](std::string const& c) { return std::filesystem::path(c).stem().string(); };
+    std::string movie = scratch + "/two-faces.mp4";
+    int ok = 0, wrong = 0, refused = 0, all = 0;
+    std::printf("\ntwo faces, the speaker's sound 0.2 s late (speaker, other face, speaker's side): verdict, error ms, confidence\n");
+    for (std::size_t i = 0; i < n; ++i)
+        for (std::size_t step : {1, 2, 4}) {
+            std::string const& speaker = clips[i];
+            std::string const& other = clips[(i + step) % n];
+            for (bool left : {true, false}) {
+                if (!sideBySide(left ? speaker : other, left ? other : speaker, speaker, durationOf(speaker), movie)) continue;
+                std::string name = stem(speaker) + " + " + stem(other) + (left ? " (left)" : " (right)");
+                RealOutcome o = suggestOn(movie, name, whereSoundLanded(speaker, movie, 0.2), true);
+                std::string verdict = !o.proposed ? "refused" : std::fabs(o.error) <= o.frame + 1e-9 ? "ok" : "WRONG";
+                ++all;
+                (verdict == "ok" ? ok : verdict == "WRONG" ? wrong : refused)++;
+                std::printf("  %-40s %-8s %6ld %5.2f\n", name.c_str(), verdict.c_str(), o.measured ? std::lround(o.error * 1000) : 0L, o.confidence);
+                std::fflush(stdout);
+            }
+        }
+    std::printf("two faces: %d of %d within a frame, %d wrong, %d refused\n", ok, all, wrong, refused);
+    int proposed = 0;
+    for (std::size_t i = 0; i < n; ++i) {
+        std::string const &a = clips[i], &b = clips[(i + 1) % n], &voice = clips[(i + 2) % n];
+        if (!sideBySide(a, b, voice, std::min(durationOf(a), durationOf(voice)), movie)) continue;
+        RealOutcome o = suggestOn(movie, stem(a) + " + " + stem(b) + ", voice of " + stem(voice), 0, false);
+        proposed += o.proposed;
+        std::printf("  %-40s %s %.2f\n", o.name.c_str(), o.proposed ? "PROPOSED" : "refused ", o.confidence);
+    }
+    std::printf("two faces, neither speaking: %d of %zu proposed\n", proposed, n);
+    std::remove(movie.c_str());
+}
+
 // The reel: every clip scaled into one 640x480 picture at 25 frames a
 // second and cut together, its sound made 0.1 % slower and 0.2 s later. The
 // line is audio = movie / 1.001 + 0.2 (the clips as published at 0).
@@ -454,7 +527,7 @@ void tenMinutes(std::vector<std::string> const& clips)
     std::remove(path.c_str());
 }
 
-int realClips(std::string const& dir, bool timing, std::string const& reelOf)
+int realClips(std::string const& dir, bool timing, std::string const& reelOf, bool withTwoFaces)
 {
     std::vector<std::string> clips;
     for (auto const& e : std::filesystem::directory_iterator(dir)) {
@@ -467,7 +540,6 @@ int realClips(std::string const& dir, bool timing, std::string const& reelOf)
     std::vector<RealOutcome> all;
     double movieSeconds = 0, suggestSeconds = 0;
     for (auto const& clip : clips) {
-        auto [v0, a0] = trackStarts(clip);
         std::string name = std::filesystem::path(clip).stem().string(), ext = std::filesystem::path(clip).extension().string();
         for (double shift : {-0.4, -0.2, -0.12, 0.12, 0.2, 0.4}) {
             char filter[96];
@@ -484,17 +556,7 @@ int realClips(std::string const& dir, bool timing, std::string const& reelOf)
             // of its own before the sound, and the muxer starts the picture
             // that much later to make up for them. They give the truth only
             // when too little of the sound is found.
-            auto [v1, a1] = trackStarts(copy);
-            double truth = shift + (a1 - a0) - (v1 - v0);
-            media::SoundMeasureOptions along;
-            along.points = std::vector<Offset>{};
-            along.search = std::fabs(shift) + 0.1;
-            std::vector<double> found;
-            for (auto const& w : media::measureSoundAgainst(clip, copy, along).windows) found.push_back(w.error);
-            if (found.size() >= 3) {
-                std::nth_element(found.begin(), found.begin() + static_cast<std::ptrdiff_t>(found.size() / 2), found.end());
-                truth = found[found.size() / 2];
-            }
+            double truth = whereSoundLanded(clip, copy, shift);
             double took = 0;
             std::string mouth;
             RealOutcome o = suggestOn(copy, name, truth, true, &took, &mouth);
@@ -574,6 +636,7 @@ int realClips(std::string const& dir, bool timing, std::string const& reelOf)
         if (reel4.empty()) std::printf("no clip's name begins with %s\n", reelOf.c_str());
         else reel(reel4, "reel of " + reelOf + "* in four orders");
     }
+    if (withTwoFaces) twoFaces(clips);
     if (timing) tenMinutes(clips);
     return 0;
 }
@@ -582,7 +645,7 @@ int realClips(std::string const& dir, bool timing, std::string const& reelOf)
 
 int main(int argc, char** argv)
 {
-    bool heldOut = false, timing = false, verbose = false;
+    bool heldOut = false, timing = false, verbose = false, withTwoFaces = false;
     int perCell = 4;
     double seconds = 120;
     std::vector<std::string> classes = {"flash", "cuts", "talk"};
@@ -597,8 +660,9 @@ int main(int argc, char** argv)
         else if (a == "--class" && i + 1 < argc) classes = {argv[++i]};
         else if (a == "--real" && i + 1 < argc) realDir = argv[++i];
         else if (a == "--reel-of" && i + 1 < argc) reelOf = argv[++i];
+        else if (a == "--two-faces") withTwoFaces = true;
         else {
-            std::fprintf(stderr, "usage: suggest [--held-out] [--movies N] [--seconds S] [--class flash|cuts|talk] [--verbose] [--timing] [--real DIR [--reel-of PREFIX]]\n");
+            std::fprintf(stderr, "usage: suggest [--held-out] [--movies N] [--seconds S] [--class flash|cuts|talk] [--verbose] [--timing] [--real DIR [--reel-of PREFIX] [--two-faces]]\n");
             return 2;
         }
     }
@@ -614,7 +678,7 @@ int main(int argc, char** argv)
     media::setupMediaLogging();
 
     if (!realDir.empty()) {
-        int status = realClips(realDir, timing, reelOf);
+        int status = realClips(realDir, timing, reelOf, withTwoFaces);
         rmdir(scratch.c_str());
         return status;
     }
