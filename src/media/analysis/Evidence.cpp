@@ -164,6 +164,19 @@ suggest::Envelope openingEnvelope(std::vector<std::pair<double, MouthShape>> con
     return e;
 }
 
+// The six measures of the mouths from `from` to `until`, as envelopes
+// at the evidence's rate.
+void setMouthMeasures(suggest::Evidence& e, std::vector<std::pair<double, MouthShape>> const& mouths, double until, double from = 0)
+{
+    double rate = 1.0 / suggest::kHopSeconds;
+    e.mouthOpening = openingEnvelope(mouths, &MouthShape::opening, until, rate, from);
+    e.lipsApart = openingEnvelope(mouths, &MouthShape::lipsApart, until, rate, from);
+    e.mouthDark = openingEnvelope(mouths, &MouthShape::dark, until, rate, from);
+    e.mouthShade = openingEnvelope(mouths, &MouthShape::shade, until, rate, from);
+    e.jaw = openingEnvelope(mouths, &MouthShape::jaw, until, rate, from);
+    e.mouthLook = openingEnvelope(mouths, &MouthShape::look, until, rate, from);
+}
+
 // How much a followed mouth moves: the summed change of its opening from
 // picture to picture, per second followed: which face speaks when no voice says.
 double mouthMotion(FollowedFace const& f)
@@ -191,9 +204,8 @@ void setLooks(FollowedFace& f)
 // many lags, but not clearly at one). Which face that is does not depend
 // on where the sound lies: each face is compared with the voice at every
 // lag the movie is measured at. Without a voice, the face whose mouth
-// moves most. Each
-// face's measures are taken from its own mean, so that a cut from one face
-// to another is no step of a mouth.
+// moves most. Each face's measures are taken from its own mean, so that a
+// cut from one face to another is no step of a mouth.
 std::vector<std::pair<double, MouthShape>> speakingMouths(std::vector<FollowedFace> faces, suggest::Evidence const& sound)
 {
     struct Ranked {
@@ -207,8 +219,6 @@ std::vector<std::pair<double, MouthShape>> speakingMouths(std::vector<FollowedFa
                    f.openings.front().first < g.openings.back().first;
         });
     };
-    double longest = 0;
-    for (auto const& f : faces) longest = std::max(longest, span(f));
     auto voice = faces.size() > 1 ? suggest::voiceOf(sound) : suggest::Voice{};
     double lags = suggest::lagsMeasured(suggest::Settings{}, sound.duration);
     for (auto& f : faces) {
@@ -218,17 +228,10 @@ std::vector<std::pair<double, MouthShape>> speakingMouths(std::vector<FollowedFa
         if (f.openings.size() >= 2 && !voice.levels.empty() && overlapsAnother(f)) {
             double first = f.openings.front().first, last = f.openings.back().first;
             suggest::Evidence mouth;
-            double rate = 1.0 / suggest::kHopSeconds;
-            mouth.mouthOpening = openingEnvelope(f.openings, &MouthShape::opening, last, rate, first);
-            mouth.lipsApart = openingEnvelope(f.openings, &MouthShape::lipsApart, last, rate, first);
-            mouth.mouthDark = openingEnvelope(f.openings, &MouthShape::dark, last, rate, first);
-            mouth.mouthShade = openingEnvelope(f.openings, &MouthShape::shade, last, rate, first);
-            mouth.jaw = openingEnvelope(f.openings, &MouthShape::jaw, last, rate, first);
-            mouth.mouthLook = openingEnvelope(f.openings, &MouthShape::look, last, rate, first);
+            setMouthMeasures(mouth, f.openings, last, first);
             // A face followed for a moment can seem to follow the voice
-            // by chance: each counts by how long it was followed, against
-            // the face followed longest.
-            withVoice = suggest::mouthFollowsVoice(mouth, voice, first, last - first, lags) * span(f) / longest;
+            // by chance: each counts by how long it was followed too.
+            withVoice = suggest::mouthFollowsVoice(mouth, voice, first, last - first, lags) * span(f);
         }
         rank.push_back({withVoice, mouthMotion(f)});
     }
@@ -753,13 +756,7 @@ MovieEvidence gatherEvidence(dm::Track const& video, dm::Track const& unedited, 
     if (follower) mouths = speakingMouths(follower->finish(), out.evidence);
     if (mouths.size() >= 2) {
         out.framesWithFace = static_cast<long>(mouths.size());
-        double rate = 1.0 / suggest::kHopSeconds;
-        out.evidence.mouthOpening = openingEnvelope(mouths, &MouthShape::opening, duration, rate);
-        out.evidence.lipsApart = openingEnvelope(mouths, &MouthShape::lipsApart, duration, rate);
-        out.evidence.mouthDark = openingEnvelope(mouths, &MouthShape::dark, duration, rate);
-        out.evidence.mouthShade = openingEnvelope(mouths, &MouthShape::shade, duration, rate);
-        out.evidence.jaw = openingEnvelope(mouths, &MouthShape::jaw, duration, rate);
-        out.evidence.mouthLook = openingEnvelope(mouths, &MouthShape::look, duration, rate);
+        setMouthMeasures(out.evidence, mouths, duration);
     }
     if (fields.fieldsApart()) {
         out.fieldsApart = true;
